@@ -1,0 +1,39 @@
+// Binding of the client's asynchronous queue and the hand-over of work to it.
+#include <cstdint>
+#include <mutex>
+
+#include "korvcache.h"
+
+namespace {
+// Guards `asyncq` and every hand-over: Enqueue runs with it held, so a queue
+// can never be unbound while it is receiving work.
+std::mutex asyncqlock;
+IAsyncQueue* asyncq = nullptr;
+
+// Passed to Process when the work runs inline and the caller gave no
+// parameter: a non-null marker that tells the item it runs on the queuing
+// thread (which may hold locks the item must not take again).
+void* const kInlineMarker = reinterpret_cast<void*>(static_cast<uintptr_t>(1));
+}  // namespace
+
+extern "C" KORV_EXPORT bool Cache_BindAsyncQ(IAsyncQueue* queue) {
+  if (queue == nullptr) return false;
+  std::lock_guard<std::mutex> guard(asyncqlock);
+  asyncq = queue;
+  return true;
+}
+
+extern "C" KORV_EXPORT void Cache_UnbindAsyncQ() {
+  std::lock_guard<std::mutex> guard(asyncqlock);
+  asyncq = nullptr;
+}
+
+extern "C" KORV_EXPORT void QueueAsync(IAsyncObj* work, void* param) {
+  std::unique_lock<std::mutex> guard(asyncqlock);
+  if (asyncq != nullptr) {
+    asyncq->Enqueue(work, param);
+    return;
+  }
+  guard.unlock();
+  work->Process(param != nullptr ? param : kInlineMarker);
+}

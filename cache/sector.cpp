@@ -1,0 +1,3 @@
+#include "cache/sector.h"
+
+const char tempbuffer[kSectorSize] = {};
