@@ -1,0 +1,145 @@
+#include "common/process.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <chrono>
+#include <cstdlib>
+#include <set>
+#include <stdexcept>
+#include <string>
+
+#include "common/clock.h"
+#include "common/platform.h"
+#include "support/temp_dir.h"
+
+TEST(PlatformTest, ExecutablePathNamesThisProgram) {
+  std::string path;
+  ASSERT_TRUE(ExecutablePath(&path));
+  struct stat by_path, by_proc;
+  ASSERT_EQ(0, stat(path.c_str(), &by_path));
+  ASSERT_EQ(0, stat("/proc/self/exe", &by_proc));
+  EXPECT_EQ(by_proc.st_ino, by_path.st_ino);
+  EXPECT_EQ(path.substr(0, path.rfind('/')), GetCurrentPath());
+  EXPECT_FALSE(IsFinderSync());
+}
+
+TEST(PlatformTest, UUIDsAreDistinctRandomVersion4Text) {
+  std::set<std::string> seen;
+  for (int i = 0; i < 1000; ++i) {
+    std::string uuid = NewUUID();
+    ASSERT_EQ(36u, uuid.size()) << uuid;
+    for (size_t k = 0; k < uuid.size(); ++k) {
+      bool dash = k == 8 || k == 13 || k == 18 || k == 23;
+      ASSERT_TRUE(dash ? uuid[k] == '-' : isxdigit(uuid[k]) && !isupper(uuid[k])) << uuid;
+    }
+    ASSERT_EQ('4', uuid[14]) << uuid;  // random, not time-based
+    seen.insert(uuid);
+  }
+  EXPECT_EQ(1000u, seen.size());
+}
+
+TEST(PlatformTest, VolumeFreeBytesCountsReservedBlocks) {
+  TempDir dir;
+  long long free_bytes = -1;
+  ASSERT_TRUE(VolumeFreeBytes(dir.path(), &free_bytes));
+  struct statvfs info;
+  ASSERT_EQ(0, statvfs(dir.path().c_str(), &info));
+  // Slack for concurrent writers; the superuser's reserve (5% on ext4) is far
+  // larger, so counting f_bavail instead would show.
+  EXPECT_NEAR(static_cast<double>(info.f_frsize) * info.f_bfree, free_bytes, 64.0 * 1024 * 1024);
+
+  long long untouched = 12345;
+  EXPECT_FALSE(VolumeFreeBytes(dir.File("no/such/dir"), &untouched));
+  EXPECT_EQ(12345, untouched);
+}
+
+TEST(ProcessTest, ChronoCountsWholeMillisecondsOnTheSteadyClock) {
+  Chrono chrono;
+  EXPECT_GE(chrono.elapsed(), 0);
+  AdvanceClockForTesting(std::chrono::microseconds(5999900));
+  EXPECT_GE(chrono.elapsed(), 5999);
+  EXPECT_LT(chrono.elapsed(), 7000);
+  long long before = SteadyNow().time_since_epoch().count();
+  long long start = chrono.reset();
+  EXPECT_LE(before, start);
+  EXPECT_GE(SteadyNow().time_since_epoch().count(), start);
+  EXPECT_LT(chrono.elapsed(), 1000);
+  ResetClockForTesting();
+}
+
+TEST(ProcessTest, OctalToDecimal) {
+  EXPECT_EQ(0, octalToDecimal(0));
+  EXPECT_EQ(8, octalToDecimal(10));
+  EXPECT_EQ(493, octalToDecimal(755));
+  EXPECT_EQ(134217728, octalToDecimal(1000000000));  // 8^9
+  EXPECT_EQ(17, octalToDecimal(19));                   // 9 passes as a digit
+  EXPECT_EQ(-15, octalToDecimal(-17));
+}
+
+TEST(ProcessTest, PexecReturnsWholeStandardOutput) {
+  EXPECT_EQ("", pexec("true"));
+  EXPECT_EQ("no newline", pexec("printf 'no newline'"));
+  EXPECT_EQ("out\n", pexec("echo out; echo err-not-captured >&2"));
+  EXPECT_EQ("", pexec("/nonexistent/command 2>/dev/null"));
+  std::string a(300, 'a'), b(127, 'b');
+  EXPECT_EQ(a + "\n" + b + "\n" + a, pexec("printf '%s\\n%s\\n%s' " + a + " " + b + " " + a));
+  EXPECT_EQ(1000000u, pexec("head -c 1000000 /dev/zero | tr '\\0' z").size());
+}
+
+TEST(ProcessTest, PexecThrowsWhenNoPipeCanBeOpened) {
+  struct rlimit saved, none;
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
+  none = saved;
+  none.rlim_cur = 0;
+  ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &none));
+  // The limit goes back before anything else: the sanitizers' runtime needs
+  // descriptors to check the exception object.
+  std::string message;
+  try {
+    pexec("echo never");
+    setrlimit(RLIMIT_NOFILE, &saved);
+  } catch (const std::runtime_error& e) {
+    setrlimit(RLIMIT_NOFILE, &saved);
+    message = e.what();
+  }
+  ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &none));
+  ASSERT_EQ(saved.rlim_cur, none.rlim_cur);
+  EXPECT_EQ("popen() failed!", message);
+}
+
+TEST(ProcessTest, IsRunningPID) {
+  EXPECT_TRUE(IsRunningPID(getpid()));
+  EXPECT_FALSE(IsRunningPID(0x7ffffff0));                // beyond any pid_max
+  EXPECT_FALSE(IsRunningPID((1LL << 32) + getpid()));  // not truncated to ours
+}
+
+TEST(ProcessTest, ResourcePathIsResolvedWhenItExists) {
+  const std::string resources = GetCurrentPath() + "/../Resources";
+  struct stat info;
+  bool created = false;
+  if (stat(resources.c_str(), &info) != 0) {
+    EXPECT_EQ(resources + "/", GetResourcePath());  // kept unresolved
+    ASSERT_EQ(0, mkdir(resources.c_str(), 0755));
+    created = true;
+  }
+  char* parent = realpath((GetCurrentPath() + "/..").c_str(), nullptr);
+  ASSERT_NE(nullptr, parent);
+  EXPECT_EQ(std::string(parent) + "/Resources/", GetResourcePath());
+  free(parent);
+  if (created) rmdir(resources.c_str());
+}
+
+TEST(ProcessTest, UserPaths) {
+  UserAccount account;
+  if (CurrentUserAccount(&account)) {
+    EXPECT_EQ(account.name + "\n", pexec("id -un"));
+  }
+  EXPECT_EQ("/Volumes/Drive_" + GetUserName(), GetOSXMountPath("Drive"));
+  EXPECT_FALSE(GetHomePath().empty());
+  EXPECT_EQ(GetHomePath() + "/Library/Application Support", GetAppDataPath("unused"));
+}
