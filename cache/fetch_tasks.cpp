@@ -1,0 +1,120 @@
+#include "cache/fetch_tasks.h"
+
+#include <algorithm>
+#include <cstdint>
+
+#include "cache/logging.h"
+#include "cache/readonly_cache.h"
+
+namespace {
+
+// Failures after the reader closed its handle are expected and not logged.
+bool HandleOpen(const std::shared_ptr<_FS_HANDLE>& handle) { return handle == nullptr || handle->state < 3; }
+
+// Only the low 32 bits of a fetch result carry its status.
+bool FetchFailed(long long result) { return static_cast<uint32_t>(result) != 0; }
+
+}  // namespace
+
+int SyncFetch::FetchWrite(long long offset, const char* data, long length, long* written) {
+  return cache_->FetchWriteNoLock(offset, data, length, written);
+}
+
+void SyncFetch::ClearReserved(long long offset, long long length) { cache_->ClearReservedNoLock(offset, length); }
+
+AsyncFetch::AsyncFetch(ReadonlyCache* cache, IFetch* fetch, long long offset, long long length,
+                       std::shared_ptr<_FS_HANDLE> handle)
+    : cache_(cache), fetch_(fetch), offset_(offset), length_(length), handle_(std::move(handle)) {
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead : %lld, %d", cache_->GetFileName().c_str(), offset_,
+           static_cast<int>(length_));
+  cache_->TaskStarted();
+}
+
+AsyncFetch::~AsyncFetch() { cache_->TaskEnded(); }
+
+void AsyncFetch::Process(void* context) {
+  const std::string tag = cache_->GetFileName();
+  SyncFetch inline_callback(cache_);
+  IFetchCallback* callback = context != nullptr ? static_cast<IFetchCallback*>(&inline_callback)
+                                                : static_cast<IFetchCallback*>(cache_);
+  long long result = fetch_->Fetch(offset_, static_cast<long>(length_), handle_, callback);
+  if (FetchFailed(result) && HandleOpen(handle_)) {
+    KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Read-ahead failed : %lld, %d", tag.c_str(), offset_,
+             static_cast<int>(length_));
+  }
+  // Whatever did not arrive becomes absent again, so waiting readers queue
+  // it anew instead of waiting for ever.
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead : clear empty reserved block(s)", tag.c_str());
+  if (context != nullptr) {
+    inline_callback.ClearReserved(offset_, length_);
+  } else {
+    cache_->ClearReserved(offset_, length_);
+  }
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead done : %lld, %d", tag.c_str(), offset_,
+           static_cast<int>(length_));
+  delete this;
+}
+
+void AsyncFetch::Canceled(void*) {
+  cache_->ClearReserved(offset_, length_);
+  delete this;
+}
+
+AsyncLargeFetch::AsyncLargeFetch(ReadonlyCache* cache, IFetch* fetch, long long offset, long long length,
+                                 std::shared_ptr<_FS_HANDLE> handle, bool whole_file)
+    : cache_(cache),
+      fetch_(fetch),
+      offset_(offset),
+      length_(length),
+      handle_(std::move(handle)),
+      whole_file_(whole_file) {
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead large block : %lld, %lld", cache_->GetFileName().c_str(),
+           offset_, length_);
+  cache_->TaskStarted();
+}
+
+AsyncLargeFetch::~AsyncLargeFetch() { cache_->TaskEnded(); }
+
+void AsyncLargeFetch::Process(void* context) {
+  const std::string tag = cache_->GetFileName();
+  KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] AsyncLargeFetch : %lld, %lld", tag.c_str(), offset_, length_);
+  const _CACHECONFIG conf = cache_->GetConfig();
+  SyncFetch inline_callback(cache_);
+  IFetchCallback* callback = context != nullptr ? static_cast<IFetchCallback*>(&inline_callback)
+                                                : static_cast<IFetchCallback*>(cache_);
+  long long position = offset_;
+  long long remaining = length_;
+  while (remaining > 0) {
+    long long piece = remaining;
+    // A largest-request setting of 0 would never advance: fetch the rest.
+    if (!whole_file_ && conf.readfetchmax > 0) {
+      piece = std::min(remaining, static_cast<long long>(std::min<uint64_t>(conf.readfetchmax, INT64_MAX)));
+    }
+    long long result = fetch_->Fetch(position, static_cast<long>(piece), handle_, callback);
+    if (FetchFailed(result)) {
+      if (HandleOpen(handle_)) {
+        KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s:%d] Read-ahead large block failed : %lld, %lld", tag.c_str(),
+                 static_cast<int>(result), offset_, length_);
+      }
+      break;
+    }
+    position += piece;
+    remaining -= piece;
+  }
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead large : clear empty reserved block(s)", tag.c_str());
+  if (context != nullptr) {
+    inline_callback.ClearReserved(offset_, length_);
+  } else {
+    cache_->ClearReserved(offset_, length_);
+  }
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead large block done : %lld, %lld", tag.c_str(), offset_,
+           length_);
+  cache_->LargeFetchEnded(this);
+  delete this;
+}
+
+void AsyncLargeFetch::Canceled(void*) {
+  cache_->ClearReserved(offset_, length_);
+  cache_->LargeFetchEnded(this);
+  delete this;
+}

@@ -1,0 +1,164 @@
+// Construction, the cache file and the small operations of ReadonlyCache.
+// The read path is in readonly_read_path.cpp, read-ahead in read_ahead.cpp,
+// eviction in sector_eviction.cpp.
+#include "cache/readonly_cache.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <regex>
+#include <thread>
+
+#include "cache/default_settings.h"
+#include "cache/logging.h"
+#include "common/process.h"
+#include "common/split.h"
+
+namespace {
+
+bool IsFileOrDirectory(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode));
+}
+
+// The origin's name is "drive:path:..." in some clients; the middle part is
+// what a person recognises in the log.
+std::string TagFromName(const std::string& name) {
+  static const std::regex kColon(":");
+  std::vector<std::string> parts = split(name, kColon);
+  return parts.size() >= 2 ? parts[1] : name;
+}
+
+std::string NewCachePath(const std::string& cache_dir) {
+  std::string path;
+  do {
+    path = cache_dir + NewUUID() + ".cache";
+  } while (IsFileOrDirectory(path));
+  return path;
+}
+
+}  // namespace
+
+ReadonlyCache::ReadonlyCache(std::string cache_dir, std::string name, long long origin_size,
+                             ICacheConfig* config)
+    : cache_dir_(std::move(cache_dir)),
+      file_name_(TagFromName(name)),
+      cache_path_(NewCachePath(cache_dir_)),
+      handle_(cache_path_),
+      origin_size_(origin_size),
+      config_(config) {
+  FillLadder();
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read only cache initialized", file_name_.c_str());
+}
+
+ReadonlyCache::~ReadonlyCache() {
+  Close(true);
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read only cache uninitialized", GetFileName().c_str());
+}
+
+void ReadonlyCache::FillLadder() {
+  _CACHECONFIG conf = GetConfig();
+  const long long ramax = static_cast<long long>(conf.ramax);
+  ladder_[0] = static_cast<long long>(conf.ramin);
+  for (size_t i = 1; i < ladder_.size(); ++i) ladder_[i] = std::min(ladder_[i - 1] * 2, ramax);
+}
+
+_CACHECONFIG ReadonlyCache::GetConfig() {
+  return config_ != nullptr ? config_->GetConfig() : kDefaultCacheConfig;
+}
+
+std::string ReadonlyCache::GetFileName() const {
+  std::lock_guard<std::mutex> guard(name_lock_);
+  return file_name_;
+}
+
+void ReadonlyCache::ChangeFileName(std::string new_name) {
+  std::lock_guard<std::mutex> guard(name_lock_);
+  file_name_ = std::move(new_name);
+}
+
+void ReadonlyCache::ClearIndexNoLock() {
+  sectors_.clear();
+  empty_sectors_.clear();
+  history_.clear();
+}
+
+std::shared_ptr<FILE> ReadonlyCache::OpenStream(bool index_locked) {
+  if (!handle_.IsValidHandle()) {
+    if (!IsFileOrDirectory(cache_path_)) {
+      // Deleted behind our back: the slots the index points at are gone.
+      std::unique_lock<std::mutex> guard(index_lock_, std::defer_lock);
+      if (!index_locked) guard.lock();
+      if (!sectors_.empty()) {
+        KORV_LOG(LOGLEVEL_WARNING, "[CACHE     ] Cache file is deleted. Clear cache information. : %s",
+                 cache_path_.c_str());
+        ClearIndexNoLock();
+      }
+    }
+    FILE* stream = fopen(cache_path_.c_str(), "r+");
+    if (stream == nullptr) stream = fopen(cache_path_.c_str(), "w+");
+    int open_errno = errno;
+    handle_ = stream;
+    if (stream != nullptr) {
+      KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read only cache opened(%s)", GetFileName().c_str(),
+               cache_path_.c_str());
+    } else {
+      KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] Cache open has failed : %s(%d)", cache_path_.c_str(),
+               open_errno);
+    }
+  }
+  return handle_.GetHandle();
+}
+
+long long ReadonlyCache::FileLength(bool index_locked) {
+  std::shared_ptr<FILE> stream = OpenStream(index_locked);
+  if (!stream) return 0;
+  // Under file_lock_: the seek moves the position another thread may be
+  // about to read or write at.
+  std::lock_guard<std::mutex> guard(file_lock_);
+  if (fseeko(stream.get(), 0, SEEK_END) != 0) return 0;
+  off_t end = ftello(stream.get());
+  return end < 0 ? 0 : static_cast<long long>(end);
+}
+
+long long ReadonlyCache::GetFileSize() { return FileLength(false); }
+
+long long ReadonlyCache::GetFileOffset() { return FileLength(false); }
+
+long long ReadonlyCache::GetFileSizeForQuota() {
+  return IsFileOrDirectory(cache_path_) ? GetFileSize() : 0;
+}
+
+unsigned int ReadonlyCache::Write(_WRITEDATA*) { return kErrReadOnly; }
+
+unsigned int ReadonlyCache::Truncate(long long) { return kErrReadOnly; }
+
+bool ReadonlyCache::CheckHandles() { return handle_.CloseIfExpired(); }
+
+void ReadonlyCache::LargeFetchEnded(AsyncLargeFetch* task) {
+  AsyncLargeFetch* expected = task;
+  read_ahead_.compare_exchange_strong(expected, nullptr);
+}
+
+unsigned int ReadonlyCache::Close(bool remove) {
+  delete_on_close_.store(remove, std::memory_order_relaxed);
+  // Fetch tasks hold a raw pointer to this cache: it must outlive them all.
+  for (;;) {
+    int64_t running = read_ahead_count_.load(std::memory_order_acquire);
+    if (running == 0) break;
+    KORV_LOG(LOGLEVEL_DEBUG,
+             "[CACHE     ] [%s] %lld of read-ahead thread still working. Wait for thread termination.",
+             GetFileName().c_str(), static_cast<long long>(running));
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+
+  std::lock_guard<std::mutex> guard(index_lock_);
+  if (!delete_on_close_.load(std::memory_order_relaxed)) return kOk;
+  // A stream closed for idleness means the file is kept on disk.
+  if (!handle_.IsValidHandle()) return kErrNotOpen;
+  handle_.Close();
+  ClearIndexNoLock();
+  ::remove(cache_path_.c_str());
+  return kOk;
+}

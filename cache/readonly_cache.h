@@ -1,0 +1,184 @@
+// The read-only form of a cache file: a sparse local copy of one remote file.
+//
+// The cache file is a headerless run of 512 KiB slots. Each cached sector of
+// the origin occupies one whole slot (a short last sector is zero padded);
+// slots are handed out in fetch order, so which origin sector lies where is
+// known only from the in-memory index `sectors_`. An instance never reopens
+// a file it did not create: it starts empty with a fresh UUID-named file and
+// deletes it when closed.
+//
+// Locks, outermost first: index_lock_, then file_lock_, then the file
+// handle's own lock. index_lock_ guards the index, the free-slot list, the
+// read history and the read-ahead ladder; file_lock_ guards every seek and
+// its transfer on the one shared stream.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "cache/timed_handle.h"
+#include "common/clock.h"
+#include "korvcache.h"
+
+class AsyncLargeFetch;
+class WritableCache;
+
+// One cached sector. A fresh entry is all zero until its creator fills it.
+struct _SECTOR {
+  long long cache_offset = 0;  // slot position in the cache file; -1 while none is assigned
+  long long size = 0;          // valid data bytes in the slot
+  long long hits = 0;          // reads served since the sector was last queued
+  bool reserved = false;       // data on the way; readers wait while set
+  SteadyTime access_time{};    // last read, or the reservation
+};
+
+// One remembered read, for read-ahead detection.
+struct _READHISTORY {
+  long long offset;
+  unsigned long long size;
+  SteadyTime time;
+};
+
+class ReadonlyCache : public ICacheFile, public IFetchCallback {
+ public:
+  // Nothing is created on disk until the first read or fetch write.
+  // `cache_dir` must end with a separator: the file name is appended to it.
+  // For a `name` of the form a:b:c the log tag is b. `config` must outlive
+  // the cache.
+  ReadonlyCache(std::string cache_dir, std::string name, long long origin_size,
+                ICacheConfig* config);
+  // Waits for every fetch task of this cache, then deletes its file.
+  ~ReadonlyCache() override;
+
+  ReadonlyCache(const ReadonlyCache&) = delete;
+  ReadonlyCache& operator=(const ReadonlyCache&) = delete;
+
+  // Serves the request end to end: queues fetches for missing sectors (at
+  // least 1 MiB from the offset), waits in 10 ms polls, copies the bytes out.
+  // Without a fetcher it serves only what is cached, possibly 0 bytes.
+  // Returns: kOk, kErrInvalidArgument, kErrRead (no stream, sector missing,
+  // time-out), kErrHandleClosed, kErrFileRead.
+  unsigned int Read(_READDATA* request) override;
+  // Returns: kErrReadOnly, always.
+  unsigned int Write(_WRITEDATA* request) override;
+  // Marks the missing sectors of the range as on their way.
+  // Returns: kOk, kErrUnaligned, kNothingReserved.
+  unsigned int Reserve(long long offset, long long length) override;
+  // Forgets the sectors of the range that are still reserved. Returns kOk.
+  unsigned int ClearReserved(long long offset, long long length) override;
+  // Waits for running fetch tasks; with `remove` deletes the file and the
+  // index. Returns: kOk, kErrNotOpen (remove requested but the stream was
+  // closed for idleness: the file then stays on disk).
+  unsigned int Close(bool remove) override;
+  // Returns: kErrReadOnly, always.
+  unsigned int Truncate(long long size) override;
+  bool IsReadonly() override { return true; }
+  ICacheFile* RebuildToWritableCache(IFetch*, ICacheConfig*) override { return nullptr; }
+  ICacheFile* RebuildToReadonlyCache(IFetch*, ICacheConfig*) override { return nullptr; }
+  // Drops sectors not read for long enough, compacts and trims the file,
+  // deletes it when empty.
+  void ClearOldCache(bool over_quota) override;
+  // The cache file's physical length; 0 when it cannot be opened.
+  long long GetFileSize() override;
+  // GetFileSize() while the file exists; 0 (without reopening) once deleted.
+  long long GetFileSizeForQuota() override;
+  // How far the run of indexed sectors reaches from `offset`: the sector of
+  // `offset` if it is not indexed, else the last sector of the unbroken run
+  // after it, or -1 when that run reaches beyond offset + ramax.
+  long long GetLargestEmptyOffset(long long offset) override;
+  unsigned int FillEmptySectors(IFetch*) override { return kOk; }
+  // Replaces the log tag only; the cache file keeps its name.
+  void ChangeFileName(std::string new_name) override;
+  // Closes the stream if it has been idle long enough; true when it did.
+  bool CheckHandles() override;
+
+  // Stores fetched bytes. REQUIRES: index_lock_ held.
+  // Returns: kOk, kErrRead (no stream), kErrUnaligned, kErrFileWrite.
+  virtual int FetchWriteNoLock(long long offset, const char* data, long length, long* written);
+  // Takes index_lock_ and calls FetchWriteNoLock.
+  int FetchWrite(long long offset, const char* data, long length, long* written) override;
+  // The current settings of the owning manager.
+  virtual _CACHECONFIG GetConfig();
+  // Where a new slot is appended: the file's physical length.
+  virtual long long GetFileOffset();
+
+  // A reference to the open stream, opening (or, when it vanished, recreating)
+  // the file as needed; null when that fails.
+  std::shared_ptr<FILE> GetHandle() { return OpenStream(false); }
+  // The log tag. A copy: ChangeFileName may replace it on another thread.
+  std::string GetFileName() const;
+  const std::string& GetCachePath() const { return cache_path_; }
+
+  // REQUIRES: index_lock_ held. Counterparts of the locking operations for
+  // fetch tasks that run inline on a thread already holding the lock.
+  void ClearReservedNoLock(long long offset, long long length);
+
+  // Bookkeeping of the fetch tasks that refer to this cache.
+  void TaskStarted() { read_ahead_count_.fetch_add(1, std::memory_order_relaxed); }
+  void TaskEnded() { read_ahead_count_.fetch_sub(1, std::memory_order_release); }
+  // Forgets `task` as the running large read-ahead, if it is.
+  void LargeFetchEnded(AsyncLargeFetch* task);
+
+ private:
+  // Queue state of one read.
+  enum class Queued { kNothing, kReadAhead, kFetch };
+
+  // REQUIRES: index_lock_ held (for all below).
+  int QueueEmptySectors(long long start, long long end, IFetch* fetch,
+                        std::shared_ptr<_FS_HANDLE> handle);
+  void QueueEmptySectors(std::deque<long long>& offsets, IFetch* fetch,
+                         std::shared_ptr<_FS_HANDLE> handle);
+  unsigned int ReserveNoLock(long long offset, long long length);
+  int CheckReadAhead(_READDATA* request);
+  void RecordRead(const _READHISTORY& entry);
+  long long LargestEmptyOffsetNoLock(long long offset);
+  void ClearIndexNoLock();
+
+  // Opens the stream on demand. When the file has vanished behind the
+  // cache's back the index is dropped first, taking index_lock_ unless the
+  // caller says it holds it.
+  std::shared_ptr<FILE> OpenStream(bool index_locked);
+  // Physical length of the file; takes file_lock_.
+  long long FileLength(bool index_locked);
+  // Waits for the read phase: true when every sector of the range is present
+  // and settled. REQUIRES: index_lock_ held. On false, *stop is the sector
+  // the walk stopped at and *missing tells why.
+  bool RangeReady(long long start, long long end, long long* stop, bool* missing);
+  // Copies the range out. REQUIRES: index_lock_ held.
+  unsigned int CopyOut(_READDATA* request, const std::shared_ptr<FILE>& stream, long long start,
+                       bool fetching);
+  void FillLadder();
+
+  // The single large read-ahead that may run for this file. Set under
+  // index_lock_, cleared by the finishing task without it.
+  std::atomic<AsyncLargeFetch*> read_ahead_{nullptr};
+  // Queued or running fetch tasks that refer to this cache.
+  std::atomic<int64_t> read_ahead_count_{0};
+  // Written by Close before it takes index_lock_.
+  std::atomic<bool> delete_on_close_{true};
+
+  std::mutex index_lock_;
+  std::mutex file_lock_;
+
+  const std::string cache_dir_;
+  mutable std::mutex name_lock_;
+  std::string file_name_;  // guarded by name_lock_
+  std::string cache_path_;
+  TimedHandle handle_;
+
+  // State below is protected by index_lock_.
+  std::map<long long, _SECTOR> sectors_;
+  std::deque<long long> empty_sectors_;
+  std::deque<_READHISTORY> history_;
+  long long origin_size_;
+  std::array<long long, 50> ladder_{};
+  int ladder_position_ = 1;  // 1-based
+
+  ICacheConfig* const config_;
+};

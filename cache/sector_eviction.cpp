@@ -1,0 +1,117 @@
+// Eviction of ReadonlyCache: drops sectors not read for long enough, moves
+// the highest slots down into the freed ones, cuts free slots off the end of
+// the file and deletes the file once nothing is left in it.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+#include "cache/logging.h"
+#include "cache/readonly_cache.h"
+#include "cache/sector.h"
+
+namespace {
+
+// A sector that stays, with its slot; compaction visits them highest first.
+struct _SECTOR_USING {
+  long long offset;
+  long long cache_offset;
+};
+
+}  // namespace
+
+void ReadonlyCache::ClearOldCache(bool over_quota) {
+  std::lock_guard<std::mutex> index(index_lock_);
+  const SteadyTime now = SteadyNow();
+  const _CACHECONFIG conf = GetConfig();
+  const uint64_t max_used_age = over_quota ? conf.clroverused : conf.clrused;
+  const uint64_t max_unused_age = over_quota ? conf.clroverunused : conf.clrunused;
+
+  std::vector<long long> selected;
+  for (const auto& entry : sectors_) {
+    const _SECTOR& sector = entry.second;
+    if (sector.reserved) continue;  // a fetch is under way
+    // Compared unsigned, so an access time in the future counts as very old.
+    const auto age = static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::seconds>(now - sector.access_time).count());
+    // Any sector old enough goes, whether or not it was ever read.
+    if ((sector.hits > 0 && age > max_used_age) || age > max_unused_age) selected.push_back(entry.first);
+  }
+  if (selected.empty()) return;
+  std::shared_ptr<FILE> stream = OpenStream(true);
+  if (!stream) return;
+
+  const std::string tag = GetFileName();
+  KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] ClearOldCache : %d sector(s) will clear(total %d sector(s))",
+           tag.c_str(), static_cast<int>(selected.size()), static_cast<int>(sectors_.size()));
+  for (long long offset : selected) {
+    auto it = sectors_.find(offset);
+    if (it->second.cache_offset != -1) empty_sectors_.push_back(it->second.cache_offset);
+    sectors_.erase(it);
+  }
+  const long long old_size = FileLength(true);
+  std::sort(empty_sectors_.begin(), empty_sectors_.end());
+
+  std::vector<_SECTOR_USING> remaining;
+  remaining.reserve(sectors_.size());
+  for (const auto& entry : sectors_) remaining.push_back({entry.first, entry.second.cache_offset});
+  std::sort(remaining.begin(), remaining.end(),
+            [](const _SECTOR_USING& a, const _SECTOR_USING& b) { return a.cache_offset > b.cache_offset; });
+
+  std::vector<char> buffer(static_cast<size_t>(kSectorSize));
+  for (const _SECTOR_USING& using_slot : remaining) {
+    if (empty_sectors_.empty()) break;
+    const long long lowest_free = empty_sectors_.front();
+    // Every later sector lies lower still: nothing more to move down.
+    if (using_slot.cache_offset < lowest_free) break;
+    empty_sectors_.pop_front();
+    _SECTOR& sector = sectors_[using_slot.offset];
+    std::lock_guard<std::mutex> file(file_lock_);
+    if (fseeko(stream.get(), static_cast<off_t>(sector.cache_offset), SEEK_SET) != 0) break;
+    size_t got = fread(buffer.data(), 1, static_cast<size_t>(sector.size), stream.get());
+    if (got == 0 && ferror(stream.get())) {
+      clearerr(stream.get());
+      break;
+    }
+    if (fseeko(stream.get(), static_cast<off_t>(lowest_free), SEEK_SET) != 0) break;
+    size_t put = fwrite(buffer.data(), 1, got, stream.get());
+    if (put != got || fflush(stream.get()) != 0) {
+      // The sector stays where it was; its old slot still holds its bytes.
+      clearerr(stream.get());
+      break;
+    }
+    empty_sectors_.push_back(sector.cache_offset);
+    sector.cache_offset = lowest_free;
+  }
+  buffer = std::vector<char>();
+
+  std::sort(empty_sectors_.begin(), empty_sectors_.end(), std::greater<long long>());
+  long long size = FileLength(true);
+  long long cut_at = -1;
+  while (!empty_sectors_.empty() && empty_sectors_.front() + kSectorSize == size) {
+    cut_at = empty_sectors_.front();
+    empty_sectors_.pop_front();
+    size -= kSectorSize;
+  }
+  if (cut_at >= 0) {
+    std::lock_guard<std::mutex> file(file_lock_);
+    if (fflush(stream.get()) != 0 || ftruncate(fileno(stream.get()), static_cast<off_t>(cut_at)) != 0) {
+      int error = errno;
+      KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Truncate failed : %s(%d)", tag.c_str(), strerror(error), error);
+    }
+  }
+  stream.reset();
+  std::sort(empty_sectors_.begin(), empty_sectors_.end());
+
+  const long long new_size = FileLength(true);
+  if (new_size == 0) {
+    handle_.Close();
+    ::remove(cache_path_.c_str());
+    KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] ClearOldCache : OK, %lld => %lld(Deleted)", tag.c_str(), old_size,
+             0LL);
+  } else {
+    KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] ClearOldCache : OK, %lld => %lld", tag.c_str(), old_size, new_size);
+  }
+}

@@ -1,0 +1,65 @@
+// A deterministic origin: the byte at offset x is ByteAt(x). It records every
+// range it is asked for and can be told to fail, to deliver short, to deliver
+// nothing, to deliver more than asked, or to block until released.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "korvcache.h"
+
+class FakeOrigin : public IFetch {
+ public:
+  enum class Mode {
+    kNormal,   // deliver the range, clipped to the file size
+    kFail,     // deliver nothing, return 1
+    kShort,    // deliver the first half of the range (whole sectors), return 0
+    kNothing,  // deliver nothing, return 0
+    kExtra,    // deliver one sector past the range too, return 0
+  };
+
+  explicit FakeOrigin(long long size) : size_(size) {}
+
+  static char ByteAt(long long offset) {
+    uint64_t v = static_cast<uint64_t>(offset) * 0x9E3779B97F4A7C15ull;
+    return static_cast<char>((v >> 56) ^ (static_cast<uint64_t>(offset) >> 19));
+  }
+  // Index of the first byte of `data` that differs from the origin's bytes at
+  // `offset`, or -1 when all `length` bytes match.
+  static long long FirstMismatch(const char* data, long long offset, long long length);
+
+  long long Fetch(long long offset, long length, std::shared_ptr<_FS_HANDLE> handle,
+                  IFetchCallback* callback) override;
+  std::string HandleInfo(_FS_HANDLE* handle) override;
+
+  long long size() const { return size_; }
+  void set_mode(Mode mode) { mode_.store(mode); }
+  // Size of each FetchWrite call; 0 delivers the whole range in one call.
+  void set_delivery(long bytes) { delivery_.store(bytes); }
+  // While blocked, Fetch waits (after recording the request) until Release.
+  void Block();
+  void Release();
+  // Waits until at least `n` requests arrived; false after ~5 s.
+  bool WaitForRequests(size_t n);
+
+  std::vector<std::pair<long long, long>> Requests() const;
+  long long BytesFetched() const;
+  void ClearRequests();
+  // Results of the callback's FetchWrite calls, in order.
+  std::vector<int> WriteResults() const;
+
+ private:
+  const long long size_;
+  std::atomic<Mode> mode_{Mode::kNormal};
+  std::atomic<long> delivery_{524288};
+  mutable std::mutex lock_;
+  std::condition_variable changed_;
+  bool blocked_ = false;                              // guarded by lock_
+  std::vector<std::pair<long long, long>> requests_;  // guarded by lock_
+  std::vector<int> write_results_;                    // guarded by lock_
+};

@@ -1,0 +1,92 @@
+#include "support/test_queue.h"
+
+#include <chrono>
+
+TestQueue::TestQueue(Mode mode, int workers) : mode_(mode) {
+  for (int i = 0; i < workers; ++i) workers_.emplace_back([this] { Worker(); });
+  Cache_BindAsyncQ(this);
+}
+
+TestQueue::~TestQueue() {
+  Cache_UnbindAsyncQ();
+  CancelHeld();
+  {
+    std::unique_lock<std::mutex> guard(lock_);
+    // Whatever is still waiting is canceled, as a client does at unmount.
+    for (Item& item : ready_) item.cancel = true;
+    stopping_ = true;
+    changed_.notify_all();
+  }
+  for (std::thread& t : workers_) t.join();
+}
+
+void TestQueue::Enqueue(IAsyncObj* work, void* param) {
+  std::lock_guard<std::mutex> guard(lock_);
+  ++enqueued_;
+  if (mode_ == Mode::kHold) {
+    held_.push_back({work, param, false});
+  } else {
+    ready_.push_back({work, param, mode_ == Mode::kDrop});
+  }
+  changed_.notify_all();
+}
+
+void TestQueue::set_mode(Mode mode) {
+  std::lock_guard<std::mutex> guard(lock_);
+  mode_ = mode;
+}
+
+size_t TestQueue::Held() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return held_.size();
+}
+
+void TestQueue::RunHeld() {
+  std::lock_guard<std::mutex> guard(lock_);
+  while (!held_.empty()) {
+    ready_.push_back(held_.front());
+    held_.pop_front();
+  }
+  changed_.notify_all();
+}
+
+void TestQueue::CancelHeld() {
+  std::lock_guard<std::mutex> guard(lock_);
+  while (!held_.empty()) {
+    Item item = held_.front();
+    held_.pop_front();
+    item.cancel = true;
+    ready_.push_back(item);
+  }
+  changed_.notify_all();
+}
+
+bool TestQueue::WaitIdle() {
+  std::unique_lock<std::mutex> guard(lock_);
+  return changed_.wait_for(guard, std::chrono::seconds(10), [this] { return ready_.empty() && running_ == 0; });
+}
+
+int TestQueue::Enqueued() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return enqueued_;
+}
+
+void TestQueue::Worker() {
+  std::unique_lock<std::mutex> guard(lock_);
+  for (;;) {
+    changed_.wait(guard, [this] { return stopping_ || !ready_.empty(); });
+    if (ready_.empty()) return;
+    Item item = ready_.front();
+    ready_.pop_front();
+    ++running_;
+    guard.unlock();
+    if (item.cancel) {
+      item.work->Canceled(item.param);
+    } else {
+      item.work->Process(item.param);
+    }
+    guard.lock();
+    --running_;
+    changed_.notify_all();
+  }
+}
