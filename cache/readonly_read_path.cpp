@@ -1,5 +1,7 @@
 // The read path of ReadonlyCache: reservations, queueing of fetches, the
 // waiting loop, the copy out, and the fetch writes that fill slots.
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -324,6 +326,7 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
   bool first = true;
   while (length > 0) {
     const long long chunk = std::min(static_cast<long long>(length), kSectorSize);
+    bool appended = false;  // the slot is the end of the file, claimed by this write
     auto it = sectors_.find(sector_offset);
     if (it == sectors_.end()) {
       if (first && offset % kSectorSize != 0) {
@@ -335,6 +338,7 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
       long long slot;
       if (empty_sectors_.empty()) {
         slot = FileLength(true);
+        appended = true;
         KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Fetch write : Empty sector not found. Append cache on %lld.",
                  tag.c_str(), slot);
       } else {
@@ -348,7 +352,10 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
       sector.hits = 0;
       it = sectors_.find(sector_offset);
     } else if (it->second.reserved) {
-      if (it->second.cache_offset == -1) it->second.cache_offset = FileLength(true);
+      if (it->second.cache_offset == -1) {
+        it->second.cache_offset = FileLength(true);
+        appended = true;
+      }
       it->second.size = chunk;
       KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Fetch write : Sector %lld reserved and write on %lld",
                tag.c_str(), sector_offset, it->second.cache_offset);
@@ -379,6 +386,14 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
       if (failed) {
         KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Fetch write failed : %s", tag.c_str(), strerror(errno));
         clearerr(stream.get());
+        if (appended) {
+          // The file did not grow by a whole slot: give the end back, so the
+          // next append does not land in the same slot as this sector.
+          if (ftruncate(fileno(stream.get()), static_cast<off_t>(sector.cache_offset)) != 0) {
+            // Nothing more to undo; the sector stays reserved without a slot.
+          }
+          sector.cache_offset = -1;
+        }
         return static_cast<int>(kErrFileWrite);
       }
     }

@@ -1,0 +1,542 @@
+// The read path of the sector cache: what is fetched, where it lands on disk,
+// and how reads end when the origin, the queue or the client misbehave.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "cache/default_settings.h"
+#include "cache/readonly_cache.h"
+#include "cache/sector.h"
+#include "common/clock.h"
+#include "support/fake_config.h"
+#include "support/fake_origin.h"
+#include "support/recording_log.h"
+#include "support/temp_dir.h"
+#include "support/test_queue.h"
+
+namespace {
+
+constexpr long long kMiB = 1048576;
+using Range = std::pair<long long, long>;
+
+_READDATA Request(std::vector<char>& buffer, long long offset, FakeOrigin* origin, long long timeout = 0) {
+  return _READDATA{buffer.data(), offset, buffer.size(), 0, std::make_shared<_FS_HANDLE>(),
+                   origin != nullptr ? origin->size() : 0, origin, timeout, false};
+}
+
+std::vector<char> OriginBytes(long long offset, long long length) {
+  std::vector<char> bytes(static_cast<size_t>(length));
+  for (long long i = 0; i < length; ++i) bytes[static_cast<size_t>(i)] = FakeOrigin::ByteAt(offset + i);
+  return bytes;
+}
+
+std::string FileContents(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+bool Exists(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0;
+}
+
+// True when the slot at `slot` of `file` holds `valid` origin bytes from
+// `origin_offset`, followed by zeros up to the slot's end.
+bool SlotHolds(const std::string& file, long long slot, long long origin_offset, long long valid) {
+  if (static_cast<long long>(file.size()) < slot + kSectorSize) return false;
+  if (FakeOrigin::FirstMismatch(file.data() + slot, origin_offset, valid) != -1) return false;
+  for (long long i = valid; i < kSectorSize; ++i)
+    if (file[static_cast<size_t>(slot + i)] != 0) return false;
+  return true;
+}
+
+class ReadPathTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Cache_UnbindAsyncQ();
+    _CACHECONFIG conf = kDefaultCacheConfig;
+    conf.rahit = 1000;  // keeps read-ahead out of the ranges asserted here
+    config_.Set(conf);
+  }
+  void TearDown() override { ResetClockForTesting(); }
+  std::string Dir() const { return dir_.path() + "/"; }
+
+  // Reads through the cache; returns the result and checks the bytes served.
+  unsigned int ReadChecked(ReadonlyCache& cache, long long offset, size_t size, FakeOrigin* origin,
+                           unsigned long long* transferred = nullptr, long long timeout = 0) {
+    std::vector<char> buffer(size);
+    _READDATA rd = Request(buffer, offset, origin, timeout);
+    if (origin == nullptr) rd.file_size = 0;
+    unsigned int result = cache.Read(&rd);
+    EXPECT_EQ(FakeOrigin::FirstMismatch(buffer.data(), offset, static_cast<long long>(rd.transferred)), -1)
+        << "at offset " << offset;
+    if (transferred != nullptr) *transferred = rd.transferred;
+    return result;
+  }
+
+  TempDir dir_;
+  FakeConfig config_;
+};
+
+TEST_F(ReadPathTest, FetchesAMiBFromTheOffsetInMergedRunsWithinTheFile) {
+  FakeOrigin origin(10 * kMiB);
+  ReadonlyCache cache(Dir(), "ranges.bin", origin.size(), &config_);
+  unsigned long long got = 0;
+
+  // An unaligned small read reaches one MiB past its offset: three sectors.
+  ASSERT_EQ(ReadChecked(cache, kMiB + 10, 100, &origin, &got), kOk);
+  EXPECT_EQ(got, 100u);
+  EXPECT_EQ(origin.Requests(), (std::vector<Range>{{kMiB, 3 * kSectorSize}}));
+
+  // A large read fetches its own length; cached sectors split it into runs.
+  origin.ClearRequests();
+  ASSERT_EQ(ReadChecked(cache, 0, static_cast<size_t>(3 * kMiB), &origin, &got), kOk);
+  EXPECT_EQ(got, static_cast<unsigned long long>(3 * kMiB));
+  EXPECT_EQ(origin.Requests(), (std::vector<Range>{{0, kMiB}, {5 * kSectorSize, kSectorSize}}));
+
+  // Near the end nothing past the file size is asked for.
+  origin.ClearRequests();
+  ASSERT_EQ(ReadChecked(cache, 10 * kMiB - 100, 100, &origin, &got), kOk);
+  EXPECT_EQ(got, 100u);
+  EXPECT_EQ(origin.Requests(), (std::vector<Range>{{10 * kMiB - kSectorSize, kSectorSize}}));
+}
+
+TEST_F(ReadPathTest, SlotsFollowFetchOrderAndTheShortLastSectorIsZeroPadded) {
+  FakeOrigin origin(1000000);
+  ReadonlyCache cache(Dir(), "short.bin", origin.size(), &config_);
+  EXPECT_FALSE(Exists(cache.GetCachePath()));
+  unsigned long long got = 0;
+
+  ASSERT_EQ(ReadChecked(cache, 600000, 100, &origin, &got), kOk);  // the last sector only
+  ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kOk);        // then the first
+  EXPECT_EQ(origin.Requests(), (std::vector<Range>{{kSectorSize, kSectorSize}, {0, kSectorSize}}));
+  EXPECT_EQ(cache.GetFileSize(), 2 * kSectorSize);
+
+  std::string file = FileContents(cache.GetCachePath());
+  ASSERT_EQ(static_cast<long long>(file.size()), 2 * kSectorSize);
+  EXPECT_TRUE(SlotHolds(file, 0, kSectorSize, 475712));  // origin sector 1 went first
+  EXPECT_TRUE(SlotHolds(file, kSectorSize, 0, kSectorSize));
+
+  // Reads across the slots and up to the end of the file see origin bytes only.
+  origin.ClearRequests();
+  ASSERT_EQ(ReadChecked(cache, 524000, 1000, &origin, &got), kOk);
+  EXPECT_EQ(got, 1000u);
+  ASSERT_EQ(ReadChecked(cache, 999950, 100, &origin, &got), kOk);
+  EXPECT_EQ(got, 50u);
+  ASSERT_EQ(ReadChecked(cache, 0, 1000000, &origin, &got), kOk);
+  EXPECT_EQ(got, 1000000u);
+  EXPECT_TRUE(origin.Requests().empty());
+}
+
+TEST_F(ReadPathTest, ReadWithoutFetcherServesOnlySettledSectors) {
+  ReadonlyCache cache(Dir(), "nofetch.bin", 4 * kMiB, &config_);
+  long written = -1;
+  ASSERT_EQ(cache.FetchWrite(0, OriginBytes(0, kSectorSize).data(), kSectorSize, &written), 0);
+  EXPECT_EQ(written, kSectorSize);
+  // 1,000 valid bytes still take a whole slot.
+  ASSERT_EQ(cache.FetchWrite(kMiB, OriginBytes(kMiB, 1000).data(), 1000, &written), 0);
+  EXPECT_EQ(written, 1000);
+  ASSERT_EQ(cache.FetchWrite(3 * kSectorSize, OriginBytes(3 * kSectorSize, kSectorSize).data(), kSectorSize,
+                             &written),
+            0);
+  ASSERT_EQ(cache.Reserve(2 * kMiB, kSectorSize), kOk);
+  ASSERT_EQ(cache.FetchWrite(5 * kSectorSize, nullptr, 0, &written), 0);  // nothing to write
+  EXPECT_EQ(written, 0);
+  EXPECT_EQ(cache.GetFileSize(), 3 * kSectorSize);
+
+  unsigned long long got = 1;
+  EXPECT_EQ(ReadChecked(cache, 0, static_cast<size_t>(kMiB), nullptr, &got), kOk);
+  EXPECT_EQ(got, static_cast<unsigned long long>(kSectorSize));  // stops at the absent sector
+  EXPECT_EQ(ReadChecked(cache, kSectorSize + 7, 100, nullptr, &got), kOk);
+  EXPECT_EQ(got, 0u);
+  // The short sector ends the copy: the next sector's bytes never shift in.
+  EXPECT_EQ(ReadChecked(cache, kMiB, static_cast<size_t>(kMiB), nullptr, &got), kOk);
+  EXPECT_EQ(got, 1000u);
+  // A reserved sector holds nothing yet.
+  EXPECT_EQ(ReadChecked(cache, 3 * kSectorSize, static_cast<size_t>(kMiB), nullptr, &got), kOk);
+  EXPECT_EQ(got, static_cast<unsigned long long>(kSectorSize));
+  EXPECT_EQ(ReadChecked(cache, 2 * kMiB, 100, nullptr, &got), kOk);
+  EXPECT_EQ(got, 0u);
+}
+
+TEST_F(ReadPathTest, ReservationsAndUnalignedFetchWrites) {
+  RecordingLog log;
+  ReadonlyCache cache(Dir(), "reserve.bin", 8 * kMiB, &config_);
+  // Open the file first: reservations made before it exists would be taken
+  // for the index of a file deleted behind the cache's back.
+  ASSERT_EQ(cache.GetFileSize(), 0);
+  EXPECT_EQ(cache.Reserve(100, kSectorSize), kErrUnaligned);
+  EXPECT_EQ(cache.Reserve(0, kMiB), kOk);
+  EXPECT_EQ(cache.Reserve(0, kMiB), kNothingReserved);  // reserved entries count as present
+  EXPECT_EQ(cache.Reserve(kSectorSize, kMiB), kOk);     // one new sector at 1 MiB
+
+  // No entry for the sector of an unaligned offset: refused, no slot used.
+  std::vector<char> data = OriginBytes(4 * kMiB, 1000);
+  EXPECT_EQ(cache.FetchWrite(3 * kMiB + 100, data.data(), 1000, nullptr), static_cast<int>(kErrUnaligned));
+  EXPECT_EQ(log.LevelOf("Fetch write failed : Cache offset was not aligned"), LOGLEVEL_ERROR);
+  EXPECT_EQ(cache.GetFileSize(), 0);
+  EXPECT_FALSE(log.Contains("Cache file is deleted"));
+  EXPECT_EQ(cache.Reserve(3 * kMiB, kSectorSize), kOk);
+  EXPECT_EQ(cache.ClearReserved(3 * kMiB, kSectorSize), kOk);
+
+  // A reserved sector takes an unaligned write at its slot's start.
+  long written = 0;
+  ASSERT_EQ(cache.FetchWrite(100, data.data(), 1000, &written), 0);
+  EXPECT_EQ(written, 1000);
+  std::string file = FileContents(cache.GetCachePath());
+  ASSERT_EQ(static_cast<long long>(file.size()), kSectorSize);
+  EXPECT_EQ(file.compare(0, 1000, data.data(), 1000), 0);
+  std::vector<char> buffer(2000);
+  _READDATA rd = Request(buffer, 0, nullptr);
+  ASSERT_EQ(cache.Read(&rd), kOk);
+  EXPECT_EQ(rd.transferred, 1000u);
+  EXPECT_EQ(std::vector<char>(buffer.begin(), buffer.begin() + 1000), data);
+  EXPECT_EQ(cache.Reserve(0, kSectorSize), kNothingReserved);
+
+  // Clearing drops only what is still reserved.
+  EXPECT_EQ(cache.ClearReserved(0, 3 * kSectorSize), kOk);
+  EXPECT_EQ(cache.Reserve(0, kSectorSize), kNothingReserved);
+  EXPECT_EQ(cache.Reserve(kSectorSize, kMiB), kOk);
+}
+
+// Points the cache's stream at a read-only descriptor of the same file for
+// the life of the object, so that fetch writes fail as on a full disk.
+class ReadOnlyStream {
+ public:
+  explicit ReadOnlyStream(ReadonlyCache& cache) {
+    std::shared_ptr<FILE> stream = cache.GetHandle();
+    fd_ = fileno(stream.get());
+    saved_ = dup(fd_);
+    int read_only = open(cache.GetCachePath().c_str(), O_RDONLY);
+    dup2(read_only, fd_);
+    close(read_only);
+  }
+  ~ReadOnlyStream() {
+    dup2(saved_, fd_);
+    close(saved_);
+  }
+
+ private:
+  int fd_ = -1;
+  int saved_ = -1;
+};
+
+TEST_F(ReadPathTest, FailedFetchWriteKeepsTheSectorReservedAndItsSlotIsReusedOnceCleared) {
+  RecordingLog log;
+  FakeOrigin origin(8 * kMiB);
+  ReadonlyCache cache(Dir(), "reuse.bin", origin.size(), &config_);
+  unsigned long long got = 0;
+  ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kOk);  // slots 0 and 1
+  ASSERT_EQ(cache.Reserve(2 * kMiB, kSectorSize), kOk);
+  {
+    ReadOnlyStream broken(cache);
+    EXPECT_EQ(cache.FetchWrite(2 * kMiB, OriginBytes(2 * kMiB, kSectorSize).data(), kSectorSize, nullptr),
+              static_cast<int>(kErrFileWrite));
+  }
+  EXPECT_EQ(log.LevelOf("Fetch write failed : "), LOGLEVEL_ERROR);
+  EXPECT_EQ(cache.Reserve(2 * kMiB, kSectorSize), kNothingReserved);  // still reserved
+  ASSERT_EQ(ReadChecked(cache, 2 * kMiB, 100, nullptr, &got), kOk);
+  EXPECT_EQ(got, 0u);
+
+  // Cleared, its slot (the end of the file, 1 MiB) goes to the next new sector.
+  EXPECT_EQ(cache.ClearReserved(2 * kMiB, kSectorSize), kOk);
+  origin.ClearRequests();
+  ASSERT_EQ(ReadChecked(cache, 3 * kMiB, 100, &origin, &got), kOk);
+  EXPECT_EQ(origin.Requests(), (std::vector<Range>{{3 * kMiB, kMiB}}));
+  EXPECT_EQ(cache.GetFileSize(), 2 * kMiB);
+  std::string file = FileContents(cache.GetCachePath());
+  EXPECT_TRUE(SlotHolds(file, kMiB, 3 * kMiB, kSectorSize));
+
+  // A second failure leaves a reserved sector whose slot lies at the file's
+  // end, unwritten. Sectors appended meanwhile must not share that slot.
+  ASSERT_EQ(cache.Reserve(2 * kMiB, kSectorSize), kOk);
+  {
+    ReadOnlyStream broken(cache);
+    EXPECT_EQ(cache.FetchWrite(2 * kMiB, OriginBytes(2 * kMiB, kSectorSize).data(), kSectorSize, nullptr),
+              static_cast<int>(kErrFileWrite));
+  }
+  ASSERT_EQ(ReadChecked(cache, kMiB, 100, &origin, &got), kOk);  // appends sectors 1 MiB and 1.5 MiB
+  EXPECT_EQ(cache.ClearReserved(2 * kMiB, kSectorSize), kOk);
+  ASSERT_EQ(ReadChecked(cache, 2 * kMiB, 100, &origin, &got), kOk);
+  // The failed write gave back the slot it had claimed at the file's end, so
+  // sector 1 MiB, appended meanwhile, kept a slot of its own.
+  std::vector<char> buffer(static_cast<size_t>(kSectorSize));
+  _READDATA rd = Request(buffer, kMiB, nullptr);
+  ASSERT_EQ(cache.Read(&rd), kOk);
+  EXPECT_EQ(rd.transferred, static_cast<unsigned long long>(kSectorSize));
+  EXPECT_EQ(FakeOrigin::FirstMismatch(buffer.data(), kMiB, kSectorSize), -1);
+}
+
+TEST_F(ReadPathTest, TimedOutReadClearsItsReservationSoALaterReadQueuesAgain) {
+  RecordingLog log;
+  FakeOrigin origin(4 * kMiB);
+  ReadonlyCache cache(Dir(), "timeout.bin", origin.size(), &config_);
+  TestQueue queue(TestQueue::Mode::kHold);
+
+  unsigned long long got = 0;
+  EXPECT_EQ(ReadChecked(cache, 0, 100, &origin, &got, 50), kErrRead);
+  EXPECT_EQ(queue.Held(), 1u);
+  EXPECT_EQ(log.LevelOf("Read timed-out"), LOGLEVEL_ERROR);
+  EXPECT_TRUE(log.Contains("(last checked sector offset was 0 on offset 0, length 100 and reserved)"));
+
+  // Sector 0 is absent again, so this read queues it anew instead of waiting
+  // for the held task; sector 1 is still reserved by that task.
+  queue.set_mode(TestQueue::Mode::kRun);
+  ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got, -1), kOk);
+  EXPECT_EQ(got, 100u);
+  EXPECT_EQ(queue.Enqueued(), 2);
+  EXPECT_EQ(origin.Requests(), (std::vector<Range>{{0, kSectorSize}}));
+
+  queue.RunHeld();
+  ASSERT_TRUE(queue.WaitIdle());
+  ASSERT_EQ(ReadChecked(cache, 0, static_cast<size_t>(kMiB), nullptr, &got), kOk);
+  EXPECT_EQ(got, static_cast<unsigned long long>(kMiB));
+
+  // A time-out of 0 means the configured one.
+  _CACHECONFIG conf = config_.GetConfig();
+  conf.readtimeout = 30;
+  config_.Set(conf);
+  queue.set_mode(TestQueue::Mode::kHold);
+  EXPECT_EQ(ReadChecked(cache, 2 * kMiB, 100, &origin, &got, 0), kErrRead);
+  EXPECT_EQ(log.Count("Read timed-out"), 2);
+}
+
+TEST_F(ReadPathTest, ClosingTheClientHandleEndsAWaitingReadAndSilencesItsFetch) {
+  RecordingLog log;
+  FakeOrigin origin(4 * kMiB);
+  ReadonlyCache cache(Dir(), "closed.bin", origin.size(), &config_);
+  TestQueue queue(TestQueue::Mode::kHold);
+
+  std::vector<char> buffer(100);
+  _READDATA rd = Request(buffer, 0, &origin, -1);
+  std::shared_ptr<_FS_HANDLE> handle = rd.handle;
+  unsigned int result = 0;
+  std::thread reader([&] { result = cache.Read(&rd); });
+  for (int i = 0; i < 500 && queue.Held() == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  ASSERT_EQ(queue.Held(), 1u);
+  handle->state = 3;
+  reader.join();
+  EXPECT_EQ(result, kErrHandleClosed);
+  EXPECT_EQ(log.LevelOf("Read failed : Handle closed before return"), LOGLEVEL_ERROR);
+  EXPECT_EQ(cache.Reserve(0, kSectorSize), kOk);  // its own sector was released
+  EXPECT_EQ(cache.ClearReserved(0, kSectorSize), kOk);
+
+  // The fetch that still runs for it fails quietly and releases the rest.
+  origin.set_mode(FakeOrigin::Mode::kFail);
+  queue.RunHeld();
+  ASSERT_TRUE(queue.WaitIdle());
+  EXPECT_FALSE(log.Contains("Read-ahead failed"));
+  EXPECT_EQ(cache.Reserve(kSectorSize, kSectorSize), kOk);
+}
+
+// Records the client handle each fetch is made with.
+class HandleRecordingOrigin : public FakeOrigin {
+ public:
+  using FakeOrigin::FakeOrigin;
+  long long Fetch(long long offset, long length, std::shared_ptr<_FS_HANDLE> handle,
+                  IFetchCallback* callback) override {
+    {
+      std::lock_guard<std::mutex> guard(lock_);
+      handles_.push_back(handle);
+    }
+    return FakeOrigin::Fetch(offset, length, std::move(handle), callback);
+  }
+  std::vector<std::shared_ptr<_FS_HANDLE>> Handles() {
+    std::lock_guard<std::mutex> guard(lock_);
+    return handles_;
+  }
+
+ private:
+  std::mutex lock_;
+  std::vector<std::shared_ptr<_FS_HANDLE>> handles_;
+};
+
+TEST_F(ReadPathTest, WholeFileReadIsOneRequestMadeWithTheCachesOwnHandle) {
+  RecordingLog log;
+  _CACHECONFIG conf = config_.GetConfig();
+  conf.readfetchmax = kMiB;  // must not split a whole-file fetch
+  config_.Set(conf);
+  HandleRecordingOrigin origin(3 * kMiB + 1000);
+  ReadonlyCache cache(Dir(), "whole.bin", origin.size(), &config_);
+  TestQueue queue(TestQueue::Mode::kRun);
+
+  std::vector<char> buffer(100);
+  _READDATA rd = Request(buffer, 2 * kMiB, &origin);
+  rd.whole_file = true;
+  rd.handle->type = 1;
+  rd.handle->id = 77;
+  rd.handle->info = "client-info";
+  ASSERT_EQ(cache.Read(&rd), kOk);
+  EXPECT_EQ(rd.transferred, 100u);
+  EXPECT_EQ(FakeOrigin::FirstMismatch(buffer.data(), 2 * kMiB, 100), -1);
+  EXPECT_EQ(origin.Requests(), (std::vector<Range>{{0, static_cast<long>(origin.size())}}));
+  EXPECT_EQ(log.LevelOf("Trying to fetch whole file(3146728 bytes)."), LOGLEVEL_INFO);
+
+  std::vector<std::shared_ptr<_FS_HANDLE>> handles = origin.Handles();
+  ASSERT_EQ(handles.size(), 1u);
+  EXPECT_NE(handles[0], rd.handle);
+  EXPECT_EQ(handles[0]->type, 2);
+  EXPECT_EQ(handles[0]->id, 0);
+  EXPECT_EQ(handles[0]->info, "client-info");
+
+  // Everything is cached: a second whole-file read fetches nothing.
+  ASSERT_TRUE(queue.WaitIdle());
+  EXPECT_EQ(cache.GetFileSize(), 7 * kSectorSize);
+  _READDATA again = Request(buffer, 3 * kMiB + 900, &origin);
+  again.whole_file = true;
+  ASSERT_EQ(cache.Read(&again), kOk);
+  EXPECT_EQ(again.transferred, 100u);
+  EXPECT_EQ(FakeOrigin::FirstMismatch(buffer.data(), 3 * kMiB + 900, 100), -1);
+  EXPECT_EQ(origin.Requests().size(), 1u);
+}
+
+TEST_F(ReadPathTest, OriginThatFailsOrDeliversTheWrongAmount) {
+  RecordingLog log;
+  FakeOrigin origin(8 * kMiB);
+  ReadonlyCache cache(Dir(), "faulty.bin", origin.size(), &config_);
+  unsigned long long got = 0;
+
+  origin.set_mode(FakeOrigin::Mode::kFail);
+  EXPECT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kErrRead);
+  EXPECT_EQ(log.LevelOf("Read-ahead failed : 0, 1048576"), LOGLEVEL_ERROR);
+  EXPECT_EQ(log.LevelOf("Read failed : Sector 0 not found on sector hash"), LOGLEVEL_ERROR);
+
+  origin.set_mode(FakeOrigin::Mode::kNothing);
+  EXPECT_EQ(ReadChecked(cache, kMiB, 100, &origin, &got), kErrRead);
+  EXPECT_EQ(log.Count("Read-ahead failed"), 1);  // success without data is not a failure
+
+  // Nothing was left reserved: the same reads succeed once the origin works.
+  origin.set_mode(FakeOrigin::Mode::kNormal);
+  origin.ClearRequests();
+  ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kOk);
+  ASSERT_EQ(ReadChecked(cache, kMiB, 100, &origin, &got), kOk);
+  EXPECT_EQ(origin.Requests(), (std::vector<Range>{{0, kMiB}, {kMiB, kMiB}}));
+
+  // Half of the range arrives: the read fails, a retry fetches the rest.
+  origin.set_mode(FakeOrigin::Mode::kShort);
+  origin.ClearRequests();
+  EXPECT_EQ(ReadChecked(cache, 3 * kMiB, static_cast<size_t>(kMiB), &origin, &got), kErrRead);
+  ASSERT_EQ(ReadChecked(cache, 3 * kMiB, static_cast<size_t>(kMiB), &origin, &got), kOk);
+  EXPECT_EQ(got, static_cast<unsigned long long>(kMiB));
+  EXPECT_EQ(origin.Requests(), (std::vector<Range>{{3 * kMiB, kMiB}, {7 * kSectorSize, kSectorSize}}));
+
+  // One sector more than asked for is kept and not fetched again.
+  origin.set_mode(FakeOrigin::Mode::kExtra);
+  origin.ClearRequests();
+  ASSERT_EQ(ReadChecked(cache, 5 * kMiB, 100, &origin, &got), kOk);
+  origin.set_mode(FakeOrigin::Mode::kNormal);
+  ASSERT_EQ(ReadChecked(cache, 6 * kMiB + 10, static_cast<size_t>(kSectorSize), &origin, &got), kOk);
+  EXPECT_EQ(got, static_cast<unsigned long long>(kSectorSize));
+  EXPECT_EQ(origin.Requests(), (std::vector<Range>{{5 * kMiB, kMiB}, {13 * kSectorSize, kMiB}}));
+}
+
+TEST_F(ReadPathTest, DroppedFetchesReleaseTheirSectors) {
+  RecordingLog log;
+  FakeOrigin origin(4 * kMiB);
+  ReadonlyCache cache(Dir(), "dropped.bin", origin.size(), &config_);
+  TestQueue queue(TestQueue::Mode::kDrop);
+
+  unsigned long long got = 0;
+  EXPECT_EQ(ReadChecked(cache, 0, 100, &origin, &got, 30000), kErrRead);
+  EXPECT_TRUE(log.Contains("Read failed : Sector 0 not found on sector hash"));
+  EXPECT_FALSE(log.Contains("Read timed-out"));
+  ASSERT_TRUE(queue.WaitIdle());
+  EXPECT_EQ(cache.Reserve(0, kMiB), kOk);  // both sectors were released
+  EXPECT_EQ(cache.ClearReserved(0, kMiB), kOk);
+
+  queue.set_mode(TestQueue::Mode::kRun);
+  ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kOk);
+  EXPECT_EQ(got, 100u);
+  EXPECT_EQ(origin.Requests(), (std::vector<Range>{{0, kMiB}}));
+}
+
+TEST_F(ReadPathTest, CacheFileDeletedWhileClosedForIdlenessStartsAfresh) {
+  RecordingLog log;
+  FakeOrigin origin(4 * kMiB);
+  ReadonlyCache cache(Dir(), "deleted.bin", origin.size(), &config_);
+  unsigned long long got = 0;
+  ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kOk);
+
+  AdvanceClockForTesting(std::chrono::seconds(11));
+  ASSERT_TRUE(cache.CheckHandles());
+  ASSERT_EQ(std::remove(cache.GetCachePath().c_str()), 0);
+
+  ASSERT_EQ(ReadChecked(cache, 0, 5000, &origin, &got), kOk);
+  EXPECT_EQ(got, 5000u);
+  ASSERT_EQ(ReadChecked(cache, kSectorSize, 100, &origin, &got), kOk);
+  EXPECT_EQ(log.Count("[CACHE     ] Cache file is deleted. Clear cache information. : " + cache.GetCachePath()),
+            1);
+  EXPECT_EQ(log.LevelOf("Cache file is deleted"), LOGLEVEL_WARNING);
+  EXPECT_EQ(origin.Requests(), (std::vector<Range>{{0, kMiB}, {0, kMiB}, {kMiB, kSectorSize}}));
+  EXPECT_EQ(cache.GetFileSize(), 3 * kSectorSize);
+}
+
+TEST_F(ReadPathTest, CloseKeepsOrDeletesTheFile) {
+  FakeOrigin origin(4 * kMiB);
+  unsigned long long got = 0;
+  {
+    ReadonlyCache cache(Dir(), "close.bin", origin.size(), &config_);
+    ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kOk);
+    EXPECT_EQ(cache.Close(false), kOk);
+    EXPECT_TRUE(Exists(cache.GetCachePath()));
+    ASSERT_EQ(ReadChecked(cache, 0, 100, nullptr, &got), kOk);
+    EXPECT_EQ(got, 100u);  // the index stayed too
+
+    EXPECT_EQ(cache.Close(true), kOk);
+    EXPECT_FALSE(Exists(cache.GetCachePath()));
+    ASSERT_EQ(ReadChecked(cache, 0, 100, nullptr, &got), kOk);
+    EXPECT_EQ(got, 0u);
+  }
+  {
+    ReadonlyCache cache(Dir(), "idle.bin", origin.size(), &config_);
+    ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kOk);
+    AdvanceClockForTesting(std::chrono::seconds(11));
+    ASSERT_TRUE(cache.CheckHandles());
+    EXPECT_EQ(cache.Close(true), kErrNotOpen);
+    EXPECT_TRUE(Exists(cache.GetCachePath()));
+  }
+}
+
+TEST_F(ReadPathTest, DegenerateRequestsAndRefusedOperations) {
+  RecordingLog log;
+  FakeOrigin origin(4 * kMiB);
+  ReadonlyCache cache(Dir(), "odd.bin", origin.size(), &config_);
+  EXPECT_EQ(cache.Read(nullptr), kErrInvalidArgument);
+
+  std::vector<char> empty;
+  _READDATA rd = Request(empty, 100, &origin);
+  EXPECT_EQ(cache.Read(&rd), kOk);
+  EXPECT_EQ(rd.transferred, 0u);
+  _READDATA cached_only = Request(empty, 100, nullptr);
+  EXPECT_EQ(cache.Read(&cached_only), kOk);
+  EXPECT_EQ(cached_only.transferred, 0u);
+
+  std::vector<char> bytes(10, 'x');
+  _WRITEDATA wd{bytes.data(), 0, bytes.size(), 0, std::make_shared<_FS_HANDLE>(), origin.size(), &origin};
+  EXPECT_EQ(cache.Write(&wd), kErrReadOnly);
+  EXPECT_EQ(wd.transferred, 0u);
+  EXPECT_EQ(cache.Truncate(0), kErrReadOnly);
+  EXPECT_TRUE(cache.IsReadonly());
+
+  // A cache file that cannot be opened (a directory took its name).
+  ReadonlyCache blocked(Dir(), "blocked.bin", origin.size(), &config_);
+  const size_t requests = origin.Requests().size();
+  ASSERT_EQ(mkdir(blocked.GetCachePath().c_str(), 0700), 0);
+  std::vector<char> buffer(100);
+  _READDATA denied = Request(buffer, 0, &origin);
+  EXPECT_EQ(blocked.Read(&denied), kErrRead);
+  EXPECT_EQ(log.LevelOf("[CACHE     ] Cache open has failed : " + blocked.GetCachePath()), LOGLEVEL_ERROR);
+  EXPECT_EQ(blocked.FetchWrite(0, buffer.data(), 100, nullptr), static_cast<int>(kErrRead));
+  EXPECT_EQ(origin.Requests().size(), requests);
+}
+
+}  // namespace
