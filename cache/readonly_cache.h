@@ -53,6 +53,13 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
   // the cache.
   ReadonlyCache(std::string cache_dir, std::string name, long long origin_size,
                 ICacheConfig* config);
+  // Takes over the open local file of `source` without copying a byte: every
+  // sector of its physical length becomes present at its own offset. The
+  // source is left without a stream (its Close and destructor then keep the
+  // file). This cache has no path of its own: its Close(true) deletes
+  // nothing, and once its stream is closed for idleness it cannot reopen.
+  // REQUIRES: nothing else runs on `source` meanwhile.
+  ReadonlyCache(WritableCache* source, ICacheConfig* config);
   // Waits for every fetch task of this cache, then deletes its file.
   ~ReadonlyCache() override;
 

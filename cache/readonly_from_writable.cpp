@@ -1,0 +1,33 @@
+// Turning a writable cache's local file into a sector cache in place.
+#include <algorithm>
+
+#include "cache/logging.h"
+#include "cache/readonly_cache.h"
+#include "cache/sector.h"
+#include "cache/writable_cache.h"
+
+ReadonlyCache::ReadonlyCache(WritableCache* source, ICacheConfig* config)
+    : cache_dir_(source->GetCacheDir()),
+      file_name_(source->GetFileName()),
+      cache_path_(),
+      handle_(file_name_),
+      origin_size_(source->GetFileSize()),
+      config_(config) {
+  FillLadder();
+  // The local file is laid out like the file itself: sector s sits at s.
+  handle_ = source->ReleaseStream();
+  const SteadyTime now = SteadyNow();
+  long long remaining = origin_size_;
+  for (long long s = 0; remaining > 0; s += kSectorSize) {
+    _SECTOR& sector = sectors_[s];
+    sector.cache_offset = s;
+    sector.size = std::min(remaining, kSectorSize);
+    sector.hits = 0;
+    sector.reserved = false;
+    sector.access_time = now;
+    KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] [%s] Inserted new sector %lld into sectors_.", file_name_.c_str(),
+             "ReadonlyCache", s);
+    remaining -= sector.size;
+  }
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read only cache from writable cache created", file_name_.c_str());
+}

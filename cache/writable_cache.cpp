@@ -1,0 +1,390 @@
+// WritableCache: the whole file as one local file, holes fetched on demand.
+#include "cache/writable_cache.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <map>
+#include <regex>
+#include <utility>
+
+#include "cache/default_settings.h"
+#include "cache/logging.h"
+#include "cache/readonly_cache.h"
+#include "cache/sector.h"
+#include "cache/sync_fetch_for_writable_cache.h"
+#include "common/split.h"
+
+namespace {
+
+bool IsFileOrDirectory(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode));
+}
+
+// The origin's name is "drive:path:..." in some clients; the middle part is
+// the file's own name.
+std::string TagFromName(const std::string& name) {
+  static const std::regex kColon(":");
+  std::vector<std::string> parts = split(name, kColon);
+  return parts.size() >= 2 ? parts[1] : name;
+}
+
+// Splits `name` at its last dot. A name without a dot is all extension and no
+// stem, so its numbered forms are "[0].noext", ...: numbered names of other
+// builds of this cache look the same, and the rule is kept for that.
+void StemAndExtension(const std::string& name, std::string* stem, std::string* extension) {
+  static const std::regex kDot("\\.");
+  std::vector<std::string> parts = split(name, kDot);
+  *extension = parts.empty() ? std::string() : parts.back();
+  stem->clear();
+  for (size_t i = 0; i + 1 < parts.size(); ++i) {
+    if (i > 0) *stem += ".";
+    *stem += parts[i];
+  }
+}
+
+// The first path under `dir` not taken by a file or directory: name itself,
+// then stem[0].extension, stem[1].extension, ... Anything else that exists
+// there (a socket, a fifo) is used as it is.
+std::string FreePath(const std::string& dir, const std::string& name) {
+  std::string path = dir + name;
+  if (!IsFileOrDirectory(path)) return path;
+  std::string stem;
+  std::string extension;
+  StemAndExtension(name, &stem, &extension);
+  for (unsigned long long n = 0;; ++n) {
+    path = dir + stem + "[" + std::to_string(n) + "]." + extension;
+    if (!IsFileOrDirectory(path)) return path;
+  }
+}
+
+// A request must lie within [0, LLONG_MAX]: a negative offset, or a size that
+// runs past the largest offset, cannot be seeked to and would overflow the
+// sector arithmetic.
+bool ValidRange(long long offset, unsigned long long size) {
+  return offset >= 0 && size <= static_cast<unsigned long long>(LLONG_MAX - offset);
+}
+
+}  // namespace
+
+WritableCache::WritableCache(std::string cache_dir, std::string name, long long size, IFetch*,
+                             ICacheConfig* config)
+    : cache_dir_(std::move(cache_dir)),
+      file_name_(TagFromName(name)),
+      cache_path_(FreePath(cache_dir_, file_name_)),
+      file_size_(size),
+      config_(config) {
+  fp_ = fopen(cache_path_.c_str(), "w+");
+  if (fp_ == nullptr) {
+    int error = errno;
+    KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] Cache creation has failed : %s(%x)", cache_path_.c_str(),
+             static_cast<unsigned int>(error));
+    throw AERROR{kErrCreateFile};
+  }
+  for (long long s = 0; s < size; s += kSectorSize) empty_sectors_.push_back(s);
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Writable cache created", file_name_.c_str());
+}
+
+WritableCache::~WritableCache() { Close(true); }
+
+std::string WritableCache::GetFileName() const {
+  std::lock_guard<std::mutex> guard(name_lock_);
+  return file_name_;
+}
+
+void WritableCache::ChangeFileName(std::string new_name) {
+  std::lock_guard<std::mutex> guard(name_lock_);
+  file_name_ = std::move(new_name);
+}
+
+std::vector<long long> WritableCache::HolesIn(long long from, long long to) const {
+  auto first = std::lower_bound(empty_sectors_.begin(), empty_sectors_.end(), from);
+  auto last = std::lower_bound(first, empty_sectors_.end(), std::max(from, to));
+  return std::vector<long long>(first, last);
+}
+
+void WritableCache::EraseHoles(long long from, long long to) {
+  auto first = std::lower_bound(empty_sectors_.begin(), empty_sectors_.end(), from);
+  auto last = std::lower_bound(first, empty_sectors_.end(), std::max(from, to));
+  empty_sectors_.erase(first, last);
+}
+
+void WritableCache::GrowToPhysicalLength() {
+  long long physical = GetFileSize();
+  long long current = file_size_.load(std::memory_order_relaxed);
+  while (physical > current &&
+         !file_size_.compare_exchange_weak(current, physical, std::memory_order_relaxed)) {
+  }
+}
+
+void WritableCache::FetchEmptySectors(const std::vector<long long>& sectors, IFetch* fetch,
+                                      const std::shared_ptr<_FS_HANDLE>& handle) {
+  // Adjacent holes become one origin request. Runs never overlap, so the only
+  // run that can end at s is the one starting last before it.
+  std::map<long long, long> runs;
+  for (long long s : sectors) {
+    auto next = runs.lower_bound(s);
+    if (next != runs.begin()) {
+      auto previous = std::prev(next);
+      if (previous->first + previous->second == s) {
+        previous->second += static_cast<long>(kSectorSize);
+        continue;
+      }
+    }
+    runs.emplace(s, static_cast<long>(kSectorSize));
+  }
+  // A failed run leaves its holes in place; Process has logged it, and the
+  // other runs are still worth fetching.
+  for (const auto& run : runs) {
+    SyncFetchForWritableCache task(this, fetch, run.first, run.second, handle);
+    task.Process();
+  }
+}
+
+unsigned int WritableCache::Read(_READDATA* rd) {
+  if (rd == nullptr) return kErrInvalidArgument;
+  const std::string tag = GetFileName();
+  KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Read : %p, %lld, %d", tag.c_str(),
+           static_cast<void*>(rd->buffer), rd->offset, static_cast<int>(rd->size));
+  // Reported as the failed seek such a range would be.
+  if (!ValidRange(rd->offset, rd->size)) {
+    KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Read failed : %s", tag.c_str(), strerror(EINVAL));
+    return kErrFileRead;
+  }
+  if (rd->buffer == nullptr && rd->size > 0) return kErrInvalidArgument;
+  const _CACHECONFIG conf = config_ != nullptr ? config_->GetConfig() : kDefaultCacheConfig;
+  if (rd->timeout == 0) rd->timeout = static_cast<long long>(conf.readtimeout);
+  const long long end = rd->offset + static_cast<long long>(rd->size);
+
+  if (rd->fetch != nullptr) {
+    std::lock_guard<std::mutex> guard(index_lock_);
+    if (rd->offset < file_size_.load(std::memory_order_relaxed)) {
+      // Holes the read covers whole are fetched too: the local file has
+      // nothing there but zeros.
+      std::vector<long long> holes = HolesIn(SectorOf(rd->offset), end);
+      if (!holes.empty()) FetchEmptySectors(holes, rd->fetch, rd->handle);
+    }
+  }
+
+  size_t count = 0;
+  int error = 0;
+  unsigned int result = kOk;
+  {
+    std::lock_guard<std::mutex> guard(file_lock_);
+    // Closed with deletion or handed to a read-only cache.
+    if (fp_ == nullptr) return kErrRead;
+    if (fseeko(fp_, rd->offset, SEEK_SET) != 0) {
+      error = errno;
+      result = kErrFileRead;
+    } else {
+      count = fread(rd->buffer, 1, rd->size, fp_);
+      // A short count at the end of the local file is no failure.
+      if (count == 0 && ferror(fp_)) {
+        error = errno;
+        result = kErrRead;
+      }
+      clearerr(fp_);
+    }
+  }
+  if (result != kOk) {
+    KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Read failed : %s", tag.c_str(), strerror(error));
+    return result;
+  }
+  rd->transferred = count;
+  KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Read done : %p, %lld, %d/%d", tag.c_str(),
+           static_cast<void*>(rd->buffer), rd->offset, static_cast<int>(rd->size),
+           static_cast<int>(count));
+  return kOk;
+}
+
+unsigned int WritableCache::Write(_WRITEDATA* wd) {
+  if (wd == nullptr) return kErrInvalidArgument;
+  const std::string tag = GetFileName();
+  KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Write : %p, %lld, %d", tag.c_str(),
+           static_cast<const void*>(wd->buffer), wd->offset, static_cast<int>(wd->size));
+  // Reported as the failed seek such a range would be.
+  if (!ValidRange(wd->offset, wd->size)) {
+    KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Write failed : %s", tag.c_str(), strerror(EINVAL));
+    return kErrFileWrite;
+  }
+  if (wd->buffer == nullptr && wd->size > 0) return kErrInvalidArgument;
+  const long long offset = wd->offset;
+  const long long end = offset + static_cast<long long>(wd->size);
+
+  // A write of the whole file leaves nothing of the origin's worth keeping.
+  const bool whole_file = offset == 0 && end == wd->file_size;
+  if (wd->fetch != nullptr && !whole_file) {
+    std::lock_guard<std::mutex> guard(index_lock_);
+    if (offset < file_size_.load(std::memory_order_relaxed)) {
+      // Only the sectors the write covers in part need their origin bytes.
+      // The tail is the sector of the end offset, not of the last byte
+      // written: a write ending on a sector boundary also fetches the sector
+      // that starts there. That costs one sector but is how every build of
+      // this cache has behaved, so it stays.
+      const long long head = SectorOf(offset);
+      const long long tail = SectorOf(end);
+      auto partly_covered = [&](long long s) {
+        return std::binary_search(empty_sectors_.begin(), empty_sectors_.end(), s) &&
+               !(offset <= s && end >= s + kSectorSize);
+      };
+      std::vector<long long> holes;
+      if (partly_covered(head)) holes.push_back(head);
+      if (tail != head && partly_covered(tail)) holes.push_back(tail);
+      if (!holes.empty()) FetchEmptySectors(holes, wd->fetch, wd->handle);
+    }
+  }
+
+  size_t count = 0;
+  int error = 0;
+  bool failed = false;
+  {
+    std::lock_guard<std::mutex> guard(file_lock_);
+    // Closed with deletion or handed to a read-only cache.
+    if (fp_ == nullptr) return kErrFileWrite;
+    if (fseeko(fp_, offset, SEEK_SET) != 0) {
+      error = errno;
+      failed = true;
+    } else {
+      count = fwrite(wd->buffer, 1, wd->size, fp_);
+      if (count == 0 && ferror(fp_)) {
+        error = errno;
+        failed = true;
+      }
+      clearerr(fp_);
+    }
+  }
+  if (failed) {
+    KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Write failed : %s", tag.c_str(), strerror(error));
+    return kErrFileWrite;
+  }
+  wd->transferred = count;
+
+  {
+    std::lock_guard<std::mutex> guard(index_lock_);
+    EraseHoles(SectorOf(offset), end);
+  }
+  GrowToPhysicalLength();
+  KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Write done : %p, %lld, %d/%d", tag.c_str(),
+           static_cast<const void*>(wd->buffer), offset, static_cast<int>(wd->size),
+           static_cast<int>(count));
+  return kOk;
+}
+
+int WritableCache::FetchWrite(long long offset, const char* data, long length, long* written) {
+  const std::string tag = GetFileName();
+  KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] FetchWrite : %p, %lld, %d", tag.c_str(),
+           static_cast<const void*>(data), offset, static_cast<int>(length));
+  if (offset < 0 || length < 0 || (data == nullptr && length > 0)) {
+    KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Fetch write failed : %s", tag.c_str(), strerror(EINVAL));
+    return static_cast<int>(kErrFileWrite);
+  }
+  size_t count = 0;
+  int error = 0;
+  bool failed = false;
+  {
+    std::lock_guard<std::mutex> guard(file_lock_);
+    if (fp_ == nullptr) return static_cast<int>(kErrFileWrite);
+    if (fseeko(fp_, offset, SEEK_SET) != 0) {
+      error = errno;
+      failed = true;
+    } else {
+      count = fwrite(data, 1, static_cast<size_t>(length), fp_);
+      if (count == 0 && ferror(fp_)) {
+        error = errno;
+        failed = true;
+      }
+      clearerr(fp_);
+    }
+  }
+  if (failed) {
+    KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Fetch write failed : %s", tag.c_str(), strerror(error));
+    return static_cast<int>(kErrFileWrite);
+  }
+  if (written != nullptr) *written = static_cast<long>(count);
+  GrowToPhysicalLength();
+  // No lock of our own: the thread that started this fetch holds index_lock_
+  // for its whole length. Only the hole starting exactly here is cleared; a
+  // delivery spanning several sectors clears just its first.
+  auto hole = std::lower_bound(empty_sectors_.begin(), empty_sectors_.end(), offset);
+  if (hole != empty_sectors_.end() && *hole == offset) empty_sectors_.erase(hole);
+  return static_cast<int>(kOk);
+}
+
+unsigned int WritableCache::FillEmptySectors(IFetch* fetch) {
+  if (fetch == nullptr) return kErrInvalidArgument;
+  std::lock_guard<std::mutex> guard(index_lock_);
+  // The cache's own handle: type 2 marks whole-file fetches of the cache,
+  // state 1 an open handle. The fetcher names it.
+  auto handle = std::make_shared<_FS_HANDLE>(_FS_HANDLE{2, 1, 0, std::string()});
+  handle->info = fetch->HandleInfo(handle.get());
+  if (!empty_sectors_.empty()) {
+    // A copy: the deliveries erase from the list while it is walked.
+    std::vector<long long> holes(empty_sectors_.begin(), empty_sectors_.end());
+    FetchEmptySectors(holes, fetch, handle);
+  }
+  return kOk;
+}
+
+unsigned int WritableCache::Truncate(long long length) {
+  std::lock_guard<std::mutex> guard(index_lock_);
+  {
+    std::lock_guard<std::mutex> file_guard(file_lock_);
+    // Flush first: bytes still buffered in the stream would otherwise land
+    // after the cut and grow the file again.
+    if (fp_ == nullptr || fflush(fp_) != 0 || ftruncate(fileno(fp_), length) != 0) {
+      return kErrFileWrite;
+    }
+  }
+  const long long old_size = file_size_.load(std::memory_order_relaxed);
+  // The sector holding the new end keeps its hole: its first bytes are still
+  // the origin's.
+  if (old_size > length) EraseHoles(SectorOf(length) + kSectorSize, old_size);
+  // Bytes added by growing are the local file's zeros, not holes.
+  file_size_.store(length, std::memory_order_relaxed);
+  return kOk;
+}
+
+unsigned int WritableCache::Close(bool remove) {
+  delete_on_close_.store(remove, std::memory_order_relaxed);
+  std::lock_guard<std::mutex> guard(index_lock_);
+  if (!delete_on_close_.load(std::memory_order_relaxed)) return kOk;
+  FILE* stream;
+  {
+    std::lock_guard<std::mutex> file_guard(file_lock_);
+    stream = fp_;
+    fp_ = nullptr;
+  }
+  // No stream: already closed, or handed to a read-only cache that now owns
+  // the file. Either way the file is not ours to delete.
+  if (stream == nullptr) return kErrNotOpen;
+  fclose(stream);
+  empty_sectors_.clear();
+  ::remove(cache_path_.c_str());
+  return kOk;
+}
+
+long long WritableCache::GetFileSize() {
+  // Under file_lock_: the seek moves the position another thread may be
+  // about to read or write at.
+  std::lock_guard<std::mutex> guard(file_lock_);
+  if (fp_ == nullptr || fseeko(fp_, 0, SEEK_END) != 0) return 0;
+  off_t end = ftello(fp_);
+  return end < 0 ? 0 : static_cast<long long>(end);
+}
+
+FILE* WritableCache::ReleaseStream() {
+  std::lock_guard<std::mutex> guard(file_lock_);
+  FILE* stream = fp_;
+  fp_ = nullptr;
+  return stream;
+}
+
+ICacheFile* WritableCache::RebuildToReadonlyCache(IFetch*, ICacheConfig* config) {
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Writable cache to read only cache", GetFileName().c_str());
+  return new ReadonlyCache(this, config);
+}
