@@ -1,0 +1,143 @@
+#include "cache/cache_obj.h"
+
+#include "cache/logging.h"
+#include "cache/readonly_cache.h"
+#include "cache/writable_cache.h"
+
+CacheObj::CacheObj(std::string directory, std::string file_name, char mode, long long size, IFetch* fetch,
+                   ICacheConfig* config, std::string hash_index)
+    : directory_(std::move(directory)),
+      config_(config),
+      file_name_(std::move(file_name)),
+      hash_index_(std::move(hash_index)) {
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Create cache for %s:%c", file_name_.c_str(), mode);
+  std::lock_guard<std::mutex> guard(lock_);
+  CreateFile(mode, size, fetch);
+}
+
+CacheObj::~CacheObj() {
+  std::lock_guard<std::mutex> guard(lock_);
+  if (file_) {
+    file_->Close(true);
+    file_.reset();
+  }
+}
+
+void CacheObj::CreateFile(char mode, long long size, IFetch* fetch) {
+  if (mode == 'w') {
+    file_ = std::make_shared<WritableCache>(directory_, file_name_, size, fetch, config_);
+  } else if (mode == 'r') {
+    file_ = std::make_shared<ReadonlyCache>(directory_, file_name_, size, config_);
+  } else {
+    throw static_cast<AERROR>(kErrInvalidMode);
+  }
+}
+
+std::shared_ptr<ICacheFile> CacheObj::CurrentFile() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return file_;
+}
+
+unsigned int CacheObj::Read(_READDATA* request) {
+  std::shared_ptr<ICacheFile> file = CurrentFile();
+  if (!file) return kErrInvalidArgument;
+  return file->Read(request);
+}
+
+unsigned int CacheObj::Write(_WRITEDATA* request) {
+  std::shared_ptr<ICacheFile> file = CurrentFile();
+  if (!file || request == nullptr) return kErrInvalidArgument;
+  unsigned int result = file->Write(request);
+  request->file_size = file->GetFileSize();
+  return result;
+}
+
+unsigned int CacheObj::SetMode(char mode, long long size, IFetch* fetch) {
+  if (mode != 'r' && mode != 'w') {
+    KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] %s : Invalid cache mode", "SetMode");
+    return kErrInvalidMode;
+  }
+  std::lock_guard<std::mutex> guard(lock_);
+  if (!file_) {
+    KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] %s : Cache was not created. Create new cache for %s", "SetMode",
+             file_name_.c_str());
+    CreateFile(mode, size, fetch);
+    return kOk;
+  }
+  const bool want_readonly = mode == 'r';
+  if (file_->IsReadonly() == want_readonly) return kOk;
+  if (want_readonly) {
+    KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] %s : Writable cache found. Change to read-only cache.", "SetMode");
+  } else {
+    KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] %s : Read-only cache found. Change to writable cache.", "SetMode");
+  }
+  // The old file goes when its last reference does, possibly after a read
+  // running on another thread has finished with it.
+  CreateFile(mode, size, fetch);
+  return kOk;
+}
+
+unsigned int CacheObj::Reserve(long long offset, long long length) {
+  std::lock_guard<std::mutex> guard(lock_);
+  return file_ ? file_->Reserve(offset, length) : kErrInvalidArgument;
+}
+
+unsigned int CacheObj::ClearReserved(long long offset, long long length) {
+  std::lock_guard<std::mutex> guard(lock_);
+  return file_ ? file_->ClearReserved(offset, length) : kErrInvalidArgument;
+}
+
+unsigned int CacheObj::Truncate(long long size) {
+  std::lock_guard<std::mutex> guard(lock_);
+  return file_ ? file_->Truncate(size) : kErrInvalidArgument;
+}
+
+unsigned int CacheObj::FillEmptySectors(IFetch* fetch) {
+  std::lock_guard<std::mutex> guard(lock_);
+  return file_ ? file_->FillEmptySectors(fetch) : kErrInvalidArgument;
+}
+
+std::string CacheObj::GetHashIndex() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return hash_index_;
+}
+
+void CacheObj::SetHashIndex(const char* hash_index) {
+  std::lock_guard<std::mutex> guard(lock_);
+  hash_index_ = hash_index != nullptr ? hash_index : "";
+}
+
+unsigned int CacheObj::Close(bool force) {
+  std::lock_guard<std::mutex> guard(lock_);
+  if (!file_) return kErrNotOpen;
+  unsigned int result = file_->Close(force);
+  if (force) file_.reset();
+  return result;
+}
+
+bool CacheObj::IsReadOnly() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return file_ ? file_->IsReadonly() : false;
+}
+
+long long CacheObj::GetFileSize() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return file_ ? file_->GetFileSizeForQuota() : 0;
+}
+
+bool CacheObj::CheckHandles() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return file_ ? file_->CheckHandles() : false;
+}
+
+void CacheObj::ClearOldCache(bool over_quota) {
+  std::lock_guard<std::mutex> guard(lock_);
+  if (file_) file_->ClearOldCache(over_quota);
+}
+
+void CacheObj::ChangeFileName(std::string new_name) {
+  std::lock_guard<std::mutex> guard(lock_);
+  if (!file_) return;
+  file_name_ = new_name;
+  file_->ChangeFileName(std::move(new_name));
+}

@@ -1,0 +1,73 @@
+// The cache object of one file name, as handed to clients by the manager.
+//
+// Holds the current cache file, a ReadonlyCache (mode 'r') or a
+// WritableCache (mode 'w'), and forwards every operation to it.
+//
+// Thread safety: any thread may call any operation. lock_ guards file_,
+// file_name_ and hash_index_. Read and Write hold it only to take a counted
+// reference to the file and run without it, so reads and writes proceed in
+// parallel with each other and with a mode switch, and a switch never frees
+// a file under a running read. Every other operation holds lock_ for its
+// whole call. Lock order: the manager's table lock, then lock_, then the
+// cache file's own locks.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "korvcache.h"
+
+class CacheObj : public ICacheObj {
+ public:
+  // Creates the cache file for `mode` at once. `directory` must end with a
+  // separator. `config` must outlive the object.
+  // Throws AERROR kErrInvalidMode for a mode other than 'r' or 'w', and
+  // whatever the cache file's constructor throws (kErrCreateFile).
+  CacheObj(std::string directory, std::string file_name, char mode, long long size, IFetch* fetch,
+           ICacheConfig* config, std::string hash_index);
+  // Closes the cache file with deletion.
+  ~CacheObj() override;
+
+  CacheObj(const CacheObj&) = delete;
+  CacheObj& operator=(const CacheObj&) = delete;
+
+  // Returns kErrInvalidArgument without a file, else the file's result.
+  unsigned int Read(_READDATA* request) override;
+  // As Read; afterwards request->file_size holds the cache file's size.
+  unsigned int Write(_WRITEDATA* request) override;
+  // Switches the file form. A new, empty file of the other form replaces
+  // the old one: no contents are carried over. Returns: kOk, kErrInvalidMode.
+  unsigned int SetMode(char mode, long long size, IFetch* fetch) override;
+  unsigned int Reserve(long long offset, long long length) override;
+  unsigned int ClearReserved(long long offset, long long length) override;
+  unsigned int Truncate(long long size) override;
+  unsigned int FillEmptySectors(IFetch* fetch) override;
+  std::string GetHashIndex() override;
+  // Closes the file; with `force` also lets go of it, so the object has no
+  // file afterwards. Returns the file's result, kErrNotOpen without a file.
+  unsigned int Close(bool force) override;
+  void SetHashIndex(const char* hash_index) override;
+
+  // For the manager. Without a file these answer false / 0 / nothing.
+  bool IsReadOnly();
+  // The bytes the cache file occupies for quota purposes.
+  long long GetFileSize();
+  bool CheckHandles();
+  void ClearOldCache(bool over_quota);
+  void ChangeFileName(std::string new_name);
+
+ private:
+  // REQUIRES: lock_ held. Throws like the constructor.
+  void CreateFile(char mode, long long size, IFetch* fetch);
+  std::shared_ptr<ICacheFile> CurrentFile();
+
+  const std::string directory_;
+  ICacheConfig* const config_;
+
+  std::mutex lock_;
+  // State below is protected by lock_.
+  std::string file_name_;
+  std::string hash_index_;
+  std::shared_ptr<ICacheFile> file_;
+};
