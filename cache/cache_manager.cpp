@@ -1,0 +1,223 @@
+// Construction, settings, storage limit and the object table of Cache. The
+// quota manager thread is in quota_manager.cpp.
+#include "cache/cache_manager.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <regex>
+#include <vector>
+
+#include "cache/cache_obj.h"
+#include "cache/default_settings.h"
+#include "cache/logging.h"
+#include "cache/number_text.h"
+#include "common/platform.h"
+#include "common/process.h"
+#include "common/split.h"
+#include "common/ini.h"
+
+namespace {
+
+struct Setting {
+  const char* name;
+  const char* json_path;
+  const char* ini_key;
+  uint64_t _CACHECONFIG::*field;
+  uint64_t default_value;
+};
+
+const Setting kSettings[] = {
+    {"rahit", "/cache/ra/hit", "ra_hit_streak", &_CACHECONFIG::rahit, kDefaultCacheConfig.rahit},
+    {"ramin", "/cache/ra/min", "ra_min_size", &_CACHECONFIG::ramin, kDefaultCacheConfig.ramin},
+    {"ramax", "/cache/ra/max", "ra_max_size", &_CACHECONFIG::ramax, kDefaultCacheConfig.ramax},
+    {"readtimeout", "/cache/read/timeout", "read_timeout", &_CACHECONFIG::readtimeout,
+     kDefaultCacheConfig.readtimeout},
+    {"readfetchmax", "/cache/read/maxfetch", "max_fetch_from_origin", &_CACHECONFIG::readfetchmax,
+     kDefaultCacheConfig.readfetchmax},
+    {"clrperiod", "/cache/clear/period", "clear_period", &_CACHECONFIG::clrperiod, kDefaultCacheConfig.clrperiod},
+    {"clrused", "/cache/clear/usedblock", "clear_used_block", &_CACHECONFIG::clrused, kDefaultCacheConfig.clrused},
+    {"clrunused", "/cache/clear/unusedblock", "clear_unused_block", &_CACHECONFIG::clrunused,
+     kDefaultCacheConfig.clrunused},
+    {"clroverused", "/cache/clear/over/usedblock", "clear_used_block_when_quota_exceed",
+     &_CACHECONFIG::clroverused, kDefaultCacheConfig.clroverused},
+    {"clroverunused", "/cache/clear/over/unusedblock", "clear_unused_block_when_quota_exceed",
+     &_CACHECONFIG::clroverunused, kDefaultCacheConfig.clroverunused},
+};
+
+const std::regex& Slash() {
+  static const std::regex slash("/");
+  return slash;
+}
+
+// Creates every component of `path` from the root; the result has a leading
+// and a trailing "/" and no empty components.
+std::string MakeDirectories(const std::string& path) {
+  std::string built = "/";
+  for (const std::string& piece : split(path, Slash())) {
+    if (piece.empty()) continue;
+    built += piece + "/";
+    if (mkdir(built.c_str(), 0755) != 0 && errno != EEXIST) {
+      KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] Cache path not found : %s", built.c_str());
+      throw static_cast<AERROR>(kErrCacheDirectory);
+    }
+  }
+  // A regular file at the last component also answers EEXIST.
+  DIR* dir = opendir(built.c_str());
+  if (dir == nullptr) {
+    KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] Cache path not found : %s", built.c_str());
+    throw static_cast<AERROR>(kErrCacheDirectory);
+  }
+  closedir(dir);
+  return built;
+}
+
+}  // namespace
+
+Cache::Cache(const char* path, unsigned long long limit) : limit_(static_cast<long long>(limit)) {
+  objects_.max_load_factor(1.0f);
+  // Compared signed: a request of 2^63 or more counts as negative here.
+  if (limit_.load() < kMinimumLimit) limit_.store(kMinimumLimit);
+  used_bytes_.exchange(0);
+  path_ = MakeDirectories(path != nullptr ? path : "");
+  AdjustLimit();
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] %s",
+           ("Cache initialized : " + path_ + ", Storage limit : " + LocaleNumber(limit_.load()) + " bytes").c_str());
+
+  const std::string settings_file = GetResourcePath() + "/" + "korv.ini";
+  for (const Setting& setting : kSettings) {
+    // With a readable file a missing key reads as 0: the default applies
+    // only when the file cannot be opened.
+    unsigned int value = GetPrivateProfileInt("CACHE", setting.ini_key,
+                                              static_cast<unsigned int>(setting.default_value), settings_file);
+    registry_.AddConfiguration(setting.name, setting.json_path, value);
+  }
+  ApplyConfig();
+  quota_thread_ = std::make_shared<std::thread>([this] { QuotaManager(); });
+}
+
+Cache::~Cache() {
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Uninitialize cache...");
+  stopping_.store(true, std::memory_order_relaxed);
+  if (quota_thread_ && quota_thread_->joinable()) quota_thread_->join();
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Cache uninitialized");
+}
+
+void Cache::ApplyConfig() {
+  std::lock_guard<std::mutex> guard(settings_lock_);
+  for (const Setting& setting : kSettings) {
+    settings_.*setting.field = static_cast<uint64_t>(std::atol(registry_.GetValue(setting.name).c_str()));
+  }
+  KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] Cache configuration : %u, %u, %u, %u, %u, %u, %u, %u, %u, %u",
+           static_cast<unsigned>(settings_.rahit), static_cast<unsigned>(settings_.ramin),
+           static_cast<unsigned>(settings_.ramax), static_cast<unsigned>(settings_.readtimeout),
+           static_cast<unsigned>(settings_.readfetchmax), static_cast<unsigned>(settings_.clrperiod),
+           static_cast<unsigned>(settings_.clrused), static_cast<unsigned>(settings_.clrunused),
+           static_cast<unsigned>(settings_.clroverused), static_cast<unsigned>(settings_.clroverunused));
+}
+
+_CACHECONFIG Cache::GetConfig() {
+  std::lock_guard<std::mutex> guard(settings_lock_);
+  return settings_;
+}
+
+unsigned int Cache::SetConfiguration(const char* text) {
+  if (text == nullptr) return kErrInvalidArgument;
+  try {
+    registry_.Parse(text);
+    ApplyConfig();
+  } catch (...) {
+    return kErrJson;
+  }
+  return kOk;
+}
+
+unsigned long long Cache::GetLimit() { return static_cast<unsigned long long>(limit_.load()); }
+
+unsigned long long Cache::GetUsedBytes() { return used_bytes_.load(); }
+
+unsigned long long Cache::GetQuota() { return GetLimit(); }
+
+unsigned int Cache::SetLimit(unsigned long long bytes) {
+  // Compared unsigned, unlike the constructor's floor: 2^63 and more pass.
+  if (bytes > static_cast<unsigned long long>(kMinimumLimit - 1)) {
+    limit_.store(static_cast<long long>(bytes));
+    AdjustLimit();
+    KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] %s",
+             ("Storage limit changed : " + LocaleNumber(limit_.load()) + " bytes").c_str());
+    return kOk;
+  }
+  // Reports the limit still in force, not the rejected request.
+  KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] %s",
+           ("Change cache storage limit requested but too small : Requested " + LocaleNumber(limit_.load()) +
+            " bytes")
+               .c_str());
+  return kErrLimitTooSmall;
+}
+
+void Cache::AdjustLimit() {
+  long long free_bytes = 0;
+  if (!VolumeFreeBytes(path_, &free_bytes)) return;
+  long long cached = 0;
+  for (const auto& entry : CopyObjects()) {
+    if (entry.second->IsReadOnly()) cached += entry.second->GetFileSize();
+  }
+  const long long available = cached + free_bytes;
+  KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] %s",
+           (" Cache path " + path_ + ", " + LocaleNumber(available) + " bytes left").c_str());
+  if (limit_.load() > available) limit_.store(available / 2);
+}
+
+std::unordered_map<std::string, std::shared_ptr<CacheObj>> Cache::CopyObjects() {
+  std::lock_guard<std::mutex> guard(objects_lock_);
+  return objects_;
+}
+
+std::shared_ptr<ICacheObj> Cache::Open(const char* name, char mode, long long size, IFetch* fetch) {
+  if (name == nullptr) throw static_cast<AERROR>(kErrInvalidArgument);
+  std::lock_guard<std::mutex> guard(objects_lock_);
+  auto it = objects_.find(name);
+  if (it == objects_.end()) {
+    // Names that share their last component share one cache file name.
+    std::vector<std::string> pieces = split(name, Slash());
+    if (pieces.empty() || pieces.back().empty()) throw static_cast<AERROR>(kErrInvalidArgument);
+    auto object = std::make_shared<CacheObj>(path_, pieces.back(), mode, size, fetch,
+                                             static_cast<ICacheConfig*>(this), name);
+    it = objects_.emplace(name, std::move(object)).first;
+  }
+  std::shared_ptr<CacheObj> object = it->second;
+  if (mode == 'w' && object->IsReadOnly()) {
+    KORV_LOG(LOGLEVEL_WARNING, "[CACHE     ] Cache found for %s but read-only. Convert to writable cache forcefully.",
+             name);
+    object->SetMode('w', size, fetch);
+  }
+  return object;
+}
+
+unsigned int Cache::Close(const char* name) {
+  if (name == nullptr) return kOk;
+  std::lock_guard<std::mutex> guard(objects_lock_);
+  if (objects_.erase(name) > 0) KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Close cache : %s", name);
+  return kOk;
+}
+
+unsigned int Cache::Rehash(const char* old_name, const char* new_name, const char* new_file_name) {
+  if (old_name == nullptr || new_name == nullptr) return kErrNotOpen;
+  std::lock_guard<std::mutex> guard(objects_lock_);
+  auto old_entry = objects_.find(old_name);
+  if (old_entry == objects_.end()) return kErrNotOpen;
+  std::shared_ptr<CacheObj> object = old_entry->second;
+  objects_.erase(old_entry);
+  auto taken = objects_.find(new_name);
+  if (taken != objects_.end()) {
+    taken->second->Close(true);
+    objects_.erase(taken);
+  }
+  object->SetHashIndex(new_name);
+  objects_[new_name] = object;
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Rehash cache : %s to %s", old_name, new_name);
+  object->ChangeFileName(new_file_name != nullptr ? new_file_name : "");
+  return kOk;
+}

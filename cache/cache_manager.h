@@ -1,0 +1,90 @@
+// The manager of one cache directory: its settings, its storage limit, its
+// table of open cache objects and its quota manager thread.
+//
+// Thread safety: every operation may be called from any client thread
+// while the quota manager runs. Locks, outermost first: objects_lock_, then
+// a cache object's own lock, then the cache file's locks. settings_lock_ is
+// taken alone (with the settings registry's own lock inside it).
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <unordered_map>
+
+#include "common/config.h"
+#include "korvcache.h"
+
+class CacheObj;
+
+class Cache : public ICache_V2, public ICacheConfig {
+ public:
+  // The floor of a limit given by the client.
+  static constexpr long long kMinimumLimit = 67108864;
+
+  // Creates the directory component by component (a relative path is taken
+  // from the root), fits the limit to the volume, reads the settings file
+  // "korv.ini" (section "CACHE") from the resource directory and starts the
+  // quota manager. Throws AERROR kErrCacheDirectory when the directory cannot
+  // be created or is not a directory, and std::system_error when the thread
+  // cannot be started.
+  Cache(const char* path, unsigned long long limit);
+  // Stops and joins the quota manager, then closes every object nobody else
+  // holds.
+  ~Cache() override;
+
+  Cache(const Cache&) = delete;
+  Cache& operator=(const Cache&) = delete;
+
+  unsigned long long GetLimit() override;
+  unsigned long long GetUsedBytes() override;
+  // Returns: kOk, kErrLimitTooSmall (below 64 MiB; the limit stays).
+  unsigned int SetLimit(unsigned long long bytes) override;
+  // The object of `name`, created on first use. 'w' on a read-only object
+  // converts it; 'r' on a writable one keeps it writable.
+  // Throws AERROR kErrInvalidArgument (null name, or a name with nothing
+  // after its last slash), kErrInvalidMode, kErrCreateFile.
+  std::shared_ptr<ICacheObj> Open(const char* name, char mode, long long size, IFetch* fetch) override;
+  // Drops the table's reference; clients holding the object keep it. Returns kOk.
+  unsigned int Close(const char* name) override;
+  // Moves the object of `old_name` to `new_name` (force-closing an object
+  // already there) and renames its cache file. Returns: kOk, kErrNotOpen.
+  unsigned int Rehash(const char* old_name, const char* new_name, const char* new_file_name) override;
+  // Returns: kOk, kErrInvalidArgument (null), kErrJson (earlier settings
+  // changed before the failure stay changed).
+  unsigned int SetConfiguration(const char* text) override;
+  unsigned long long GetQuota() override;
+  _CACHECONFIG GetConfig() override;
+
+  // Copies the registry's values into the settings record.
+  void ApplyConfig();
+  // Lowers the limit to half of what the volume could hold when the limit
+  // exceeds it: free space plus what read-only cache files occupy.
+  void AdjustLimit();
+  // The cache directory, with leading and trailing "/".
+  const std::string& path() const { return path_; }
+
+ private:
+  void QuotaManager();
+  // Bytes held by the entries of the cache directory; 0 when unreadable.
+  long long MeasureDirectory();
+  std::unordered_map<std::string, std::shared_ptr<CacheObj>> CopyObjects();
+
+  std::string path_;
+  // Read and written without a lock by client threads and the quota manager.
+  std::atomic<long long> limit_;
+  std::atomic<uint64_t> used_bytes_{0};
+
+  std::mutex objects_lock_;
+  std::unordered_map<std::string, std::shared_ptr<CacheObj>> objects_;  // guarded by objects_lock_
+
+  std::mutex settings_lock_;
+  Config registry_;
+  _CACHECONFIG settings_{};  // guarded by settings_lock_
+
+  std::atomic<bool> stopping_{false};
+  std::shared_ptr<std::thread> quota_thread_;
+};

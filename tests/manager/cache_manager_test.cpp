@@ -1,0 +1,198 @@
+// The cache manager: settings, limits, the object table and the registry.
+#include "cache/cache_manager.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <filesystem>
+
+#include "cache/default_settings.h"
+#include "common/platform.h"
+#include "manager/settings_file.h"
+#include "support/fake_origin.h"
+#include "support/recording_log.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+constexpr long long kMiB = 1048576;
+
+bool SameConfig(const _CACHECONFIG& a, const _CACHECONFIG& b) {
+  return a.rahit == b.rahit && a.ramin == b.ramin && a.ramax == b.ramax && a.readtimeout == b.readtimeout &&
+         a.readfetchmax == b.readfetchmax && a.clrperiod == b.clrperiod && a.clrused == b.clrused &&
+         a.clrunused == b.clrunused && a.clroverused == b.clroverused && a.clroverunused == b.clroverunused;
+}
+
+TEST(CacheManager, SettingsComeFromTheFileThenFromJson) {
+  TempDir dir;
+  {
+    SettingsFile none("");
+    Cache cache(dir.path().c_str(), 1ull << 30);
+    EXPECT_TRUE(SameConfig(cache.GetConfig(), kDefaultCacheConfig));
+  }
+  SettingsFile file("; comment\n[cache]\nra_hit_streak=5\n");
+  RecordingLog log;
+  Cache cache(dir.path().c_str(), 1ull << 30);
+  _CACHECONFIG conf = cache.GetConfig();
+  EXPECT_EQ(conf.rahit, 5u);
+  EXPECT_EQ(conf.ramin, 0u);  // a readable file without the key gives 0
+  EXPECT_EQ(conf.clroverunused, 0u);
+  EXPECT_TRUE(log.Contains("[CACHE     ] Cache configuration : 5, 0, 0, 0, 0, 0, 0, 0, 0, 0"));
+
+  EXPECT_EQ(cache.SetConfiguration(R"({"cache":{"ra":{"hit":7},"clear":{"period":"250"}}})"), kOk);
+  conf = cache.GetConfig();
+  EXPECT_EQ(conf.rahit, 7u);
+  EXPECT_EQ(conf.clrperiod, 250u);
+  EXPECT_EQ(conf.ramin, 0u);
+  EXPECT_EQ(log.Count("Cache configuration :"), 2);
+
+  EXPECT_EQ(cache.SetConfiguration(nullptr), kErrInvalidArgument);
+  EXPECT_EQ(cache.SetConfiguration("{not json"), kErrJson);
+  EXPECT_EQ(cache.GetConfig().rahit, 7u);
+}
+
+TEST(CacheManager, DirectoryIsCreatedComponentByComponent) {
+  SettingsFile none("");
+  TempDir dir;
+  RecordingLog log;
+  {
+    Cache cache((dir.path() + "//a///b").c_str(), 0);
+    EXPECT_EQ(cache.path(), dir.path() + "/a/b/");
+    struct stat st;
+    EXPECT_EQ(stat((dir.path() + "/a/b").c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+  }
+  dir.Write("file", "x");
+  for (const std::string& bad : {dir.File("file"), dir.File("file") + "/sub"}) {
+    try {
+      Cache cache(bad.c_str(), 0);
+      FAIL() << bad << " was accepted";
+    } catch (AERROR error) {
+      EXPECT_EQ(error, kErrCacheDirectory);
+    }
+  }
+  EXPECT_EQ(log.LevelOf("[CACHE     ] Cache path not found : " + dir.File("file") + "/"), LOGLEVEL_ERROR);
+
+  // A relative path is taken from the root.
+  std::string relative = "tmp/korv-relative-" + std::to_string(getpid());
+  {
+    Cache cache(relative.c_str(), 0);
+    EXPECT_EQ(cache.path(), "/" + relative + "/");
+  }
+  std::filesystem::remove_all("/" + relative);
+}
+
+TEST(CacheManager, LimitHasAFloorAndFitsTheVolume) {
+  SettingsFile none("");
+  TempDir dir;
+  RecordingLog log;
+  long long free_bytes = 0;
+  ASSERT_TRUE(VolumeFreeBytes(dir.path(), &free_bytes));
+  ASSERT_GT(free_bytes, 512 * kMiB) << "the test needs some free space";
+
+  Cache small(dir.path().c_str(), 0);
+  EXPECT_EQ(small.GetLimit(), 67108864u);
+  Cache huge(dir.path().c_str(), UINT64_MAX);  // negative when signed: the floor
+  EXPECT_EQ(huge.GetLimit(), 67108864u);
+
+  EXPECT_EQ(small.SetLimit(67108863), kErrLimitTooSmall);
+  EXPECT_TRUE(log.Contains("Change cache storage limit requested but too small : Requested "));
+  EXPECT_EQ(small.GetLimit(), 67108864u);
+  EXPECT_EQ(small.SetLimit(100 * kMiB), kOk);
+  EXPECT_EQ(small.GetLimit(), 100u * kMiB);
+  EXPECT_TRUE(log.Contains("Storage limit changed : "));
+
+  // More than the volume holds: half of what it could hold.
+  EXPECT_EQ(small.SetLimit(static_cast<unsigned long long>(free_bytes) * 4), kOk);
+  EXPECT_LE(small.GetLimit(), static_cast<unsigned long long>(free_bytes));
+  EXPECT_GT(small.GetLimit(), static_cast<unsigned long long>(free_bytes) / 4);
+  EXPECT_EQ(small.GetQuota(), small.GetLimit());
+
+  // 2^63 and more: accepted, and never lowered (negative when signed).
+  EXPECT_EQ(small.SetLimit(1ull << 63), kOk);
+  EXPECT_EQ(small.GetLimit(), 1ull << 63);
+}
+
+TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
+  SettingsFile none("");
+  TempDir dir;
+  RecordingLog log;
+  FakeOrigin origin(4 * kMiB);
+  Cache cache(dir.path().c_str(), 1ull << 30);
+
+  auto a = cache.Open("x/a.bin", 'r', origin.size(), &origin);
+  EXPECT_EQ(cache.Open("x/a.bin", 'r', origin.size(), &origin), a);
+  EXPECT_EQ(a->GetHashIndex(), "x/a.bin");
+
+  // 'w' on a read-only object converts it; 'r' on a writable one keeps it.
+  auto w = cache.Open("x/a.bin", 'w', origin.size(), &origin);
+  EXPECT_EQ(w, a);
+  EXPECT_EQ(log.LevelOf("[CACHE     ] Cache found for x/a.bin but read-only. Convert to writable cache forcefully."),
+            LOGLEVEL_WARNING);
+  cache.Open("x/a.bin", 'r', origin.size(), &origin);
+  EXPECT_EQ(log.Count("Cache found for"), 1);
+
+  for (char bad_mode : {'x', '\0'}) {
+    try {
+      cache.Open("bad.bin", bad_mode, 0, nullptr);
+      FAIL() << "bad mode accepted";
+    } catch (AERROR error) {
+      EXPECT_EQ(error, kErrInvalidMode);
+    }
+  }
+  for (const char* bad_name : {"", "/"}) {
+    try {
+      cache.Open(bad_name, 'r', 0, nullptr);
+      FAIL() << "name '" << bad_name << "' accepted";
+    } catch (AERROR error) {
+      EXPECT_EQ(error, kErrInvalidArgument);
+    }
+  }
+
+  // Closing drops the table's reference only.
+  auto b = cache.Open("b.bin", 'r', origin.size(), &origin);
+  EXPECT_EQ(cache.Close("b.bin"), kOk);
+  EXPECT_TRUE(log.Contains("[CACHE     ] Close cache : b.bin"));
+  EXPECT_EQ(cache.Close("never-opened"), kOk);
+  std::vector<char> buffer(4096);
+  _READDATA rd{buffer.data(), 100, buffer.size(), 0, std::make_shared<_FS_HANDLE>(), origin.size(), &origin, -1,
+               false};
+  ASSERT_EQ(b->Read(&rd), kOk);
+  EXPECT_EQ(FakeOrigin::FirstMismatch(buffer.data(), 100, 4096), -1);
+  EXPECT_NE(cache.Open("b.bin", 'r', origin.size(), &origin), b);
+
+  EXPECT_EQ(cache.Rehash("unknown", "b.bin", "f"), kErrNotOpen);
+  // Rehash onto an open name force-closes what was there.
+  auto c = cache.Open("c.bin", 'r', origin.size(), &origin);
+  EXPECT_EQ(cache.Rehash("c.bin", "b.bin", "b-renamed.bin"), kOk);
+  EXPECT_TRUE(log.Contains("[CACHE     ] Rehash cache : c.bin to b.bin"));
+  EXPECT_EQ(cache.Open("b.bin", 'r', origin.size(), &origin), c);
+  EXPECT_EQ(c->GetHashIndex(), "b.bin");
+}
+
+TEST(CacheManager, RegistryKeysAreExactPathStrings) {
+  SettingsFile none("");
+  TempDir dir;
+  ICache_V2* first = nullptr;
+  ICache_V2* again = nullptr;
+  ICache_V2* slashed = nullptr;
+  ASSERT_EQ(InitCache(dir.path().c_str(), 100 * kMiB, &first), kOk);
+  ASSERT_EQ(InitCache(dir.path().c_str(), 200 * kMiB, &again), kOk);
+  EXPECT_EQ(first, again);
+  EXPECT_EQ(first->GetLimit(), 100u * kMiB);
+  ASSERT_EQ(InitCache((dir.path() + "/").c_str(), 0, &slashed), kOk);
+  EXPECT_NE(first, slashed);
+  EXPECT_EQ(ReleaseCache((dir.path() + "/").c_str()), kOk);
+  EXPECT_EQ(ReleaseCache(dir.path().c_str()), kOk);
+  EXPECT_EQ(ReleaseCache("/never/initialised"), kOk);
+
+  dir.Write("file", "x");
+  ICache_V2* none_made = nullptr;
+  EXPECT_EQ(InitCache((dir.File("file") + "/sub").c_str(), 0, &none_made), kErrCacheDirectory);
+  EXPECT_EQ(none_made, nullptr);
+  EXPECT_EQ(InitCache(nullptr, 0, &none_made), kErrInvalidArgument);
+}
+
+}  // namespace
