@@ -1,35 +1,67 @@
-// A client built against the installed header and shared library alone.
+// A client built against the installed header and shared library alone: the
+// whole flow of binding a logger, opening a cache directory, reading a file
+// through it and releasing everything.
 #include <korvcache.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
 
 namespace {
 
 class StderrLog : public ILog {
  public:
   void Write(LOGLEVEL level, const char* format, va_list args) override {
+    if (level < LOGLEVEL_INFO) return;
     std::fprintf(stderr, "[%d] ", static_cast<int>(level));
     std::vfprintf(stderr, format, args);
     std::fputc('\n', stderr);
   }
 };
 
-class Work : public IAsyncObj {
+// An origin of `size` bytes where byte x is x % 251.
+class CountingOrigin : public IFetch {
  public:
-  void Process(void* param) override { ran = param != nullptr; }
-  void Canceled(void*) override {}
-  bool ran = false;
+  explicit CountingOrigin(long long size) : size_(size) {}
+  long long Fetch(long long offset, long length, std::shared_ptr<_FS_HANDLE>, IFetchCallback* callback) override {
+    long long end = offset + length < size_ ? offset + length : size_;
+    std::vector<char> bytes(static_cast<size_t>(end - offset));
+    for (long long i = offset; i < end; ++i) bytes[static_cast<size_t>(i - offset)] = static_cast<char>(i % 251);
+    long written = 0;
+    return callback->FetchWrite(offset, bytes.data(), static_cast<long>(bytes.size()), &written);
+  }
+  std::string HandleInfo(_FS_HANDLE*) override { return ""; }
+
+ private:
+  long long size_;
 };
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+  if (argc < 2) return 64;
+  const std::string dir = argv[1];
   StderrLog log;
   if (!Cache_BindLogger(&log)) return 1;
-  Work work;
-  QueueAsync(&work, nullptr);
+
+  ICache_V2* cache = nullptr;
+  if (InitCache(dir.c_str(), 1ull << 30, &cache) != kOk || cache == nullptr) return 2;
+  CountingOrigin origin(3 << 20);
+  std::shared_ptr<ICacheObj> file = cache->Open("remote/file.bin", 'r', 3 << 20, &origin);
+
+  std::vector<char> buffer(100000);
+  _READDATA rd{buffer.data(), 1000000, buffer.size(), 0, std::make_shared<_FS_HANDLE>(), 3 << 20, &origin, 0,
+               false};
+  if (file->Read(&rd) != kOk || rd.transferred != buffer.size()) return 3;
+  for (size_t i = 0; i < buffer.size(); ++i)
+    if (buffer[i] != static_cast<char>((1000000 + i) % 251)) return 4;
+
+  file.reset();
+  cache->Close("remote/file.bin");
+  ReleaseCache(dir.c_str());
   Cache_UnbindLogger();
-  if (!work.ran) return 2;
   std::puts("client ok");
   return 0;
 }

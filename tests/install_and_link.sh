@@ -12,10 +12,11 @@ libdir=$(dirname "$(find "$prefix" -name 'libkorvcache.so' | head -n 1)")
 
 "$cxx" -std=c++17 -Wall -Wextra -Werror -I"$prefix/include" "$source" \
   -L"$libdir" -lkorvcache -Wl,-rpath,"$libdir" -o "$prefix/client"
-"$prefix/client"
+mkdir -p "$prefix/cache"
+"$prefix/client" "$prefix/cache"
 
 exported=$(nm -D --defined-only "$libdir/libkorvcache.so")
-for symbol in Cache_BindLogger Cache_UnbindLogger Cache_BindAsyncQ Cache_UnbindAsyncQ QueueAsync; do
+for symbol in InitCache ReleaseCache Cache_BindLogger Cache_UnbindLogger Cache_BindAsyncQ Cache_UnbindAsyncQ QueueAsync; do
   grep -qw "$symbol" <<<"$exported" || { echo "missing export: $symbol"; exit 1; }
 done
 if grep -wE '__LOG__A|_Z13CurrentLoggerv' <<<"$exported"; then
