@@ -84,16 +84,33 @@ void ReadonlyCache::ClearIndexNoLock() {
   history_.clear();
 }
 
+void ReadonlyCache::DropLostSlotsNoLock() {
+  // Sectors still on their way keep their entries, so readers waiting for
+  // them are served when the data arrive; they get a slot in the new file.
+  for (auto it = sectors_.begin(); it != sectors_.end();) {
+    if (it->second.reserved) {
+      it->second.cache_offset = -1;
+      ++it;
+    } else {
+      it = sectors_.erase(it);
+    }
+  }
+  empty_sectors_.clear();
+  history_.clear();
+}
+
 std::shared_ptr<FILE> ReadonlyCache::OpenStream(bool index_locked) {
   if (!handle_.IsValidHandle()) {
-    if (!IsFileOrDirectory(cache_path_)) {
-      // Deleted behind our back: the slots the index points at are gone.
+    // A file this cache created and that is now gone was deleted behind its
+    // back: the slots the index points at are gone. (Before the first open
+    // there is no file yet, and reservations made then must stay.)
+    if (file_created_.load(std::memory_order_relaxed) && !IsFileOrDirectory(cache_path_)) {
       std::unique_lock<std::mutex> guard(index_lock_, std::defer_lock);
       if (!index_locked) guard.lock();
       if (!sectors_.empty()) {
         KORV_LOG(LOGLEVEL_WARNING, "[CACHE     ] Cache file is deleted. Clear cache information. : %s",
                  cache_path_.c_str());
-        ClearIndexNoLock();
+        DropLostSlotsNoLock();
       }
     }
     FILE* stream = fopen(cache_path_.c_str(), "r+");
@@ -101,6 +118,7 @@ std::shared_ptr<FILE> ReadonlyCache::OpenStream(bool index_locked) {
     int open_errno = errno;
     handle_ = stream;
     if (stream != nullptr) {
+      file_created_.store(true, std::memory_order_relaxed);
       KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read only cache opened(%s)", GetFileName().c_str(),
                cache_path_.c_str());
     } else {

@@ -146,6 +146,8 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
   void RecordRead(const _READHISTORY& entry);
   long long LargestEmptyOffsetNoLock(long long offset);
   void ClearIndexNoLock();
+  // After the file vanished: forgets every settled sector and every slot.
+  void DropLostSlotsNoLock();
 
   // Opens the stream on demand. When the file has vanished behind the
   // cache's back the index is dropped first, taking index_lock_ unless the
@@ -169,6 +171,9 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
   std::atomic<int64_t> read_ahead_count_{0};
   // Written by Close before it takes index_lock_.
   std::atomic<bool> delete_on_close_{true};
+  // Set once this cache has opened its file; a missing file before that is
+  // not a lost one.
+  std::atomic<bool> file_created_{false};
 
   std::mutex index_lock_;
   std::mutex file_lock_;

@@ -75,7 +75,6 @@ class ReadPathTest : public ::testing::Test {
                            unsigned long long* transferred = nullptr, long long timeout = 0) {
     std::vector<char> buffer(size);
     _READDATA rd = Request(buffer, offset, origin, timeout);
-    if (origin == nullptr) rd.file_size = 0;
     unsigned int result = cache.Read(&rd);
     EXPECT_EQ(FakeOrigin::FirstMismatch(buffer.data(), offset, static_cast<long long>(rd.transferred)), -1)
         << "at offset " << offset;
@@ -149,8 +148,6 @@ TEST_F(ReadPathTest, ReadWithoutFetcherServesOnlySettledSectors) {
                              &written),
             0);
   ASSERT_EQ(cache.Reserve(2 * kMiB, kSectorSize), kOk);
-  ASSERT_EQ(cache.FetchWrite(5 * kSectorSize, nullptr, 0, &written), 0);  // nothing to write
-  EXPECT_EQ(written, 0);
   EXPECT_EQ(cache.GetFileSize(), 3 * kSectorSize);
 
   unsigned long long got = 1;
@@ -171,9 +168,7 @@ TEST_F(ReadPathTest, ReadWithoutFetcherServesOnlySettledSectors) {
 TEST_F(ReadPathTest, ReservationsAndUnalignedFetchWrites) {
   RecordingLog log;
   ReadonlyCache cache(Dir(), "reserve.bin", 8 * kMiB, &config_);
-  // Open the file first: reservations made before it exists would be taken
-  // for the index of a file deleted behind the cache's back.
-  ASSERT_EQ(cache.GetFileSize(), 0);
+  // Reservations made before the file first exists are kept when it opens.
   EXPECT_EQ(cache.Reserve(100, kSectorSize), kErrUnaligned);
   EXPECT_EQ(cache.Reserve(0, kMiB), kOk);
   EXPECT_EQ(cache.Reserve(0, kMiB), kNothingReserved);  // reserved entries count as present
@@ -185,8 +180,6 @@ TEST_F(ReadPathTest, ReservationsAndUnalignedFetchWrites) {
   EXPECT_EQ(log.LevelOf("Fetch write failed : Cache offset was not aligned"), LOGLEVEL_ERROR);
   EXPECT_EQ(cache.GetFileSize(), 0);
   EXPECT_FALSE(log.Contains("Cache file is deleted"));
-  EXPECT_EQ(cache.Reserve(3 * kMiB, kSectorSize), kOk);
-  EXPECT_EQ(cache.ClearReserved(3 * kMiB, kSectorSize), kOk);
 
   // A reserved sector takes an unaligned write at its slot's start.
   long written = 0;
@@ -209,7 +202,7 @@ TEST_F(ReadPathTest, ReservationsAndUnalignedFetchWrites) {
 }
 
 // Points the cache's stream at a read-only descriptor of the same file for
-// the life of the object, so that fetch writes fail as on a full disk.
+// the life of the object, so that writes through it fail as on a full disk.
 class ReadOnlyStream {
  public:
   explicit ReadOnlyStream(ReadonlyCache& cache) {
@@ -230,12 +223,14 @@ class ReadOnlyStream {
   int saved_ = -1;
 };
 
-TEST_F(ReadPathTest, FailedFetchWriteKeepsTheSectorReservedAndItsSlotIsReusedOnceCleared) {
+TEST_F(ReadPathTest, FailedWritesLeaveNoSharedSlotsAndFreedSlotsAreReused) {
   RecordingLog log;
   FakeOrigin origin(8 * kMiB);
   ReadonlyCache cache(Dir(), "reuse.bin", origin.size(), &config_);
   unsigned long long got = 0;
   ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kOk);  // slots 0 and 1
+
+  // A fetch write that fails leaves its sector reserved.
   ASSERT_EQ(cache.Reserve(2 * kMiB, kSectorSize), kOk);
   {
     ReadOnlyStream broken(cache);
@@ -243,37 +238,46 @@ TEST_F(ReadPathTest, FailedFetchWriteKeepsTheSectorReservedAndItsSlotIsReusedOnc
               static_cast<int>(kErrFileWrite));
   }
   EXPECT_EQ(log.LevelOf("Fetch write failed : "), LOGLEVEL_ERROR);
-  EXPECT_EQ(cache.Reserve(2 * kMiB, kSectorSize), kNothingReserved);  // still reserved
+  EXPECT_EQ(cache.Reserve(2 * kMiB, kSectorSize), kNothingReserved);
   ASSERT_EQ(ReadChecked(cache, 2 * kMiB, 100, nullptr, &got), kOk);
   EXPECT_EQ(got, 0u);
 
-  // Cleared, its slot (the end of the file, 1 MiB) goes to the next new sector.
-  EXPECT_EQ(cache.ClearReserved(2 * kMiB, kSectorSize), kOk);
-  origin.ClearRequests();
-  ASSERT_EQ(ReadChecked(cache, 3 * kMiB, 100, &origin, &got), kOk);
-  EXPECT_EQ(origin.Requests(), (std::vector<Range>{{3 * kMiB, kMiB}}));
-  EXPECT_EQ(cache.GetFileSize(), 2 * kMiB);
-  std::string file = FileContents(cache.GetCachePath());
-  EXPECT_TRUE(SlotHolds(file, kMiB, 3 * kMiB, kSectorSize));
-
-  // A second failure leaves a reserved sector whose slot lies at the file's
-  // end, unwritten. Sectors appended meanwhile must not share that slot.
-  ASSERT_EQ(cache.Reserve(2 * kMiB, kSectorSize), kOk);
-  {
-    ReadOnlyStream broken(cache);
-    EXPECT_EQ(cache.FetchWrite(2 * kMiB, OriginBytes(2 * kMiB, kSectorSize).data(), kSectorSize, nullptr),
-              static_cast<int>(kErrFileWrite));
-  }
-  ASSERT_EQ(ReadChecked(cache, kMiB, 100, &origin, &got), kOk);  // appends sectors 1 MiB and 1.5 MiB
+  // Sectors appended meanwhile, and the failed one fetched once its
+  // reservation is cleared, must each get a slot of their own.
+  ASSERT_EQ(ReadChecked(cache, kMiB, 100, &origin, &got), kOk);
   EXPECT_EQ(cache.ClearReserved(2 * kMiB, kSectorSize), kOk);
   ASSERT_EQ(ReadChecked(cache, 2 * kMiB, 100, &origin, &got), kOk);
-  // The failed write gave back the slot it had claimed at the file's end, so
-  // sector 1 MiB, appended meanwhile, kept a slot of its own.
-  std::vector<char> buffer(static_cast<size_t>(kSectorSize));
-  _READDATA rd = Request(buffer, kMiB, nullptr);
-  ASSERT_EQ(cache.Read(&rd), kOk);
-  EXPECT_EQ(rd.transferred, static_cast<unsigned long long>(kSectorSize));
-  EXPECT_EQ(FakeOrigin::FirstMismatch(buffer.data(), kMiB, kSectorSize), -1);
+  ASSERT_EQ(ReadChecked(cache, kMiB, static_cast<size_t>(2 * kMiB), nullptr, &got), kOk);
+  EXPECT_EQ(got, static_cast<unsigned long long>(2 * kMiB));
+  EXPECT_EQ(cache.GetFileSize(), 3 * kMiB);
+
+  // A move that fails during eviction leaves free slots listed below the
+  // end of the file; the sectors stay where they were.
+  AdvanceClockForTesting(std::chrono::seconds(200));
+  ASSERT_EQ(ReadChecked(cache, 2 * kMiB, static_cast<size_t>(kMiB), nullptr, &got), kOk);  // young again
+  _CACHECONFIG conf = config_.GetConfig();
+  conf.clrunused = 100;
+  config_.Set(conf);
+  {
+    ReadOnlyStream broken(cache);
+    cache.ClearOldCache(false);
+  }
+  EXPECT_TRUE(log.Contains("ClearOldCache : OK, 3145728 => 3145728"));
+  ASSERT_EQ(ReadChecked(cache, 2 * kMiB, static_cast<size_t>(kMiB), nullptr, &got), kOk);
+  EXPECT_EQ(got, static_cast<unsigned long long>(kMiB));
+
+  // Free slots 512 KiB, 1 MiB and 1.5 MiB are used before the file grows; a
+  // slot taken by a reservation comes back when it is cleared.
+  ASSERT_EQ(cache.Reserve(4 * kMiB, kSectorSize), kOk);
+  EXPECT_EQ(cache.ClearReserved(4 * kMiB, kSectorSize), kOk);
+  ASSERT_EQ(ReadChecked(cache, 5 * kMiB, 100, &origin, &got), kOk);
+  ASSERT_EQ(ReadChecked(cache, 6 * kMiB, 100, &origin, &got), kOk);
+  EXPECT_EQ(cache.GetFileSize(), 7 * kSectorSize);
+  std::string file = FileContents(cache.GetCachePath());
+  EXPECT_TRUE(SlotHolds(file, kSectorSize, 6 * kMiB, kSectorSize));
+  EXPECT_TRUE(SlotHolds(file, kMiB, 5 * kMiB, kSectorSize));
+  EXPECT_TRUE(SlotHolds(file, 3 * kSectorSize, 11 * kSectorSize, kSectorSize));
+  EXPECT_TRUE(SlotHolds(file, 3 * kMiB, 13 * kSectorSize, kSectorSize));
 }
 
 TEST_F(ReadPathTest, TimedOutReadClearsItsReservationSoALaterReadQueuesAgain) {
@@ -291,7 +295,7 @@ TEST_F(ReadPathTest, TimedOutReadClearsItsReservationSoALaterReadQueuesAgain) {
   // Sector 0 is absent again, so this read queues it anew instead of waiting
   // for the held task; sector 1 is still reserved by that task.
   queue.set_mode(TestQueue::Mode::kRun);
-  ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got, -1), kOk);
+  ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got, 5000), kOk);
   EXPECT_EQ(got, 100u);
   EXPECT_EQ(queue.Enqueued(), 2);
   EXPECT_EQ(origin.Requests(), (std::vector<Range>{{0, kSectorSize}}));

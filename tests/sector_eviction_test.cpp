@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <vector>
