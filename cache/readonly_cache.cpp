@@ -11,24 +11,13 @@
 #include <thread>
 
 #include "cache/default_settings.h"
+#include "cache/file_names.h"
 #include "cache/logging.h"
 #include "common/process.h"
 #include "common/split.h"
 
 namespace {
 
-bool IsFileOrDirectory(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode));
-}
-
-// The origin's name is "drive:path:..." in some clients; the middle part is
-// what a person recognises in the log.
-std::string TagFromName(const std::string& name) {
-  static const std::regex kColon(":");
-  std::vector<std::string> parts = split(name, kColon);
-  return parts.size() >= 2 ? parts[1] : name;
-}
 
 std::string NewCachePath(const std::string& cache_dir) {
   std::string path;

@@ -142,6 +142,8 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
   void QueueEmptySectors(std::deque<long long>& offsets, IFetch* fetch,
                          std::shared_ptr<_FS_HANDLE> handle);
   unsigned int ReserveNoLock(long long offset, long long length);
+  // Enters `sector_offset` as reserved, with a freed slot or none yet.
+  void InsertReservedNoLock(long long sector_offset, long long size);
   int CheckReadAhead(_READDATA* request);
   void RecordRead(const _READHISTORY& entry);
   long long LargestEmptyOffsetNoLock(long long offset);

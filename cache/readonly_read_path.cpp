@@ -211,17 +211,7 @@ int ReadonlyCache::QueueEmptySectors(long long start, long long end, IFetch* fet
       continue;
     }
     to_fetch.push_back(s);
-    long long slot = -1;
-    if (!empty_sectors_.empty()) {
-      slot = empty_sectors_.front();
-      empty_sectors_.pop_front();
-    }
-    _SECTOR& sector = sectors_[s];
-    sector.cache_offset = slot;
-    sector.size = 0;
-    sector.hits = 0;
-    sector.reserved = true;
-    sector.access_time = SteadyNow();
+    InsertReservedNoLock(s, 0);
     KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] [%s] Inserted new sector %lld into sectors_.", tag.c_str(),
              "QueueEmptySectors", s);
   }
@@ -253,6 +243,22 @@ void ReadonlyCache::QueueEmptySectors(std::deque<long long>& offsets, IFetch* fe
   }
 }
 
+void ReadonlyCache::InsertReservedNoLock(long long sector_offset, long long size) {
+  // A freed slot if there is one; otherwise the slot is appended when the
+  // data arrive.
+  long long slot = -1;
+  if (!empty_sectors_.empty()) {
+    slot = empty_sectors_.front();
+    empty_sectors_.pop_front();
+  }
+  _SECTOR& sector = sectors_[sector_offset];
+  sector.cache_offset = slot;
+  sector.size = size;
+  sector.hits = 0;
+  sector.reserved = true;
+  sector.access_time = SteadyNow();
+}
+
 unsigned int ReadonlyCache::Reserve(long long offset, long long length) {
   std::lock_guard<std::mutex> guard(index_lock_);
   return ReserveNoLock(offset, length);
@@ -267,17 +273,7 @@ unsigned int ReadonlyCache::ReserveNoLock(long long offset, long long length) {
   for (long long s = offset; length > 0; s += kSectorSize) {
     long long piece = std::min(length, kSectorSize);
     if (sectors_.find(s) == sectors_.end()) {
-      long long slot = -1;
-      if (!empty_sectors_.empty()) {
-        slot = empty_sectors_.front();
-        empty_sectors_.pop_front();
-      }
-      _SECTOR& sector = sectors_[s];
-      sector.cache_offset = slot;
-      sector.size = piece;
-      sector.hits = 0;
-      sector.reserved = true;
-      sector.access_time = SteadyNow();
+      InsertReservedNoLock(s, piece);
       ++count;
     }
     length -= piece;

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "cache/default_settings.h"
+#include "cache/file_names.h"
 #include "cache/logging.h"
 #include "cache/readonly_cache.h"
 #include "cache/sector.h"
@@ -21,18 +22,6 @@
 
 namespace {
 
-bool IsFileOrDirectory(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode));
-}
-
-// The origin's name is "drive:path:..." in some clients; the middle part is
-// the file's own name.
-std::string TagFromName(const std::string& name) {
-  static const std::regex kColon(":");
-  std::vector<std::string> parts = split(name, kColon);
-  return parts.size() >= 2 ? parts[1] : name;
-}
 
 // Splits `name` at its last dot. A name without a dot is all extension and no
 // stem, so its numbered forms are "[0].noext", ...: numbered names of other

@@ -1,0 +1,19 @@
+#include "cache/file_names.h"
+
+#include <sys/stat.h>
+
+#include <regex>
+#include <vector>
+
+#include "common/split.h"
+
+bool IsFileOrDirectory(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode));
+}
+
+std::string TagFromName(const std::string& name) {
+  static const std::regex kColon(":");
+  std::vector<std::string> parts = split(name, kColon);
+  return parts.size() >= 2 ? parts[1] : name;
+}
