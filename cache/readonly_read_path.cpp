@@ -169,20 +169,16 @@ unsigned int ReadonlyCache::CopyOut(_READDATA* rd, const std::shared_ptr<FILE>& 
     long long valid_end = sector.cache_offset + sector.size;
     long long count = std::min(valid_end - position, static_cast<long long>(remaining));
     if (count <= 0) break;  // the read starts past the valid data: end of file
-    {
-      std::lock_guard<std::mutex> guard(file_lock_);
-      if (fseeko(stream.get(), static_cast<off_t>(position), SEEK_SET) != 0) {
-        KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Read failed : %s", tag.c_str(), strerror(errno));
-        return kErrFileRead;
-      }
-      size_t got = fread(rd->buffer + done, 1, static_cast<size_t>(count), stream.get());
-      if (got == 0 && ferror(stream.get())) {
-        KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] ReadFile failed : %s", tag.c_str(), strerror(errno));
-        clearerr(stream.get());
-        return kErrFileRead;
-      }
-      count = static_cast<long long>(got);
+    // One positioned read: it leaves the stream's position alone, so it needs
+    // no file lock, and every write has been flushed before its sector became
+    // readable.
+    ssize_t got = pread(fileno(stream.get()), rd->buffer + done, static_cast<size_t>(count),
+                        static_cast<off_t>(position));
+    if (got < 0) {
+      KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] ReadFile failed : %s", tag.c_str(), strerror(errno));
+      return kErrFileRead;
     }
+    count = static_cast<long long>(got);
     sector.hits += 1;
     sector.access_time = SteadyNow();
     done += static_cast<unsigned long long>(count);

@@ -370,6 +370,9 @@ FILE* WritableCache::ReleaseStream() {
   std::lock_guard<std::mutex> guard(file_lock_);
   FILE* stream = fp_;
   fp_ = nullptr;
+  // The new owner may read the file through its descriptor: nothing may stay
+  // behind in this stream's buffer.
+  if (stream != nullptr) fflush(stream);
   return stream;
 }
 
