@@ -342,6 +342,8 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
       sector.cache_offset = slot;
       sector.size = chunk;
       sector.hits = 0;
+      // Aged from its arrival: an entry dated 0 would be cleared at once.
+      sector.access_time = SteadyNow();
       it = sectors_.find(sector_offset);
     } else if (it->second.reserved) {
       if (it->second.cache_offset == -1) {
