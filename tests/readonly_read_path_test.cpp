@@ -6,10 +6,13 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
+#include <mutex>
 #include <fstream>
 #include <iterator>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -63,49 +66,53 @@ class ReadPathTest : public ::testing::Test {
  protected:
   void SetUp() override {
     Cache_UnbindAsyncQ();
-    _CACHECONFIG conf = kDefaultCacheConfig;
-    conf.rahit = 1000;  // keeps read-ahead out of the ranges asserted here
-    config_.Set(conf);
+    Configure([](_CACHECONFIG& conf) { conf.rahit = 1000; });  // keeps read-ahead out of the ranges asserted
   }
   void TearDown() override { ResetClockForTesting(); }
   std::string Dir() const { return dir_.path() + "/"; }
+  template <typename Change>
+  void Configure(Change change) {
+    _CACHECONFIG conf = config_.GetConfig();
+    change(conf);
+    config_.Set(conf);
+  }
 
   // Reads through the cache; returns the result and checks the bytes served.
-  unsigned int ReadChecked(ReadonlyCache& cache, long long offset, size_t size, FakeOrigin* origin,
-                           unsigned long long* transferred = nullptr, long long timeout = 0) {
-    std::vector<char> buffer(size);
+  unsigned int ReadChecked(ReadonlyCache& cache, long long offset, long long size, FakeOrigin* origin,
+                           long long timeout = 0) {
+    std::vector<char> buffer(static_cast<size_t>(size));
     _READDATA rd = Request(buffer, offset, origin, timeout);
     unsigned int result = cache.Read(&rd);
     EXPECT_EQ(FakeOrigin::FirstMismatch(buffer.data(), offset, static_cast<long long>(rd.transferred)), -1)
         << "at offset " << offset;
-    if (transferred != nullptr) *transferred = rd.transferred;
+    got_ = static_cast<long long>(rd.transferred);
     return result;
+  }
+  // A read that must succeed; returns how many bytes it served.
+  long long Served(ReadonlyCache& cache, long long offset, long long size, FakeOrigin* origin = nullptr) {
+    EXPECT_EQ(ReadChecked(cache, offset, size, origin), kOk) << "at offset " << offset;
+    return got_;
   }
 
   TempDir dir_;
   FakeConfig config_;
+  RecordingLog log_;
+  long long got_ = 0;
 };
 
 TEST_F(ReadPathTest, FetchesAMiBFromTheOffsetInMergedRunsWithinTheFile) {
   FakeOrigin origin(10 * kMiB);
   ReadonlyCache cache(Dir(), "ranges.bin", origin.size(), &config_);
-  unsigned long long got = 0;
-
   // An unaligned small read reaches one MiB past its offset: three sectors.
-  ASSERT_EQ(ReadChecked(cache, kMiB + 10, 100, &origin, &got), kOk);
-  EXPECT_EQ(got, 100u);
+  EXPECT_EQ(Served(cache, kMiB + 10, 100, &origin), 100);
   EXPECT_EQ(origin.Requests(), (std::vector<Range>{{kMiB, 3 * kSectorSize}}));
-
   // A large read fetches its own length; cached sectors split it into runs.
   origin.ClearRequests();
-  ASSERT_EQ(ReadChecked(cache, 0, static_cast<size_t>(3 * kMiB), &origin, &got), kOk);
-  EXPECT_EQ(got, static_cast<unsigned long long>(3 * kMiB));
+  EXPECT_EQ(Served(cache, 0, 3 * kMiB, &origin), 3 * kMiB);
   EXPECT_EQ(origin.Requests(), (std::vector<Range>{{0, kMiB}, {5 * kSectorSize, kSectorSize}}));
-
   // Near the end nothing past the file size is asked for.
   origin.ClearRequests();
-  ASSERT_EQ(ReadChecked(cache, 10 * kMiB - 100, 100, &origin, &got), kOk);
-  EXPECT_EQ(got, 100u);
+  EXPECT_EQ(Served(cache, 10 * kMiB - 100, 100, &origin), 100);
   EXPECT_EQ(origin.Requests(), (std::vector<Range>{{10 * kMiB - kSectorSize, kSectorSize}}));
 }
 
@@ -113,26 +120,17 @@ TEST_F(ReadPathTest, SlotsFollowFetchOrderAndTheShortLastSectorIsZeroPadded) {
   FakeOrigin origin(1000000);
   ReadonlyCache cache(Dir(), "short.bin", origin.size(), &config_);
   EXPECT_FALSE(Exists(cache.GetCachePath()));
-  unsigned long long got = 0;
-
-  ASSERT_EQ(ReadChecked(cache, 600000, 100, &origin, &got), kOk);  // the last sector only
-  ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kOk);        // then the first
+  Served(cache, 600000, 100, &origin);  // the last sector only
+  Served(cache, 0, 100, &origin);       // then the first
   EXPECT_EQ(origin.Requests(), (std::vector<Range>{{kSectorSize, kSectorSize}, {0, kSectorSize}}));
-  EXPECT_EQ(cache.GetFileSize(), 2 * kSectorSize);
-
   std::string file = FileContents(cache.GetCachePath());
   ASSERT_EQ(static_cast<long long>(file.size()), 2 * kSectorSize);
   EXPECT_TRUE(SlotHolds(file, 0, kSectorSize, 475712));  // origin sector 1 went first
   EXPECT_TRUE(SlotHolds(file, kSectorSize, 0, kSectorSize));
-
   // Reads across the slots and up to the end of the file see origin bytes only.
   origin.ClearRequests();
-  ASSERT_EQ(ReadChecked(cache, 524000, 1000, &origin, &got), kOk);
-  EXPECT_EQ(got, 1000u);
-  ASSERT_EQ(ReadChecked(cache, 999950, 100, &origin, &got), kOk);
-  EXPECT_EQ(got, 50u);
-  ASSERT_EQ(ReadChecked(cache, 0, 1000000, &origin, &got), kOk);
-  EXPECT_EQ(got, 1000000u);
+  EXPECT_EQ(Served(cache, 999950, 100, &origin), 50);
+  EXPECT_EQ(Served(cache, 0, 1000000, &origin), 1000000);
   EXPECT_TRUE(origin.Requests().empty());
 }
 
@@ -140,33 +138,24 @@ TEST_F(ReadPathTest, ReadWithoutFetcherServesOnlySettledSectors) {
   ReadonlyCache cache(Dir(), "nofetch.bin", 4 * kMiB, &config_);
   long written = -1;
   ASSERT_EQ(cache.FetchWrite(0, OriginBytes(0, kSectorSize).data(), kSectorSize, &written), 0);
-  EXPECT_EQ(written, kSectorSize);
   // 1,000 valid bytes still take a whole slot.
   ASSERT_EQ(cache.FetchWrite(kMiB, OriginBytes(kMiB, 1000).data(), 1000, &written), 0);
   EXPECT_EQ(written, 1000);
   ASSERT_EQ(cache.FetchWrite(3 * kSectorSize, OriginBytes(3 * kSectorSize, kSectorSize).data(), kSectorSize,
-                             &written),
+                             nullptr),
             0);
   ASSERT_EQ(cache.Reserve(2 * kMiB, kSectorSize), kOk);
   EXPECT_EQ(cache.GetFileSize(), 3 * kSectorSize);
 
-  unsigned long long got = 1;
-  EXPECT_EQ(ReadChecked(cache, 0, static_cast<size_t>(kMiB), nullptr, &got), kOk);
-  EXPECT_EQ(got, static_cast<unsigned long long>(kSectorSize));  // stops at the absent sector
-  EXPECT_EQ(ReadChecked(cache, kSectorSize + 7, 100, nullptr, &got), kOk);
-  EXPECT_EQ(got, 0u);
+  EXPECT_EQ(Served(cache, 0, kMiB), kSectorSize);  // stops at the absent sector
+  EXPECT_EQ(Served(cache, kSectorSize + 7, 100), 0);
   // The short sector ends the copy: the next sector's bytes never shift in.
-  EXPECT_EQ(ReadChecked(cache, kMiB, static_cast<size_t>(kMiB), nullptr, &got), kOk);
-  EXPECT_EQ(got, 1000u);
-  // A reserved sector holds nothing yet.
-  EXPECT_EQ(ReadChecked(cache, 3 * kSectorSize, static_cast<size_t>(kMiB), nullptr, &got), kOk);
-  EXPECT_EQ(got, static_cast<unsigned long long>(kSectorSize));
-  EXPECT_EQ(ReadChecked(cache, 2 * kMiB, 100, nullptr, &got), kOk);
-  EXPECT_EQ(got, 0u);
+  EXPECT_EQ(Served(cache, kMiB, kMiB), 1000);
+  EXPECT_EQ(Served(cache, 3 * kSectorSize, kMiB), kSectorSize);
+  EXPECT_EQ(Served(cache, 2 * kMiB, 100), 0);  // a reserved sector holds nothing yet
 }
 
 TEST_F(ReadPathTest, ReservationsAndUnalignedFetchWrites) {
-  RecordingLog log;
   ReadonlyCache cache(Dir(), "reserve.bin", 8 * kMiB, &config_);
   // Reservations made before the file first exists are kept when it opens.
   EXPECT_EQ(cache.Reserve(100, kSectorSize), kErrUnaligned);
@@ -177,23 +166,17 @@ TEST_F(ReadPathTest, ReservationsAndUnalignedFetchWrites) {
   // No entry for the sector of an unaligned offset: refused, no slot used.
   std::vector<char> data = OriginBytes(4 * kMiB, 1000);
   EXPECT_EQ(cache.FetchWrite(3 * kMiB + 100, data.data(), 1000, nullptr), static_cast<int>(kErrUnaligned));
-  EXPECT_EQ(log.LevelOf("Fetch write failed : Cache offset was not aligned"), LOGLEVEL_ERROR);
+  EXPECT_EQ(log_.LevelOf("Fetch write failed : Cache offset was not aligned"), LOGLEVEL_ERROR);
   EXPECT_EQ(cache.GetFileSize(), 0);
-  EXPECT_FALSE(log.Contains("Cache file is deleted"));
 
   // A reserved sector takes an unaligned write at its slot's start.
-  long written = 0;
-  ASSERT_EQ(cache.FetchWrite(100, data.data(), 1000, &written), 0);
-  EXPECT_EQ(written, 1000);
-  std::string file = FileContents(cache.GetCachePath());
-  ASSERT_EQ(static_cast<long long>(file.size()), kSectorSize);
-  EXPECT_EQ(file.compare(0, 1000, data.data(), 1000), 0);
+  ASSERT_EQ(cache.FetchWrite(100, data.data(), 1000, nullptr), 0);
   std::vector<char> buffer(2000);
   _READDATA rd = Request(buffer, 0, nullptr);
   ASSERT_EQ(cache.Read(&rd), kOk);
   EXPECT_EQ(rd.transferred, 1000u);
   EXPECT_EQ(std::vector<char>(buffer.begin(), buffer.begin() + 1000), data);
-  EXPECT_EQ(cache.Reserve(0, kSectorSize), kNothingReserved);
+  EXPECT_EQ(cache.GetFileSize(), kSectorSize);
 
   // Clearing drops only what is still reserved.
   EXPECT_EQ(cache.ClearReserved(0, 3 * kSectorSize), kOk);
@@ -224,11 +207,9 @@ class ReadOnlyStream {
 };
 
 TEST_F(ReadPathTest, FailedWritesLeaveNoSharedSlotsAndFreedSlotsAreReused) {
-  RecordingLog log;
   FakeOrigin origin(8 * kMiB);
   ReadonlyCache cache(Dir(), "reuse.bin", origin.size(), &config_);
-  unsigned long long got = 0;
-  ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kOk);  // slots 0 and 1
+  Served(cache, 0, 100, &origin);  // slots 0 and 1
 
   // A fetch write that fails leaves its sector reserved.
   ASSERT_EQ(cache.Reserve(2 * kMiB, kSectorSize), kOk);
@@ -237,41 +218,36 @@ TEST_F(ReadPathTest, FailedWritesLeaveNoSharedSlotsAndFreedSlotsAreReused) {
     EXPECT_EQ(cache.FetchWrite(2 * kMiB, OriginBytes(2 * kMiB, kSectorSize).data(), kSectorSize, nullptr),
               static_cast<int>(kErrFileWrite));
   }
-  EXPECT_EQ(log.LevelOf("Fetch write failed : "), LOGLEVEL_ERROR);
+  EXPECT_EQ(log_.LevelOf("Fetch write failed : "), LOGLEVEL_ERROR);
   EXPECT_EQ(cache.Reserve(2 * kMiB, kSectorSize), kNothingReserved);
-  ASSERT_EQ(ReadChecked(cache, 2 * kMiB, 100, nullptr, &got), kOk);
-  EXPECT_EQ(got, 0u);
+  EXPECT_EQ(Served(cache, 2 * kMiB, 100), 0);
 
   // Sectors appended meanwhile, and the failed one fetched once its
   // reservation is cleared, must each get a slot of their own.
-  ASSERT_EQ(ReadChecked(cache, kMiB, 100, &origin, &got), kOk);
+  Served(cache, kMiB, 100, &origin);
   EXPECT_EQ(cache.ClearReserved(2 * kMiB, kSectorSize), kOk);
-  ASSERT_EQ(ReadChecked(cache, 2 * kMiB, 100, &origin, &got), kOk);
-  ASSERT_EQ(ReadChecked(cache, kMiB, static_cast<size_t>(2 * kMiB), nullptr, &got), kOk);
-  EXPECT_EQ(got, static_cast<unsigned long long>(2 * kMiB));
+  Served(cache, 2 * kMiB, 100, &origin);
+  EXPECT_EQ(Served(cache, kMiB, 2 * kMiB), 2 * kMiB);
   EXPECT_EQ(cache.GetFileSize(), 3 * kMiB);
 
   // A move that fails during eviction leaves free slots listed below the
   // end of the file; the sectors stay where they were.
   AdvanceClockForTesting(std::chrono::seconds(200));
-  ASSERT_EQ(ReadChecked(cache, 2 * kMiB, static_cast<size_t>(kMiB), nullptr, &got), kOk);  // young again
-  _CACHECONFIG conf = config_.GetConfig();
-  conf.clrunused = 100;
-  config_.Set(conf);
+  Served(cache, 2 * kMiB, kMiB);  // young again
+  Configure([](_CACHECONFIG& conf) { conf.clrunused = 100; });
   {
     ReadOnlyStream broken(cache);
     cache.ClearOldCache(false);
   }
-  EXPECT_TRUE(log.Contains("ClearOldCache : OK, 3145728 => 3145728"));
-  ASSERT_EQ(ReadChecked(cache, 2 * kMiB, static_cast<size_t>(kMiB), nullptr, &got), kOk);
-  EXPECT_EQ(got, static_cast<unsigned long long>(kMiB));
+  EXPECT_TRUE(log_.Contains("ClearOldCache : OK, 3145728 => 3145728"));
+  EXPECT_EQ(Served(cache, 2 * kMiB, kMiB), kMiB);
 
   // Free slots 512 KiB, 1 MiB and 1.5 MiB are used before the file grows; a
   // slot taken by a reservation comes back when it is cleared.
   ASSERT_EQ(cache.Reserve(4 * kMiB, kSectorSize), kOk);
   EXPECT_EQ(cache.ClearReserved(4 * kMiB, kSectorSize), kOk);
-  ASSERT_EQ(ReadChecked(cache, 5 * kMiB, 100, &origin, &got), kOk);
-  ASSERT_EQ(ReadChecked(cache, 6 * kMiB, 100, &origin, &got), kOk);
+  Served(cache, 5 * kMiB, 100, &origin);
+  Served(cache, 6 * kMiB, 100, &origin);
   EXPECT_EQ(cache.GetFileSize(), 7 * kSectorSize);
   std::string file = FileContents(cache.GetCachePath());
   EXPECT_TRUE(SlotHolds(file, kSectorSize, 6 * kMiB, kSectorSize));
@@ -281,56 +257,44 @@ TEST_F(ReadPathTest, FailedWritesLeaveNoSharedSlotsAndFreedSlotsAreReused) {
 }
 
 TEST_F(ReadPathTest, TimedOutReadClearsItsReservationSoALaterReadQueuesAgain) {
-  RecordingLog log;
   FakeOrigin origin(4 * kMiB);
   ReadonlyCache cache(Dir(), "timeout.bin", origin.size(), &config_);
   TestQueue queue(TestQueue::Mode::kHold);
-
-  unsigned long long got = 0;
-  EXPECT_EQ(ReadChecked(cache, 0, 100, &origin, &got, 50), kErrRead);
+  EXPECT_EQ(ReadChecked(cache, 0, 100, &origin, 50), kErrRead);
   EXPECT_EQ(queue.Held(), 1u);
-  EXPECT_EQ(log.LevelOf("Read timed-out"), LOGLEVEL_ERROR);
-  EXPECT_TRUE(log.Contains("(last checked sector offset was 0 on offset 0, length 100 and reserved)"));
+  EXPECT_EQ(log_.LevelOf("Read timed-out"), LOGLEVEL_ERROR);
 
   // Sector 0 is absent again, so this read queues it anew instead of waiting
   // for the held task; sector 1 is still reserved by that task.
   queue.set_mode(TestQueue::Mode::kRun);
-  ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got, 5000), kOk);
-  EXPECT_EQ(got, 100u);
+  EXPECT_EQ(ReadChecked(cache, 0, 100, &origin, 5000), kOk);
   EXPECT_EQ(queue.Enqueued(), 2);
   EXPECT_EQ(origin.Requests(), (std::vector<Range>{{0, kSectorSize}}));
-
   queue.RunHeld();
   ASSERT_TRUE(queue.WaitIdle());
-  ASSERT_EQ(ReadChecked(cache, 0, static_cast<size_t>(kMiB), nullptr, &got), kOk);
-  EXPECT_EQ(got, static_cast<unsigned long long>(kMiB));
+  EXPECT_EQ(Served(cache, 0, kMiB), kMiB);
 
   // A time-out of 0 means the configured one.
-  _CACHECONFIG conf = config_.GetConfig();
-  conf.readtimeout = 30;
-  config_.Set(conf);
+  Configure([](_CACHECONFIG& conf) { conf.readtimeout = 30; });
   queue.set_mode(TestQueue::Mode::kHold);
-  EXPECT_EQ(ReadChecked(cache, 2 * kMiB, 100, &origin, &got, 0), kErrRead);
-  EXPECT_EQ(log.Count("Read timed-out"), 2);
+  EXPECT_EQ(ReadChecked(cache, 2 * kMiB, 100, &origin, 0), kErrRead);
+  EXPECT_EQ(log_.Count("Read timed-out"), 2);
 }
 
 TEST_F(ReadPathTest, ClosingTheClientHandleEndsAWaitingReadAndSilencesItsFetch) {
-  RecordingLog log;
   FakeOrigin origin(4 * kMiB);
   ReadonlyCache cache(Dir(), "closed.bin", origin.size(), &config_);
   TestQueue queue(TestQueue::Mode::kHold);
-
   std::vector<char> buffer(100);
   _READDATA rd = Request(buffer, 0, &origin, -1);
-  std::shared_ptr<_FS_HANDLE> handle = rd.handle;
   unsigned int result = 0;
   std::thread reader([&] { result = cache.Read(&rd); });
   for (int i = 0; i < 500 && queue.Held() == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
   ASSERT_EQ(queue.Held(), 1u);
-  handle->state = 3;
+  rd.handle->state = 3;
   reader.join();
   EXPECT_EQ(result, kErrHandleClosed);
-  EXPECT_EQ(log.LevelOf("Read failed : Handle closed before return"), LOGLEVEL_ERROR);
+  EXPECT_EQ(log_.LevelOf("Read failed : Handle closed before return"), LOGLEVEL_ERROR);
   EXPECT_EQ(cache.Reserve(0, kSectorSize), kOk);  // its own sector was released
   EXPECT_EQ(cache.ClearReserved(0, kSectorSize), kOk);
 
@@ -338,7 +302,7 @@ TEST_F(ReadPathTest, ClosingTheClientHandleEndsAWaitingReadAndSilencesItsFetch) 
   origin.set_mode(FakeOrigin::Mode::kFail);
   queue.RunHeld();
   ASSERT_TRUE(queue.WaitIdle());
-  EXPECT_FALSE(log.Contains("Read-ahead failed"));
+  EXPECT_FALSE(log_.Contains("Read-ahead failed"));
   EXPECT_EQ(cache.Reserve(kSectorSize, kSectorSize), kOk);
 }
 
@@ -350,180 +314,138 @@ class HandleRecordingOrigin : public FakeOrigin {
                   IFetchCallback* callback) override {
     {
       std::lock_guard<std::mutex> guard(lock_);
-      handles_.push_back(handle);
+      handles.push_back(handle);
     }
     return FakeOrigin::Fetch(offset, length, std::move(handle), callback);
   }
-  std::vector<std::shared_ptr<_FS_HANDLE>> Handles() {
-    std::lock_guard<std::mutex> guard(lock_);
-    return handles_;
-  }
-
- private:
   std::mutex lock_;
-  std::vector<std::shared_ptr<_FS_HANDLE>> handles_;
+  std::vector<std::shared_ptr<_FS_HANDLE>> handles;
 };
 
 TEST_F(ReadPathTest, WholeFileReadIsOneRequestMadeWithTheCachesOwnHandle) {
-  RecordingLog log;
-  _CACHECONFIG conf = config_.GetConfig();
-  conf.readfetchmax = kMiB;  // must not split a whole-file fetch
-  config_.Set(conf);
+  Configure([](_CACHECONFIG& conf) { conf.readfetchmax = kMiB; });  // must not split a whole-file fetch
   HandleRecordingOrigin origin(3 * kMiB + 1000);
   ReadonlyCache cache(Dir(), "whole.bin", origin.size(), &config_);
   TestQueue queue(TestQueue::Mode::kRun);
-
-  std::vector<char> buffer(100);
-  _READDATA rd = Request(buffer, 2 * kMiB, &origin);
-  rd.whole_file = true;
-  rd.handle->type = 1;
-  rd.handle->id = 77;
-  rd.handle->info = "client-info";
-  ASSERT_EQ(cache.Read(&rd), kOk);
-  EXPECT_EQ(rd.transferred, 100u);
-  EXPECT_EQ(FakeOrigin::FirstMismatch(buffer.data(), 2 * kMiB, 100), -1);
+  auto whole_file_read = [&](long long offset, std::shared_ptr<_FS_HANDLE>* client) {
+    std::vector<char> buffer(100);
+    _READDATA rd = Request(buffer, offset, &origin);
+    rd.whole_file = true;
+    rd.handle->type = 1;
+    rd.handle->id = 77;
+    rd.handle->info = "client-info";
+    EXPECT_EQ(cache.Read(&rd), kOk);
+    EXPECT_EQ(rd.transferred, 100u);
+    EXPECT_EQ(FakeOrigin::FirstMismatch(buffer.data(), offset, 100), -1);
+    if (client != nullptr) *client = rd.handle;
+  };
+  std::shared_ptr<_FS_HANDLE> client;
+  whole_file_read(2 * kMiB, &client);
   EXPECT_EQ(origin.Requests(), (std::vector<Range>{{0, static_cast<long>(origin.size())}}));
-  EXPECT_EQ(log.LevelOf("Trying to fetch whole file(3146728 bytes)."), LOGLEVEL_INFO);
-
-  std::vector<std::shared_ptr<_FS_HANDLE>> handles = origin.Handles();
-  ASSERT_EQ(handles.size(), 1u);
-  EXPECT_NE(handles[0], rd.handle);
-  EXPECT_EQ(handles[0]->type, 2);
-  EXPECT_EQ(handles[0]->id, 0);
-  EXPECT_EQ(handles[0]->info, "client-info");
-
+  EXPECT_EQ(log_.LevelOf("Trying to fetch whole file(3146728 bytes)."), LOGLEVEL_INFO);
+  {
+    std::lock_guard<std::mutex> guard(origin.lock_);
+    ASSERT_EQ(origin.handles.size(), 1u);
+    const std::shared_ptr<_FS_HANDLE>& h = origin.handles[0];
+    EXPECT_NE(h, client);
+    EXPECT_EQ(std::make_tuple(h->type, h->id, h->info), std::make_tuple(2, int64_t{0}, std::string("client-info")));
+  }
   // Everything is cached: a second whole-file read fetches nothing.
   ASSERT_TRUE(queue.WaitIdle());
   EXPECT_EQ(cache.GetFileSize(), 7 * kSectorSize);
-  _READDATA again = Request(buffer, 3 * kMiB + 900, &origin);
-  again.whole_file = true;
-  ASSERT_EQ(cache.Read(&again), kOk);
-  EXPECT_EQ(again.transferred, 100u);
-  EXPECT_EQ(FakeOrigin::FirstMismatch(buffer.data(), 3 * kMiB + 900, 100), -1);
+  whole_file_read(3 * kMiB + 900, nullptr);
   EXPECT_EQ(origin.Requests().size(), 1u);
 }
 
 TEST_F(ReadPathTest, OriginThatFailsOrDeliversTheWrongAmount) {
-  RecordingLog log;
   FakeOrigin origin(8 * kMiB);
   ReadonlyCache cache(Dir(), "faulty.bin", origin.size(), &config_);
-  unsigned long long got = 0;
-
   origin.set_mode(FakeOrigin::Mode::kFail);
-  EXPECT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kErrRead);
-  EXPECT_EQ(log.LevelOf("Read-ahead failed : 0, 1048576"), LOGLEVEL_ERROR);
-  EXPECT_EQ(log.LevelOf("Read failed : Sector 0 not found on sector hash"), LOGLEVEL_ERROR);
-
+  EXPECT_EQ(ReadChecked(cache, 0, 100, &origin), kErrRead);
+  EXPECT_EQ(log_.LevelOf("Read-ahead failed : 0, 1048576"), LOGLEVEL_ERROR);
   origin.set_mode(FakeOrigin::Mode::kNothing);
-  EXPECT_EQ(ReadChecked(cache, kMiB, 100, &origin, &got), kErrRead);
-  EXPECT_EQ(log.Count("Read-ahead failed"), 1);  // success without data is not a failure
+  EXPECT_EQ(ReadChecked(cache, kMiB, 100, &origin), kErrRead);
+  EXPECT_EQ(log_.Count("Read-ahead failed"), 1);  // success without data is not a failure
 
   // Nothing was left reserved: the same reads succeed once the origin works.
   origin.set_mode(FakeOrigin::Mode::kNormal);
   origin.ClearRequests();
-  ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kOk);
-  ASSERT_EQ(ReadChecked(cache, kMiB, 100, &origin, &got), kOk);
+  Served(cache, 0, 100, &origin);
+  Served(cache, kMiB, 100, &origin);
   EXPECT_EQ(origin.Requests(), (std::vector<Range>{{0, kMiB}, {kMiB, kMiB}}));
 
   // Half of the range arrives: the read fails, a retry fetches the rest.
   origin.set_mode(FakeOrigin::Mode::kShort);
   origin.ClearRequests();
-  EXPECT_EQ(ReadChecked(cache, 3 * kMiB, static_cast<size_t>(kMiB), &origin, &got), kErrRead);
-  ASSERT_EQ(ReadChecked(cache, 3 * kMiB, static_cast<size_t>(kMiB), &origin, &got), kOk);
-  EXPECT_EQ(got, static_cast<unsigned long long>(kMiB));
+  EXPECT_EQ(ReadChecked(cache, 3 * kMiB, kMiB, &origin), kErrRead);
+  EXPECT_EQ(Served(cache, 3 * kMiB, kMiB, &origin), kMiB);
   EXPECT_EQ(origin.Requests(), (std::vector<Range>{{3 * kMiB, kMiB}, {7 * kSectorSize, kSectorSize}}));
 
   // One sector more than asked for is kept and not fetched again.
   origin.set_mode(FakeOrigin::Mode::kExtra);
   origin.ClearRequests();
-  ASSERT_EQ(ReadChecked(cache, 5 * kMiB, 100, &origin, &got), kOk);
+  Served(cache, 5 * kMiB, 100, &origin);
   origin.set_mode(FakeOrigin::Mode::kNormal);
-  ASSERT_EQ(ReadChecked(cache, 6 * kMiB + 10, static_cast<size_t>(kSectorSize), &origin, &got), kOk);
-  EXPECT_EQ(got, static_cast<unsigned long long>(kSectorSize));
+  EXPECT_EQ(Served(cache, 6 * kMiB + 10, kSectorSize, &origin), kSectorSize);
   EXPECT_EQ(origin.Requests(), (std::vector<Range>{{5 * kMiB, kMiB}, {13 * kSectorSize, kMiB}}));
 }
 
 TEST_F(ReadPathTest, DroppedFetchesReleaseTheirSectors) {
-  RecordingLog log;
   FakeOrigin origin(4 * kMiB);
   ReadonlyCache cache(Dir(), "dropped.bin", origin.size(), &config_);
   TestQueue queue(TestQueue::Mode::kDrop);
-
-  unsigned long long got = 0;
-  EXPECT_EQ(ReadChecked(cache, 0, 100, &origin, &got, 30000), kErrRead);
-  EXPECT_TRUE(log.Contains("Read failed : Sector 0 not found on sector hash"));
-  EXPECT_FALSE(log.Contains("Read timed-out"));
+  EXPECT_EQ(ReadChecked(cache, 0, 100, &origin, 30000), kErrRead);
+  EXPECT_EQ(log_.LevelOf("Read failed : Sector 0 not found on sector hash"), LOGLEVEL_ERROR);
+  EXPECT_FALSE(log_.Contains("Read timed-out"));
   ASSERT_TRUE(queue.WaitIdle());
   EXPECT_EQ(cache.Reserve(0, kMiB), kOk);  // both sectors were released
   EXPECT_EQ(cache.ClearReserved(0, kMiB), kOk);
-
   queue.set_mode(TestQueue::Mode::kRun);
-  ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kOk);
-  EXPECT_EQ(got, 100u);
+  EXPECT_EQ(Served(cache, 0, 100, &origin), 100);
   EXPECT_EQ(origin.Requests(), (std::vector<Range>{{0, kMiB}}));
 }
 
 TEST_F(ReadPathTest, CacheFileDeletedWhileClosedForIdlenessStartsAfresh) {
-  RecordingLog log;
   FakeOrigin origin(4 * kMiB);
   ReadonlyCache cache(Dir(), "deleted.bin", origin.size(), &config_);
-  unsigned long long got = 0;
-  ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kOk);
-
+  Served(cache, 0, 100, &origin);
   AdvanceClockForTesting(std::chrono::seconds(11));
   ASSERT_TRUE(cache.CheckHandles());
   ASSERT_EQ(std::remove(cache.GetCachePath().c_str()), 0);
 
-  ASSERT_EQ(ReadChecked(cache, 0, 5000, &origin, &got), kOk);
-  EXPECT_EQ(got, 5000u);
-  ASSERT_EQ(ReadChecked(cache, kSectorSize, 100, &origin, &got), kOk);
-  EXPECT_EQ(log.Count("[CACHE     ] Cache file is deleted. Clear cache information. : " + cache.GetCachePath()),
+  EXPECT_EQ(Served(cache, 0, 5000, &origin), 5000);
+  Served(cache, kSectorSize, 100, &origin);
+  EXPECT_EQ(log_.Count("[CACHE     ] Cache file is deleted. Clear cache information. : " + cache.GetCachePath()),
             1);
-  EXPECT_EQ(log.LevelOf("Cache file is deleted"), LOGLEVEL_WARNING);
   EXPECT_EQ(origin.Requests(), (std::vector<Range>{{0, kMiB}, {0, kMiB}, {kMiB, kSectorSize}}));
   EXPECT_EQ(cache.GetFileSize(), 3 * kSectorSize);
 }
 
 TEST_F(ReadPathTest, CloseKeepsOrDeletesTheFile) {
   FakeOrigin origin(4 * kMiB);
-  unsigned long long got = 0;
-  {
-    ReadonlyCache cache(Dir(), "close.bin", origin.size(), &config_);
-    ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kOk);
-    EXPECT_EQ(cache.Close(false), kOk);
-    EXPECT_TRUE(Exists(cache.GetCachePath()));
-    ASSERT_EQ(ReadChecked(cache, 0, 100, nullptr, &got), kOk);
-    EXPECT_EQ(got, 100u);  // the index stayed too
+  ReadonlyCache cache(Dir(), "close.bin", origin.size(), &config_);
+  Served(cache, 0, 100, &origin);
+  EXPECT_EQ(cache.Close(false), kOk);
+  EXPECT_TRUE(Exists(cache.GetCachePath()));
+  EXPECT_EQ(Served(cache, 0, 100), 100);  // the index stayed too
+  EXPECT_EQ(cache.Close(true), kOk);
+  EXPECT_FALSE(Exists(cache.GetCachePath()));
+  EXPECT_EQ(Served(cache, 0, 100), 0);
 
-    EXPECT_EQ(cache.Close(true), kOk);
-    EXPECT_FALSE(Exists(cache.GetCachePath()));
-    ASSERT_EQ(ReadChecked(cache, 0, 100, nullptr, &got), kOk);
-    EXPECT_EQ(got, 0u);
-  }
-  {
-    ReadonlyCache cache(Dir(), "idle.bin", origin.size(), &config_);
-    ASSERT_EQ(ReadChecked(cache, 0, 100, &origin, &got), kOk);
-    AdvanceClockForTesting(std::chrono::seconds(11));
-    ASSERT_TRUE(cache.CheckHandles());
-    EXPECT_EQ(cache.Close(true), kErrNotOpen);
-    EXPECT_TRUE(Exists(cache.GetCachePath()));
-  }
+  // A handle already closed for idleness is not open: nothing to delete.
+  ReadonlyCache idle(Dir(), "idle.bin", origin.size(), &config_);
+  Served(idle, 0, 100, &origin);
+  AdvanceClockForTesting(std::chrono::seconds(11));
+  ASSERT_TRUE(idle.CheckHandles());
+  EXPECT_EQ(idle.Close(true), kErrNotOpen);
+  EXPECT_TRUE(Exists(idle.GetCachePath()));
 }
 
 TEST_F(ReadPathTest, DegenerateRequestsAndRefusedOperations) {
-  RecordingLog log;
   FakeOrigin origin(4 * kMiB);
   ReadonlyCache cache(Dir(), "odd.bin", origin.size(), &config_);
   EXPECT_EQ(cache.Read(nullptr), kErrInvalidArgument);
-
-  std::vector<char> empty;
-  _READDATA rd = Request(empty, 100, &origin);
-  EXPECT_EQ(cache.Read(&rd), kOk);
-  EXPECT_EQ(rd.transferred, 0u);
-  _READDATA cached_only = Request(empty, 100, nullptr);
-  EXPECT_EQ(cache.Read(&cached_only), kOk);
-  EXPECT_EQ(cached_only.transferred, 0u);
-
+  EXPECT_EQ(Served(cache, 100, 0, &origin), 0);
   std::vector<char> bytes(10, 'x');
   _WRITEDATA wd{bytes.data(), 0, bytes.size(), 0, std::make_shared<_FS_HANDLE>(), origin.size(), &origin};
   EXPECT_EQ(cache.Write(&wd), kErrReadOnly);
@@ -535,11 +457,9 @@ TEST_F(ReadPathTest, DegenerateRequestsAndRefusedOperations) {
   ReadonlyCache blocked(Dir(), "blocked.bin", origin.size(), &config_);
   const size_t requests = origin.Requests().size();
   ASSERT_EQ(mkdir(blocked.GetCachePath().c_str(), 0700), 0);
-  std::vector<char> buffer(100);
-  _READDATA denied = Request(buffer, 0, &origin);
-  EXPECT_EQ(blocked.Read(&denied), kErrRead);
-  EXPECT_EQ(log.LevelOf("[CACHE     ] Cache open has failed : " + blocked.GetCachePath()), LOGLEVEL_ERROR);
-  EXPECT_EQ(blocked.FetchWrite(0, buffer.data(), 100, nullptr), static_cast<int>(kErrRead));
+  EXPECT_EQ(ReadChecked(blocked, 0, 100, &origin), kErrRead);
+  EXPECT_EQ(log_.LevelOf("[CACHE     ] Cache open has failed : " + blocked.GetCachePath()), LOGLEVEL_ERROR);
+  EXPECT_EQ(blocked.FetchWrite(0, bytes.data(), 10, nullptr), static_cast<int>(kErrRead));
   EXPECT_EQ(origin.Requests().size(), requests);
 }
 
