@@ -14,6 +14,22 @@ bool HandleOpen(const std::shared_ptr<_FS_HANDLE>& handle) { return handle == nu
 // Only the low 32 bits of a fetch result carry its status.
 bool FetchFailed(long long result) { return static_cast<uint32_t>(result) != 0; }
 
+// Inline (a non-null context) the queuing thread holds the index lock, so the
+// task must deliver and clear through the no-lock paths.
+IFetchCallback* CallbackFor(void* context, SyncFetch* inline_callback, ReadonlyCache* cache) {
+  return context != nullptr ? static_cast<IFetchCallback*>(inline_callback) : static_cast<IFetchCallback*>(cache);
+}
+
+// Whatever did not arrive becomes absent again, so waiting readers queue it
+// anew instead of waiting for ever.
+void ClearRange(void* context, ReadonlyCache* cache, long long offset, long long length) {
+  if (context != nullptr) {
+    SyncFetch(cache).ClearReserved(offset, length);
+  } else {
+    cache->ClearReserved(offset, length);
+  }
+}
+
 }  // namespace
 
 int SyncFetch::FetchWrite(long long offset, const char* data, long length, long* written) {
@@ -35,21 +51,14 @@ AsyncFetch::~AsyncFetch() { cache_->TaskEnded(); }
 void AsyncFetch::Process(void* context) {
   const std::string tag = cache_->GetFileName();
   SyncFetch inline_callback(cache_);
-  IFetchCallback* callback = context != nullptr ? static_cast<IFetchCallback*>(&inline_callback)
-                                                : static_cast<IFetchCallback*>(cache_);
+  IFetchCallback* callback = CallbackFor(context, &inline_callback, cache_);
   long long result = fetch_->Fetch(offset_, static_cast<long>(length_), handle_, callback);
   if (FetchFailed(result) && HandleOpen(handle_)) {
     KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Read-ahead failed : %lld, %d", tag.c_str(), offset_,
              static_cast<int>(length_));
   }
-  // Whatever did not arrive becomes absent again, so waiting readers queue
-  // it anew instead of waiting for ever.
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead : clear empty reserved block(s)", tag.c_str());
-  if (context != nullptr) {
-    inline_callback.ClearReserved(offset_, length_);
-  } else {
-    cache_->ClearReserved(offset_, length_);
-  }
+  ClearRange(context, cache_, offset_, length_);
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead done : %lld, %d", tag.c_str(), offset_,
            static_cast<int>(length_));
   delete this;
@@ -80,8 +89,7 @@ void AsyncLargeFetch::Process(void* context) {
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] AsyncLargeFetch : %lld, %lld", tag.c_str(), offset_, length_);
   const _CACHECONFIG conf = cache_->GetConfig();
   SyncFetch inline_callback(cache_);
-  IFetchCallback* callback = context != nullptr ? static_cast<IFetchCallback*>(&inline_callback)
-                                                : static_cast<IFetchCallback*>(cache_);
+  IFetchCallback* callback = CallbackFor(context, &inline_callback, cache_);
   long long position = offset_;
   long long remaining = length_;
   while (remaining > 0) {
@@ -102,11 +110,7 @@ void AsyncLargeFetch::Process(void* context) {
     remaining -= piece;
   }
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead large : clear empty reserved block(s)", tag.c_str());
-  if (context != nullptr) {
-    inline_callback.ClearReserved(offset_, length_);
-  } else {
-    cache_->ClearReserved(offset_, length_);
-  }
+  ClearRange(context, cache_, offset_, length_);
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead large block done : %lld, %lld", tag.c_str(), offset_,
            length_);
   cache_->LargeFetchEnded(this);

@@ -22,6 +22,7 @@
 #include "common/clock.h"
 #include "support/fake_config.h"
 #include "support/fake_origin.h"
+#include "support/file_helpers.h"
 #include "support/recording_log.h"
 #include "support/temp_dir.h"
 #include "support/test_queue.h"
@@ -40,16 +41,6 @@ std::vector<char> OriginBytes(long long offset, long long length) {
   std::vector<char> bytes(static_cast<size_t>(length));
   for (long long i = 0; i < length; ++i) bytes[static_cast<size_t>(i)] = FakeOrigin::ByteAt(offset + i);
   return bytes;
-}
-
-std::string FileContents(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-bool Exists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
 }
 
 // True when the slot at `slot` of `file` holds `valid` origin bytes from

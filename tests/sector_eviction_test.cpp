@@ -15,6 +15,7 @@
 #include "common/clock.h"
 #include "support/fake_config.h"
 #include "support/fake_origin.h"
+#include "support/file_helpers.h"
 #include "support/recording_log.h"
 #include "support/temp_dir.h"
 
@@ -22,16 +23,6 @@ namespace {
 
 constexpr long long kMiB = 1048576;
 constexpr long long kHalf = kSectorSize;
-
-std::string FileContents(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-bool Exists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
-}
 
 void Age(long long seconds) { AdvanceClockForTesting(std::chrono::seconds(seconds)); }
 
