@@ -1,0 +1,548 @@
+#include "http_origin.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <cstring>
+
+#include "http_listing.h"
+
+namespace {
+
+// A listing this large is a misconfigured server, not a directory.
+constexpr size_t kMaxListingBytes = 64u << 20;
+
+// Every request of a thread goes through the same easy handle, so that the
+// handle's connection cache keeps the connection to the server open between
+// requests instead of paying a TCP handshake for each small range.
+struct ThreadCurl {
+  CURL* handle = nullptr;
+  bool busy = false;
+  ~ThreadCurl() {
+    if (handle != nullptr) curl_easy_cleanup(handle);
+  }
+};
+thread_local ThreadCurl t_curl;
+
+// Lends the thread's handle for one request. A sink or source that starts a
+// request of its own while the thread's handle is mid-transfer gets a private
+// handle instead of clobbering the running one.
+class EasyHandle {
+ public:
+  EasyHandle() {
+    if (!t_curl.busy) {
+      if (t_curl.handle == nullptr) t_curl.handle = curl_easy_init();
+      handle_ = t_curl.handle;
+      shared_ = handle_ != nullptr;
+      t_curl.busy = shared_;
+    } else {
+      handle_ = curl_easy_init();
+    }
+  }
+  ~EasyHandle() {
+    if (shared_) {
+      // Leaves no pointer to this request's callbacks and buffers behind.
+      curl_easy_reset(handle_);
+      t_curl.busy = false;
+    } else if (handle_ != nullptr) {
+      curl_easy_cleanup(handle_);
+    }
+  }
+  EasyHandle(const EasyHandle&) = delete;
+  EasyHandle& operator=(const EasyHandle&) = delete;
+  CURL* get() const { return handle_; }
+
+ private:
+  CURL* handle_ = nullptr;
+  bool shared_ = false;
+};
+
+// What one request needs besides its body: the headers of the final response
+// (an interim "100 Continue" is dropped) and the stall watch.
+struct Response {
+  std::string etag;
+  std::string last_modified;
+  std::string content_range;
+  std::string location;
+  char curl_error[CURL_ERROR_SIZE] = {};
+
+  std::chrono::milliseconds stall_limit{0};
+  std::chrono::steady_clock::time_point last_progress;
+  curl_off_t downloaded = -1;
+  curl_off_t uploaded = -1;
+  bool stalled = false;
+};
+
+// curl's own low-speed check averages over its last few seconds of samples,
+// so a server that falls silent after sending some bytes is noticed up to
+// five seconds late; this watches for the moment bytes stop moving.
+int OnProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t uploaded) {
+  Response* response = static_cast<Response*>(user);
+  auto now = std::chrono::steady_clock::now();
+  if (downloaded != response->downloaded || uploaded != response->uploaded) {
+    response->downloaded = downloaded;
+    response->uploaded = uploaded;
+    response->last_progress = now;
+    return 0;
+  }
+  if (now - response->last_progress < response->stall_limit) return 0;
+  response->stalled = true;
+  return 1;
+}
+
+size_t OnHeader(char* data, size_t size, size_t count, void* user) {
+  Response* response = static_cast<Response*>(user);
+  const size_t bytes = size * count;
+  std::string line(data, bytes);
+  while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.pop_back();
+  if (line.compare(0, 5, "HTTP/") == 0) {
+    response->etag.clear();
+    response->last_modified.clear();
+    response->content_range.clear();
+    response->location.clear();
+    return bytes;
+  }
+  size_t colon = line.find(':');
+  if (colon == std::string::npos) return bytes;
+  std::string name = line.substr(0, colon);
+  for (char& c : name) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  size_t start = line.find_first_not_of(" \t", colon + 1);
+  std::string value = start == std::string::npos ? std::string() : line.substr(start);
+  while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) value.pop_back();
+  if (name == "etag") response->etag = value;
+  else if (name == "last-modified") response->last_modified = value;
+  else if (name == "content-range") response->content_range = value;
+  else if (name == "location") response->location = value;
+  return bytes;
+}
+
+size_t DiscardBody(char*, size_t size, size_t count, void*) { return size * count; }
+
+size_t AppendBody(char* data, size_t size, size_t count, void* user) {
+  std::string* body = static_cast<std::string*>(user);
+  if (body->size() + size * count > kMaxListingBytes) return 0;
+  body->append(data, size * count);
+  return size * count;
+}
+
+long ResponseCode(CURL* curl) {
+  long code = 0;
+  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code);
+  return code;
+}
+
+// The first byte position of "bytes 100-199/1000".
+bool ContentRangeStart(const std::string& value, long long* first) {
+  if (value.compare(0, 5, "bytes") != 0) return false;
+  size_t pos = value.find_first_not_of(" =", 5);
+  if (pos == std::string::npos || !isdigit(static_cast<unsigned char>(value[pos]))) return false;
+  long long result = 0;
+  for (; pos < value.size() && isdigit(static_cast<unsigned char>(value[pos])); ++pos) {
+    if (result > (1LL << 55)) return false;
+    result = result * 10 + (value[pos] - '0');
+  }
+  if (pos >= value.size() || value[pos] != '-') return false;
+  *first = result;
+  return true;
+}
+
+bool LooksLikeEtag(const std::string& validator) {
+  return !validator.empty() && (validator[0] == '"' || validator.compare(0, 2, "W/") == 0);
+}
+
+// A validator from Stat is the ETag when the server sent one, else the
+// Last-Modified date; compare it with the same header of this response. A
+// response without that header says nothing either way.
+bool ValidatorDiffers(const std::string& validator, const Response& response) {
+  if (validator.empty()) return false;
+  const std::string& current = LooksLikeEtag(validator) ? response.etag : response.last_modified;
+  return !current.empty() && current != validator;
+}
+
+std::string EscapePath(const std::string& path) {
+  static const char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  out.reserve(path.size());
+  for (unsigned char c : path) {
+    if (c == '/' || isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~') {
+      out += static_cast<char>(c);
+    } else {
+      out += '%';
+      out += kHex[c >> 4];
+      out += kHex[c & 15];
+    }
+  }
+  return out;
+}
+
+struct RangeRead {
+  CURL* curl = nullptr;
+  const Response* response = nullptr;
+  long long offset = 0;
+  long long length = 0;
+  const std::string* validator = nullptr;
+  const ByteSink* sink = nullptr;
+
+  enum class Stop { kNone, kComplete, kChanged, kWrongRange, kSinkRefused };
+  Stop stop = Stop::kNone;
+  bool decided = false;
+  bool discard = false;     // an error page: nothing of it reaches the sink
+  long long skip = 0;       // bytes before `offset` in a whole-file answer
+  long long body_seen = 0;  // bytes of the body so far, skipped ones included
+  long long delivered = 0;
+};
+
+// Runs once the headers are complete, before any body byte reaches the sink,
+// so that a changed or misplaced answer delivers nothing.
+bool DecideRangeRead(RangeRead* read) {
+  read->decided = true;
+  long code = ResponseCode(read->curl);
+  if (code == 206) {
+    long long first = -1;
+    if (!ContentRangeStart(read->response->content_range, &first) || first != read->offset) {
+      read->stop = RangeRead::Stop::kWrongRange;
+      return false;
+    }
+  } else if (code == 200) {
+    read->skip = read->offset;  // the server ignored Range and sends the whole file
+  } else {
+    read->discard = true;
+    return true;
+  }
+  if (ValidatorDiffers(*read->validator, *read->response)) {
+    read->stop = RangeRead::Stop::kChanged;
+    return false;
+  }
+  return true;
+}
+
+size_t OnRangeBody(char* data, size_t size, size_t count, void* user) {
+  RangeRead* read = static_cast<RangeRead*>(user);
+  const size_t bytes = size * count;
+  if (!read->decided && !DecideRangeRead(read)) return 0;
+  if (read->discard) return bytes;
+  read->body_seen += static_cast<long long>(bytes);
+  size_t dropped = static_cast<size_t>(std::min<long long>(read->skip, bytes));
+  read->skip -= static_cast<long long>(dropped);
+  size_t wanted = static_cast<size_t>(
+      std::min<long long>(read->length - read->delivered, bytes - dropped));
+  if (wanted > 0) {
+    read->delivered += static_cast<long long>(wanted);
+    if (!(*read->sink)(data + dropped, wanted)) {
+      read->stop = RangeRead::Stop::kSinkRefused;
+      return 0;
+    }
+  }
+  if (read->delivered == read->length) {
+    // Cut a body that goes on past the range (a whole-file answer), but let
+    // one that ends here finish, so the connection stays reusable.
+    curl_off_t total = -1;
+    curl_easy_getinfo(read->curl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &total);
+    if (total < 0 || read->body_seen < total) {
+      read->stop = RangeRead::Stop::kComplete;
+      return 0;
+    }
+  }
+  return bytes;
+}
+
+struct UploadSource {
+  const ByteSource* source = nullptr;
+  long long size = 0;
+  long long offset = 0;
+  std::string failure;
+};
+
+size_t OnUploadRead(char* buffer, size_t size, size_t count, void* user) {
+  UploadSource* upload = static_cast<UploadSource*>(user);
+  size_t room = static_cast<size_t>(std::min<long long>(upload->size - upload->offset,
+                                                        static_cast<long long>(size * count)));
+  if (room == 0) return 0;
+  long long got = (*upload->source)(upload->offset, buffer, room);
+  if (got <= 0 || got > static_cast<long long>(room)) {
+    // Aborting makes curl drop the connection mid-body, so the server never
+    // completes the PUT and keeps the old file.
+    upload->failure = got == 0 ? "the data to upload ended early" : "reading the data to upload failed";
+    upload->failure += " at offset " + std::to_string(upload->offset);
+    return CURL_READFUNC_ABORT;
+  }
+  upload->offset += got;
+  return static_cast<size_t>(got);
+}
+
+// curl rewinds the body when it resends a request on a reused connection that
+// turned out to be closed by the server.
+int OnUploadSeek(void* user, curl_off_t offset, int origin) {
+  UploadSource* upload = static_cast<UploadSource*>(user);
+  if (origin != SEEK_SET || offset < 0 || offset > upload->size) return CURL_SEEKFUNC_FAIL;
+  upload->offset = offset;
+  return CURL_SEEKFUNC_OK;
+}
+
+class HttpOrigin : public Origin {
+ public:
+  HttpOrigin(std::string url, std::string base, const OriginOptions& options)
+      : url_(std::move(url)),
+        base_(std::move(base)),
+        stall_limit_(options.timeout_ms),
+        connect_timeout_ms_(static_cast<long>(std::min<long long>(options.timeout_ms, 5000))),
+        stall_seconds_(static_cast<long>((options.timeout_ms + 999) / 1000)) {}
+
+  std::string Describe() const override { return url_; }
+
+  OriginStatus List(const std::string& path, std::vector<OriginEntry>* entries,
+                    std::string* error) override {
+    entries->clear();
+    EasyHandle easy;
+    Response response;
+    const std::string url = UrlFor(path, true);
+    if (!Prepare(easy.get(), url, &response, error)) return OriginStatus::kFailed;
+    std::string body;
+    curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, AppendBody);
+    curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, &body);
+    CURLcode result = curl_easy_perform(easy.get());
+    if (result == CURLE_WRITE_ERROR) return Fail(url, "directory listing is too large", error);
+    if (result != CURLE_OK) return CurlFailure(result, "GET", url, response, error);
+    long code = ResponseCode(easy.get());
+    if (code == 404) return NotFound(url, error);
+    if (code != 200) return Fail(url, "HTTP " + std::to_string(code), error);
+    std::string parse_error;
+    if (!ParseJsonListing(body, entries, &parse_error)) return Fail(url, parse_error, error);
+    return OriginStatus::kOk;
+  }
+
+  OriginStatus Stat(const std::string& path, OriginFileInfo* info, std::string* error) override {
+    *info = OriginFileInfo();
+    EasyHandle easy;
+    Response response;
+    const std::string url = UrlFor(path, false);
+    if (!Prepare(easy.get(), url, &response, error)) return OriginStatus::kFailed;
+    curl_easy_setopt(easy.get(), CURLOPT_NOBODY, 1L);
+    curl_easy_setopt(easy.get(), CURLOPT_FILETIME, 1L);
+    CURLcode result = curl_easy_perform(easy.get());
+    if (result != CURLE_OK) return CurlFailure(result, "HEAD", url, response, error);
+    long code = ResponseCode(easy.get());
+    if (code == 200 && path == "/") {
+      info->is_directory = true;  // the root answers its listing, which has no useful size
+    } else if (code == 200) {
+      curl_off_t size = -1;
+      curl_off_t mtime = -1;
+      curl_easy_getinfo(easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &size);
+      curl_easy_getinfo(easy.get(), CURLINFO_FILETIME_T, &mtime);
+      info->size = size > 0 ? size : 0;
+      info->mtime = mtime > 0 ? mtime : 0;
+      info->validator = response.etag.empty() ? response.last_modified : response.etag;
+    } else if ((code == 301 || code == 302) && !response.location.empty() &&
+               response.location.back() == '/') {
+      info->is_directory = true;  // how nginx answers a directory named without its slash
+    } else if (code == 404) {
+      return NotFound(url, error);
+    } else {
+      return Fail(url, "HTTP " + std::to_string(code), error);
+    }
+    return OriginStatus::kOk;
+  }
+
+  OriginStatus ReadRange(const std::string& path, long long offset, long long length,
+                         const std::string& validator, const ByteSink& sink,
+                         std::string* error) override {
+    if (offset < 0 || length < 0) return Fail(path, "negative offset or length", error);
+    if (length == 0) return OriginStatus::kOk;
+    EasyHandle easy;
+    Response response;
+    const std::string url = UrlFor(path, false);
+    if (!Prepare(easy.get(), url, &response, error)) return OriginStatus::kFailed;
+    RangeRead read;
+    read.curl = easy.get();
+    read.response = &response;
+    read.offset = offset;
+    read.length = length;
+    read.validator = &validator;
+    read.sink = &sink;
+    const std::string range = std::to_string(offset) + "-" + std::to_string(offset + length - 1);
+    curl_easy_setopt(easy.get(), CURLOPT_RANGE, range.c_str());
+    curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, OnRangeBody);
+    curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, &read);
+    CURLcode result = curl_easy_perform(easy.get());
+    // An answer without a body never reached the write callback.
+    if (result == CURLE_OK && !read.decided) DecideRangeRead(&read);
+    switch (read.stop) {
+      case RangeRead::Stop::kComplete:
+        return OriginStatus::kOk;
+      case RangeRead::Stop::kChanged:
+        *error = url + ": the file changed (validator " + validator + " is now " +
+                 (response.etag.empty() ? response.last_modified : response.etag) + ")";
+        return OriginStatus::kChanged;
+      case RangeRead::Stop::kWrongRange:
+        return Fail(url, "asked for bytes from " + std::to_string(offset) +
+                             ", server answered Content-Range \"" + response.content_range + "\"",
+                    error);
+      case RangeRead::Stop::kSinkRefused:
+        if (read.delivered == length) return OriginStatus::kOk;
+        return Fail(url, "the reader stopped the transfer", error);
+      case RangeRead::Stop::kNone:
+        break;
+    }
+    if (result != CURLE_OK) {
+      if (read.delivered == length) return OriginStatus::kOk;
+      return CurlFailure(result, "GET", url, response, error);
+    }
+    long code = ResponseCode(easy.get());
+    if (code == 200 || code == 206) return OriginStatus::kOk;
+    if (code == 404) return NotFound(url, error);
+    if (code == 416) return Fail(url, "range not satisfiable (HTTP 416) at offset " +
+                                          std::to_string(offset), error);
+    return Fail(url, "HTTP " + std::to_string(code), error);
+  }
+
+  OriginStatus Upload(const std::string& path, long long size, const ByteSource& source,
+                      std::string* error) override {
+    if (size < 0) return Fail(path, "negative size", error);
+    EasyHandle easy;
+    Response response;
+    const std::string url = UrlFor(path, false);
+    if (!Prepare(easy.get(), url, &response, error)) return OriginStatus::kFailed;
+    UploadSource upload;
+    upload.source = &source;
+    upload.size = size;
+    // Without "Expect: 100-continue" a server that never answers it costs no
+    // extra second per upload.
+    curl_slist* headers = curl_slist_append(nullptr, "Expect:");
+    curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(easy.get(), CURLOPT_UPLOAD, 1L);
+    curl_easy_setopt(easy.get(), CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(size));
+    curl_easy_setopt(easy.get(), CURLOPT_READFUNCTION, OnUploadRead);
+    curl_easy_setopt(easy.get(), CURLOPT_READDATA, &upload);
+    curl_easy_setopt(easy.get(), CURLOPT_SEEKFUNCTION, OnUploadSeek);
+    curl_easy_setopt(easy.get(), CURLOPT_SEEKDATA, &upload);
+    curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, DiscardBody);
+    CURLcode result = curl_easy_perform(easy.get());
+    long code = ResponseCode(easy.get());
+    curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, nullptr);
+    curl_slist_free_all(headers);
+    if (!upload.failure.empty()) return Fail(url, upload.failure, error);
+    if (result != CURLE_OK) return CurlFailure(result, "PUT", url, response, error);
+    if (code == 200 || code == 201 || code == 204) return OriginStatus::kOk;
+    return Fail(url, "HTTP " + std::to_string(code), error);
+  }
+
+ private:
+  std::string UrlFor(const std::string& path, bool directory) const {
+    std::string url = base_ + EscapePath(path);
+    if (directory && url.back() != '/') url += '/';
+    return url;
+  }
+
+  bool Prepare(CURL* curl, const std::string& url, Response* response, std::string* error) const {
+    if (curl == nullptr) {
+      *error = url + ": cannot create a libcurl handle";
+      return false;
+    }
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(curl, CURLOPT_PROXY, "");  // ignore http_proxy and friends
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, connect_timeout_ms_);
+    // A whole transfer may take long; only a stalled one fails. The
+    // low-speed check is the backstop of the progress watch.
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, stall_seconds_);
+    response->stall_limit = stall_limit_;
+    response->last_progress = std::chrono::steady_clock::now();
+    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, OnProgress);
+    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, response);
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, response->curl_error);
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, OnHeader);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, response);
+    return true;
+  }
+
+  static OriginStatus CurlFailure(CURLcode result, const char* method, const std::string& url,
+                                  const Response& response, std::string* error) {
+    *error = std::string(method) + " " + url + ": ";
+    if (response.stalled) {
+      *error += "no data moved for " + std::to_string(response.stall_limit.count()) + " ms";
+      return OriginStatus::kUnreachable;
+    }
+    *error += response.curl_error[0] != '\0' ? response.curl_error : curl_easy_strerror(result);
+    switch (result) {
+      case CURLE_COULDNT_RESOLVE_HOST:
+      case CURLE_COULDNT_CONNECT:
+      case CURLE_OPERATION_TIMEDOUT:
+      case CURLE_PARTIAL_FILE:
+      case CURLE_SEND_ERROR:
+      case CURLE_RECV_ERROR:
+      case CURLE_GOT_NOTHING:
+      case CURLE_SSL_CONNECT_ERROR:
+      case CURLE_HTTP2:
+      case CURLE_HTTP2_STREAM:
+        return OriginStatus::kUnreachable;
+      default:
+        return OriginStatus::kFailed;
+    }
+  }
+
+  static OriginStatus Fail(const std::string& where, const std::string& why, std::string* error) {
+    *error = where + ": " + why;
+    return OriginStatus::kFailed;
+  }
+
+  static OriginStatus NotFound(const std::string& url, std::string* error) {
+    *error = url + ": not found";
+    return OriginStatus::kNotFound;
+  }
+
+  const std::string url_;
+  const std::string base_;  // url_ without its trailing slashes
+  const std::chrono::milliseconds stall_limit_;
+  const long connect_timeout_ms_;
+  const long stall_seconds_;
+};
+
+}  // namespace
+
+std::unique_ptr<Origin> MakeHttpOrigin(const std::string& url, const OriginOptions& options,
+                                       std::string* error) {
+  std::string scheme = url.substr(0, url.find("://"));
+  for (char& c : scheme) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+  if (scheme != "http" && scheme != "https") {
+    *error = "\"" + url + "\" is not an http:// or https:// URL";
+    return nullptr;
+  }
+  if (options.timeout_ms <= 0) {
+    *error = "the HTTP time-out must be positive";
+    return nullptr;
+  }
+  CURLU* parsed = curl_url();
+  if (parsed == nullptr) {
+    *error = "out of memory";
+    return nullptr;
+  }
+  std::string problem;
+  CURLUcode code = curl_url_set(parsed, CURLUPART_URL, url.c_str(), 0);
+  if (code != CURLUE_OK) {
+    problem = curl_url_strerror(code);
+  } else {
+    char* part = nullptr;
+    if (curl_url_get(parsed, CURLUPART_HOST, &part, 0) != CURLUE_OK || part == nullptr ||
+        *part == '\0') {
+      problem = "no host";
+    }
+    curl_free(part);
+    for (CURLUPart unwanted : {CURLUPART_QUERY, CURLUPART_FRAGMENT}) {
+      part = nullptr;
+      if (curl_url_get(parsed, unwanted, &part, 0) == CURLUE_OK) problem = "a query or fragment";
+      curl_free(part);
+    }
+  }
+  curl_url_cleanup(parsed);
+  if (!problem.empty()) {
+    *error = "\"" + url + "\" is not a usable URL: " + problem;
+    return nullptr;
+  }
+  std::string base = url;
+  while (!base.empty() && base.back() == '/') base.pop_back();
+  return std::make_unique<HttpOrigin>(url, base, options);
+}

@@ -1,0 +1,17 @@
+// An origin on a plain HTTP server: directory listings come from nginx's
+// `autoindex_format json`, file data from Range requests, uploads are PUTs
+// (nginx's WebDAV module stores them whole or not at all).
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "origin.h"
+
+// `url` is "http://host:port" optionally followed by a path prefix; the
+// remote path "/a/b" is then served at url + "/a/b". Nothing is sent over the
+// network here. Returns null with `error` set when `url` is not usable.
+//
+// The program must have called curl_global_init() before the first request.
+std::unique_ptr<Origin> MakeHttpOrigin(const std::string& url, const OriginOptions& options,
+                                       std::string* error);

@@ -1,0 +1,138 @@
+// korvmount ORIGIN MOUNTPOINT [options]: mounts the files of an HTTP origin
+// (or a local directory) as a local volume, with libkorvcache as its disk
+// cache.
+#include <curl/curl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "command_line.h"
+#include "fuse_volume.h"
+#include "remote_drive.h"
+
+namespace {
+
+void PrintUsage(FILE* out) {
+  fprintf(out,
+          "usage: korvmount ORIGIN MOUNTPOINT [options]\n"
+          "  ORIGIN is an http:// URL of a server that answers Range requests (directories\n"
+          "  listed as nginx's JSON autoindex), or a local directory.\n"
+          "options:\n%s"
+          "  -f, --foreground    stay in the foreground (messages go to standard error)\n"
+          "  -o OPTION           a FUSE mount option, e.g. allow_other\n"
+          "unmount with: fusermount3 -u MOUNTPOINT\n",
+          kCommonOptionsHelp);
+}
+
+// The daemon runs in "/": every path it keeps must be absolute.
+std::string Absolute(const std::string& path) {
+  if (path.empty() || path[0] == '/') return path;
+  char cwd[PATH_MAX];
+  if (getcwd(cwd, sizeof(cwd)) == nullptr) return path;
+  return std::string(cwd) + "/" + path;
+}
+
+// Opening the cache directory once before the daemon forks reports a bad
+// directory on the terminal; the quota thread it starts ends with it.
+bool CheckCacheDirectory(const DriveOptions& options) {
+  ICache_V2* cache = nullptr;
+  const unsigned int status = InitCache(options.cache_dir.c_str(), options.limit, &cache);
+  if (status == kOk) ReleaseCache(options.cache_dir.c_str());
+  if (status == kOk) return true;
+  fprintf(stderr, "korvmount: cannot use cache directory %s (status %u%s)\n", options.cache_dir.c_str(), status,
+          status == kErrLimitTooSmall ? ": the limit must be at least 64M" : "");
+  return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ClientOptions options;
+  std::string error;
+  if (!ParseClientOptions(argc, argv, &options, &error)) {
+    fprintf(stderr, "korvmount: %s\n", error.c_str());
+    PrintUsage(stderr);
+    return 2;
+  }
+  if (options.help) {
+    PrintUsage(stdout);
+    return 0;
+  }
+  if (options.positional.size() != 2) {
+    PrintUsage(stderr);
+    return 2;
+  }
+  const std::string where = options.positional[0].rfind("http://", 0) == 0 ? options.positional[0]
+                                                                            : Absolute(options.positional[0]);
+  const std::string mountpoint = Absolute(options.positional[1]);
+  options.drive.cache_dir = Absolute(options.drive.cache_dir);
+
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  std::unique_ptr<Origin> origin = MakeOrigin(where, options.origin, &error);
+  if (!origin) {
+    fprintf(stderr, "korvmount: %s\n", error.c_str());
+    return 1;
+  }
+  std::vector<OriginEntry> root;
+  const OriginStatus reached = origin->List("/", &root, &error);
+  if (reached != OriginStatus::kOk) {
+    fprintf(stderr, "korvmount: origin %s: %s: %s\n", where.c_str(), OriginStatusText(reached), error.c_str());
+    return 1;
+  }
+  struct stat st;
+  if (stat(mountpoint.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+    fprintf(stderr, "korvmount: mount point %s is not a directory\n", mountpoint.c_str());
+    return 1;
+  }
+  if (!CheckCacheDirectory(options.drive)) return 1;
+
+  std::vector<std::string> fuse_argv = {"korvmount", "-o", "fsname=korvcache:" + where, "-o", "subtype=korvmount"};
+  for (const std::string& option : options.fuse_options) {
+    fuse_argv.push_back("-o");
+    fuse_argv.push_back(option);
+  }
+  std::vector<char*> pointers;
+  for (std::string& arg : fuse_argv) pointers.push_back(&arg[0]);
+  struct fuse_args args = FUSE_ARGS_INIT(static_cast<int>(pointers.size()), pointers.data());
+
+  RemoteDrive drive(std::move(origin), options.drive);
+  struct fuse* fuse = fuse_new(&args, VolumeOperations(), sizeof(struct fuse_operations), &drive);
+  if (fuse == nullptr) {
+    fprintf(stderr, "korvmount: bad FUSE options\n");
+    return 1;
+  }
+  if (fuse_mount(fuse, mountpoint.c_str()) != 0) {
+    fprintf(stderr, "korvmount: cannot mount on %s (already mounted, busy, or FUSE not allowed here)\n",
+            mountpoint.c_str());
+    fuse_destroy(fuse);
+    return 1;
+  }
+  if (fuse_daemonize(options.foreground ? 1 : 0) != 0) {
+    fuse_unmount(fuse);
+    fuse_destroy(fuse);
+    return 1;
+  }
+  int result = 1;
+  if (!drive.Start(&error)) {
+    fprintf(stderr, "korvmount: %s\n", error.c_str());
+  } else {
+    struct fuse_session* session = fuse_get_session(fuse);
+    if (fuse_set_signal_handlers(session) == 0) {
+      // A signal or an unmount ends the loop; either is a clean end.
+      fuse_loop_mt(fuse, 0);
+      result = 0;
+      fuse_remove_signal_handlers(session);
+    }
+  }
+  fuse_unmount(fuse);
+  drive.Shutdown();
+  fuse_destroy(fuse);
+  fuse_opt_free_args(&args);
+  curl_global_cleanup();
+  return result;
+}

@@ -1,0 +1,87 @@
+// Where a mounted volume's files really live: an HTTP server that answers
+// Range requests, or a local directory. The client reads and writes remote
+// files only through this interface.
+//
+// Thread safety: every operation may be called from many threads at once.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+enum class OriginStatus {
+  kOk,
+  kNotFound,     // no such file or directory (HTTP 404)
+  kUnreachable,  // connection refused, reset or timed out: worth a retry
+  kChanged,      // the file is no longer the one the caller expected
+  kFailed,       // any other answer the client cannot use (HTTP 416, 5xx, bad listing, ...)
+};
+
+const char* OriginStatusText(OriginStatus status);
+
+// A status that a later attempt may turn into success.
+inline bool IsTransient(OriginStatus status) { return status == OriginStatus::kUnreachable; }
+
+struct OriginEntry {
+  std::string name;  // last path component, never "." or ".."
+  bool is_directory = false;
+  long long size = 0;   // bytes; 0 for directories
+  long long mtime = 0;  // seconds since the epoch, 0 when unknown
+};
+
+struct OriginFileInfo {
+  bool is_directory = false;
+  long long size = 0;
+  long long mtime = 0;
+  // Changes whenever the file's contents may have changed: the ETag or
+  // Last-Modified of an HTTP origin, size and nanosecond mtime of a directory.
+  std::string validator;
+};
+
+// Receives the bytes of a range as they arrive. Returning false stops the
+// transfer; the read then fails with kFailed unless the sink asked for no
+// more bytes than it had been given.
+using ByteSink = std::function<bool(const char* data, size_t length)>;
+
+// Fills `buffer` with up to `length` bytes of the file being uploaded,
+// starting at `offset`. Returns the count filled, or -1 on failure.
+using ByteSource = std::function<long long(long long offset, char* buffer, size_t length)>;
+
+class Origin {
+ public:
+  virtual ~Origin() = default;
+
+  // The URL or directory, for messages.
+  virtual std::string Describe() const = 0;
+
+  // `path` always starts with "/"; "/" is the root directory.
+  virtual OriginStatus List(const std::string& path, std::vector<OriginEntry>* entries,
+                            std::string* error) = 0;
+  virtual OriginStatus Stat(const std::string& path, OriginFileInfo* info, std::string* error) = 0;
+
+  // Streams bytes [offset, offset + length) of `path` into `sink`, in order,
+  // as they arrive. Fewer bytes than asked arrive only at the end of the file.
+  // With a non-empty `validator`, a file whose validator differs is kChanged
+  // and delivers nothing. On a transient failure part of the range may have
+  // been delivered already; the caller resumes after it.
+  virtual OriginStatus ReadRange(const std::string& path, long long offset, long long length,
+                                 const std::string& validator, const ByteSink& sink,
+                                 std::string* error) = 0;
+
+  // Replaces (or creates) `path` with `size` bytes pulled from `source`.
+  // Either the whole new file is stored or the old one stays.
+  virtual OriginStatus Upload(const std::string& path, long long size, const ByteSource& source,
+                              std::string* error) = 0;
+};
+
+// An http:// URL becomes an HTTP origin; anything else names a directory.
+// Returns null with `error` set when the origin cannot be used.
+struct OriginOptions {
+  long long latency_ms = 0;  // added before every request of a directory origin
+  long long bandwidth = 0;   // bytes per second a directory origin delivers, 0 = unlimited
+  long long timeout_ms = 15000;  // an HTTP request that stalls this long fails
+};
+std::unique_ptr<Origin> MakeOrigin(const std::string& where, const OriginOptions& options,
+                                   std::string* error);

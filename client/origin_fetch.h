@@ -1,0 +1,42 @@
+// The library's fetcher for one remote file: asks the origin for a range and
+// hands the bytes to the cache in whole 512 KiB sectors as they arrive, so a
+// reader waiting for the first sector of a long range gets it early.
+// Transient origin failures are retried with back-off, resuming after the
+// bytes already delivered.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "korvcache.h"
+#include "origin.h"
+#include "transfer_counters.h"
+
+struct RetryPolicy {
+  int attempts = 4;             // tries per range, the first included
+  long long first_delay_ms = 100;  // doubled after every failed try
+};
+
+class OriginFetch : public IFetch {
+ public:
+  // `origin` and the counters must outlive the fetcher. `validator` is the
+  // file version the cache holds: bytes of any other version are refused.
+  OriginFetch(Origin* origin, std::string path, std::string validator, TransferCounters* drive,
+              TransferCounters* file, RetryPolicy retry = RetryPolicy());
+
+  // Returns 0 when every byte of the range up to the end of the file was
+  // delivered, 1 otherwise (the library then gives up its reservations).
+  long long Fetch(long long offset, long length, std::shared_ptr<_FS_HANDLE> handle,
+                  IFetchCallback* callback) override;
+  std::string HandleInfo(_FS_HANDLE* handle) override;
+
+  const std::string& path() const { return path_; }
+
+ private:
+  Origin* const origin_;
+  const std::string path_;
+  const std::string validator_;
+  TransferCounters* const drive_;
+  TransferCounters* const file_;
+  const RetryPolicy retry_;
+};

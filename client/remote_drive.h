@@ -1,0 +1,123 @@
+// A remote drive: the files of an origin, read and written through one
+// korvcache cache directory. This is everything a mounted volume does apart
+// from speaking FUSE; korvmount puts FUSE in front of it and korvcat reads
+// one file through it.
+//
+// Thread safety: every public operation may be called from many threads.
+// Lock order: files_lock_, then a RemoteFile's lock; library calls are made
+// with at most a RemoteFile's lock held.
+#pragma once
+
+#include <fcntl.h>
+
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "korvcache.h"
+#include "origin.h"
+#include "origin_fetch.h"
+#include "remote_file.h"
+#include "stderr_log.h"
+#include "transfer_counters.h"
+#include "worker_queue.h"
+
+struct DriveOptions {
+  std::string cache_dir;
+  unsigned long long limit = 4ULL << 30;
+  int threads = 4;
+  unsigned log_mask = LOGLEVEL_WARNING | LOGLEVEL_ERROR;
+  std::string settings_json;        // applied with SetConfiguration when not empty
+  long long listing_ttl_ms = 1000;  // how long a directory listing is trusted
+  RetryPolicy retry;
+};
+
+struct FileAttributes {
+  bool is_directory = false;
+  long long size = 0;
+  long long mtime = 0;
+  bool read_only = false;
+};
+
+// The name of the statistics file at the volume's root.
+extern const char kStatsFileName[];
+
+// One open of a file; what FUSE keeps as the file handle.
+struct OpenHandle {
+  std::shared_ptr<RemoteFile> file;  // null for the statistics file
+  std::shared_ptr<_FS_HANDLE> fs_handle;
+  bool writable = false;
+  std::string snapshot;  // the statistics file's contents as of its open
+};
+
+class RemoteDrive {
+ public:
+  RemoteDrive(std::unique_ptr<Origin> origin, DriveOptions options);
+  ~RemoteDrive();  // Shutdown()s
+  RemoteDrive(const RemoteDrive&) = delete;
+  RemoteDrive& operator=(const RemoteDrive&) = delete;
+
+  // Binds the logger and the worker queue and opens the cache directory.
+  bool Start(std::string* error);
+  // Uploads what is still unsaved (or keeps it under the cache directory's
+  // "unsaved" folder), closes the cache and stops the workers. Idempotent.
+  void Shutdown();
+
+  // The operations below return 0 (or a byte count) or a negative errno.
+  int GetAttributes(const std::string& path, FileAttributes* attributes);
+  int ListDirectory(const std::string& path, std::vector<OriginEntry>* entries);
+  // `flags` as for open(2): O_ACCMODE, O_CREAT, O_TRUNC.
+  int Open(const std::string& path, int flags, std::unique_ptr<OpenHandle>* handle);
+  long long Read(OpenHandle* handle, char* buffer, size_t size, long long offset);
+  long long Write(OpenHandle* handle, const char* buffer, size_t size, long long offset);
+  // With a writable `handle` truncates through it; otherwise opens the path.
+  int Truncate(const std::string& path, OpenHandle* handle, long long size);
+  // Uploads a written file when this is its last writer: close() reports a
+  // failed upload.
+  int Flush(OpenHandle* handle);
+  int Release(std::unique_ptr<OpenHandle> handle);
+
+  std::string StatsJson();
+  const TransferCounters& counters() const { return counters_; }
+  ICache_V2* cache() const { return cache_; }
+  Origin* origin() const { return origin_.get(); }
+
+ private:
+  struct Listing {
+    std::chrono::steady_clock::time_point taken;
+    std::vector<OriginEntry> entries;
+  };
+
+  std::shared_ptr<RemoteFile> FindFile(const std::string& path);
+  std::shared_ptr<RemoteFile> NewFile(const std::string& path, const OriginFileInfo& seen, bool on_origin,
+                                      char mode, std::string* error);
+  int OpenFile(const std::string& path, int flags, std::shared_ptr<RemoteFile>* file);
+  int MakeWritable(RemoteFile* file);
+  int TruncateFile(RemoteFile* file, long long size);
+  void FetchSectorAt(RemoteFile* file, long long offset);
+  int Upload(RemoteFile* file);
+  void KeepUnsaved(RemoteFile* file);
+  void Forget(const std::shared_ptr<RemoteFile>& file);
+  int CachedListing(const std::string& directory, std::vector<OriginEntry>* entries);
+
+  const std::unique_ptr<Origin> origin_;
+  const DriveOptions options_;
+  StderrLog log_;
+  std::unique_ptr<WorkerQueue> queue_;
+  ICache_V2* cache_ = nullptr;
+  bool started_ = false;
+  TransferCounters counters_;
+
+  std::mutex files_lock_;
+  // State below is protected by files_lock_.
+  std::map<std::string, std::shared_ptr<RemoteFile>> files_;
+  // Fetchers of files dropped from the cache: queued library work may still
+  // point at them, so they live until Shutdown.
+  std::vector<std::shared_ptr<OriginFetch>> retired_;
+  std::map<std::string, Listing> listings_;
+  bool shut_down_ = false;
+};
