@@ -9,7 +9,7 @@ CMAKE_GEN  ?= -G Ninja
 export ASAN_OPTIONS  ?= detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS ?= halt_on_error=1:print_stacktrace=1
 
-.PHONY: all deps build build-san test test-plain test-san bench clean
+.PHONY: all deps build build-san test test-plain test-san bench demo clean
 
 all: build
 
@@ -35,6 +35,9 @@ test: test-plain test-san
 bench: build
 	cmake --build $(BUILD) --target korv_bench -j $(JOBS)
 	$(BUILD)/bench/korv_bench
+
+demo: build
+	bash scripts/demo.sh $(BUILD)
 
 clean:
 	rm -rf $(BUILD) $(SAN_BUILD)

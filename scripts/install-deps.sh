@@ -7,7 +7,7 @@ packages=(
   g++ cmake ninja-build make pkg-config
   libjsoncpp-dev uuid-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libfuse3-dev fuse3 libcurl4-openssl-dev nginx
+  libfuse3-dev fuse3 libcurl4-openssl-dev nginx curl
 )
 
 missing=()
