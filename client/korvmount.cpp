@@ -5,7 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <climits>
+#include <cstring>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -49,6 +51,31 @@ bool CheckCacheDirectory(const DriveOptions& options) {
   return false;
 }
 
+// Linux would stack a second mount on a busy mount point without a word;
+// refusing says what is wrong instead.
+bool CheckMountPoint(const std::string& mountpoint) {
+  struct stat st;
+  if (stat(mountpoint.c_str(), &st) != 0) {
+    if (errno == ENOTCONN) {
+      fprintf(stderr, "korvmount: %s is a mount whose file system has ended; unmount it with fusermount3 -u %s\n",
+              mountpoint.c_str(), mountpoint.c_str());
+    } else {
+      fprintf(stderr, "korvmount: mount point %s: %s\n", mountpoint.c_str(), strerror(errno));
+    }
+    return false;
+  }
+  if (!S_ISDIR(st.st_mode)) {
+    fprintf(stderr, "korvmount: mount point %s is not a directory\n", mountpoint.c_str());
+    return false;
+  }
+  struct stat parent;
+  if (stat((mountpoint + "/..").c_str(), &parent) == 0 && parent.st_dev != st.st_dev) {
+    fprintf(stderr, "korvmount: mount point %s is busy: something is mounted there already\n", mountpoint.c_str());
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -84,11 +111,7 @@ int main(int argc, char** argv) {
     fprintf(stderr, "korvmount: origin %s: %s: %s\n", where.c_str(), OriginStatusText(reached), error.c_str());
     return 1;
   }
-  struct stat st;
-  if (stat(mountpoint.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
-    fprintf(stderr, "korvmount: mount point %s is not a directory\n", mountpoint.c_str());
-    return 1;
-  }
+  if (!CheckMountPoint(mountpoint)) return 1;
   if (!CheckCacheDirectory(options.drive)) return 1;
 
   std::vector<std::string> fuse_argv = {"korvmount", "-o", "fsname=korvcache:" + where, "-o", "subtype=korvmount"};

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <thread>
@@ -301,6 +300,7 @@ TEST(HttpOriginTest, ReadsExactRangesOverOneConnection) {
   std::string error;
   ASSERT_EQ(origin->Stat("/dir/f.bin", &info, &error), OriginStatus::kOk) << error;
 
+  ASSERT_TRUE(nginx.WaitForRequests(7));
   std::vector<NginxServer::Request> requests = nginx.Requests();
   ASSERT_EQ(requests.size(), 7u);
   EXPECT_EQ(requests[1].range, "bytes=12345-16440");
@@ -432,6 +432,7 @@ TEST(HttpOriginTest, ServerIgnoringRangeStillGivesExactBytes) {
     ASSERT_EQ(read.status, OriginStatus::kOk) << c.offset << "+" << c.length << ": " << read.error;
     EXPECT_EQ(read.bytes, data.substr(c.offset, c.expected)) << c.offset << "+" << c.length;
   }
+  ASSERT_TRUE(nginx.WaitForRequests(4));
   for (const NginxServer::Request& request : nginx.Requests()) {
     EXPECT_EQ(request.status, 200) << "the location must ignore Range for this test to mean much";
   }
@@ -566,7 +567,7 @@ TEST(HttpOriginTest, ThreadsReadConcurrentlyEachOnItsOwnConnection) {
 
   constexpr int kThreads = 4;
   constexpr int kReads = 25;
-  std::atomic<int> wrong{0};
+  std::vector<std::string> failures(kThreads);
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
@@ -574,13 +575,14 @@ TEST(HttpOriginTest, ThreadsReadConcurrentlyEachOnItsOwnConnection) {
         long long offset = (t * 7919 + i * 104729) % static_cast<long long>(data.size());
         Read read = ReadRange(origin.get(), "/f.bin", offset, 3000 + i);
         if (read.status != OriginStatus::kOk || read.bytes != data.substr(offset, 3000 + i)) {
-          ++wrong;
+          failures[t] += "read at " + std::to_string(offset) + ": " + read.error + "\n";
         }
       }
     });
   }
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(wrong.load(), 0);
+  for (const std::string& failure : failures) EXPECT_EQ(failure, "");
+  ASSERT_TRUE(nginx.WaitForRequests(kThreads * kReads));
   std::vector<NginxServer::Request> requests = nginx.Requests();
   EXPECT_EQ(requests.size(), static_cast<size_t>(kThreads * kReads));
   std::vector<long long> connections;

@@ -131,6 +131,10 @@ TEST_F(MountTest, EveryFileMatchesTheOriginAndWarmReadsStayLocal) {
   EXPECT_GE(stats["bytes_fetched"].asInt64(), total);
   EXPECT_GT(stats["origin_requests"].asInt64(), 0);
   EXPECT_EQ(stats["limit_bytes"].asUInt64(), 4ULL << 30);
+
+  std::string err;
+  EXPECT_EQ(RunProgram({ClientBinary("korvmount"), nginx_->Url(), mount_->mountpoint(), "-f"}, nullptr, &err), 1);
+  EXPECT_NE(err.find("is busy"), std::string::npos) << err;
 }
 
 TEST_F(MountTest, RandomReadsFromManyThreadsMatch) {

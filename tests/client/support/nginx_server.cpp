@@ -299,6 +299,15 @@ std::vector<NginxServer::Request> NginxServer::Requests() const {
   return requests;
 }
 
+bool NginxServer::WaitForRequests(size_t count) const {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (Requests().size() < count) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
 int NginxServer::CountRequests(const std::string& method, const std::string& uri) const {
   int count = 0;
   for (const Request& request : Requests()) {

@@ -62,6 +62,10 @@ class NginxServer {
     long long connection = 0;
   };
   std::vector<Request> Requests() const;
+  // nginx logs a request just after sending its answer, so a client may see
+  // the answer before the line is there. Waits until at least `count`
+  // requests are logged; false after 5 s.
+  bool WaitForRequests(size_t count) const;
   // Requests with this method, and with this decoded URI unless it is empty.
   int CountRequests(const std::string& method, const std::string& uri = "") const;
 
