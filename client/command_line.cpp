@@ -148,8 +148,8 @@ std::string PercentDecode(const std::string& text) {
 }  // namespace
 
 bool SplitOriginFile(const std::string& target, std::string* origin, std::string* path) {
-  if (target.rfind("http://", 0) == 0) {
-    const std::string::size_type slash = target.find('/', 7);
+  if (IsHttpUrl(target)) {
+    const std::string::size_type slash = target.find('/', target.find("://") + 3);
     if (slash == std::string::npos || slash + 1 >= target.size() || target.back() == '/') return false;
     *origin = target.substr(0, slash);
     std::string rest = target.substr(slash);

@@ -1,122 +1,15 @@
 #include "http_origin.h"
 
-#include <curl/curl.h>
-
 #include <algorithm>
 #include <cctype>
-#include <chrono>
-#include <cstring>
 
 #include "http_listing.h"
+#include "http_transfer.h"
 
 namespace {
 
 // A listing this large is a misconfigured server, not a directory.
 constexpr size_t kMaxListingBytes = 64u << 20;
-
-// Every request of a thread goes through the same easy handle, so that the
-// handle's connection cache keeps the connection to the server open between
-// requests instead of paying a TCP handshake for each small range.
-struct ThreadCurl {
-  CURL* handle = nullptr;
-  bool busy = false;
-  ~ThreadCurl() {
-    if (handle != nullptr) curl_easy_cleanup(handle);
-  }
-};
-thread_local ThreadCurl t_curl;
-
-// Lends the thread's handle for one request. A sink or source that starts a
-// request of its own while the thread's handle is mid-transfer gets a private
-// handle instead of clobbering the running one.
-class EasyHandle {
- public:
-  EasyHandle() {
-    if (!t_curl.busy) {
-      if (t_curl.handle == nullptr) t_curl.handle = curl_easy_init();
-      handle_ = t_curl.handle;
-      shared_ = handle_ != nullptr;
-      t_curl.busy = shared_;
-    } else {
-      handle_ = curl_easy_init();
-    }
-  }
-  ~EasyHandle() {
-    if (shared_) {
-      // Leaves no pointer to this request's callbacks and buffers behind.
-      curl_easy_reset(handle_);
-      t_curl.busy = false;
-    } else if (handle_ != nullptr) {
-      curl_easy_cleanup(handle_);
-    }
-  }
-  EasyHandle(const EasyHandle&) = delete;
-  EasyHandle& operator=(const EasyHandle&) = delete;
-  CURL* get() const { return handle_; }
-
- private:
-  CURL* handle_ = nullptr;
-  bool shared_ = false;
-};
-
-// What one request needs besides its body: the headers of the final response
-// (an interim "100 Continue" is dropped) and the stall watch.
-struct Response {
-  std::string etag;
-  std::string last_modified;
-  std::string content_range;
-  std::string location;
-  char curl_error[CURL_ERROR_SIZE] = {};
-
-  std::chrono::milliseconds stall_limit{0};
-  std::chrono::steady_clock::time_point last_progress;
-  curl_off_t downloaded = -1;
-  curl_off_t uploaded = -1;
-  bool stalled = false;
-};
-
-// curl's own low-speed check averages over its last few seconds of samples,
-// so a server that falls silent after sending some bytes is noticed up to
-// five seconds late; this watches for the moment bytes stop moving.
-int OnProgress(void* user, curl_off_t, curl_off_t downloaded, curl_off_t, curl_off_t uploaded) {
-  Response* response = static_cast<Response*>(user);
-  auto now = std::chrono::steady_clock::now();
-  if (downloaded != response->downloaded || uploaded != response->uploaded) {
-    response->downloaded = downloaded;
-    response->uploaded = uploaded;
-    response->last_progress = now;
-    return 0;
-  }
-  if (now - response->last_progress < response->stall_limit) return 0;
-  response->stalled = true;
-  return 1;
-}
-
-size_t OnHeader(char* data, size_t size, size_t count, void* user) {
-  Response* response = static_cast<Response*>(user);
-  const size_t bytes = size * count;
-  std::string line(data, bytes);
-  while (!line.empty() && (line.back() == '\r' || line.back() == '\n')) line.pop_back();
-  if (line.compare(0, 5, "HTTP/") == 0) {
-    response->etag.clear();
-    response->last_modified.clear();
-    response->content_range.clear();
-    response->location.clear();
-    return bytes;
-  }
-  size_t colon = line.find(':');
-  if (colon == std::string::npos) return bytes;
-  std::string name = line.substr(0, colon);
-  for (char& c : name) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-  size_t start = line.find_first_not_of(" \t", colon + 1);
-  std::string value = start == std::string::npos ? std::string() : line.substr(start);
-  while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) value.pop_back();
-  if (name == "etag") response->etag = value;
-  else if (name == "last-modified") response->last_modified = value;
-  else if (name == "content-range") response->content_range = value;
-  else if (name == "location") response->location = value;
-  return bytes;
-}
 
 size_t DiscardBody(char*, size_t size, size_t count, void*) { return size * count; }
 
@@ -125,12 +18,6 @@ size_t AppendBody(char* data, size_t size, size_t count, void* user) {
   if (body->size() + size * count > kMaxListingBytes) return 0;
   body->append(data, size * count);
   return size * count;
-}
-
-long ResponseCode(CURL* curl) {
-  long code = 0;
-  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code);
-  return code;
 }
 
 // The first byte position of "bytes 100-199/1000".
@@ -159,22 +46,6 @@ bool ValidatorDiffers(const std::string& validator, const Response& response) {
   if (validator.empty()) return false;
   const std::string& current = LooksLikeEtag(validator) ? response.etag : response.last_modified;
   return !current.empty() && current != validator;
-}
-
-std::string EscapePath(const std::string& path) {
-  static const char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  out.reserve(path.size());
-  for (unsigned char c : path) {
-    if (c == '/' || isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~') {
-      out += static_cast<char>(c);
-    } else {
-      out += '%';
-      out += kHex[c >> 4];
-      out += kHex[c & 15];
-    }
-  }
-  return out;
 }
 
 struct RangeRead {
@@ -286,9 +157,8 @@ class HttpOrigin : public Origin {
   HttpOrigin(std::string url, std::string base, const OriginOptions& options)
       : url_(std::move(url)),
         base_(std::move(base)),
-        stall_limit_(options.timeout_ms),
-        connect_timeout_ms_(static_cast<long>(std::min<long long>(options.timeout_ms, 5000))),
-        stall_seconds_(static_cast<long>((options.timeout_ms + 999) / 1000)) {}
+        limits_{static_cast<long>(std::min<long long>(options.timeout_ms, 5000)),
+                std::chrono::milliseconds(options.timeout_ms)} {}
 
   std::string Describe() const override { return url_; }
 
@@ -298,13 +168,13 @@ class HttpOrigin : public Origin {
     EasyHandle easy;
     Response response;
     const std::string url = UrlFor(path, true);
-    if (!Prepare(easy.get(), url, &response, error)) return OriginStatus::kFailed;
+    if (!PrepareTransfer(easy.get(), url, limits_, &response, error)) return OriginStatus::kFailed;
     std::string body;
     curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, AppendBody);
     curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, &body);
     CURLcode result = curl_easy_perform(easy.get());
     if (result == CURLE_WRITE_ERROR) return Fail(url, "directory listing is too large", error);
-    if (result != CURLE_OK) return CurlFailure(result, "GET", url, response, error);
+    if (result != CURLE_OK) return TransferFailure(result, "GET", url, response, error);
     long code = ResponseCode(easy.get());
     if (code == 404) return NotFound(url, error);
     if (code != 200) return Fail(url, "HTTP " + std::to_string(code), error);
@@ -318,14 +188,14 @@ class HttpOrigin : public Origin {
     EasyHandle easy;
     Response response;
     const std::string url = UrlFor(path, false);
-    if (!Prepare(easy.get(), url, &response, error)) return OriginStatus::kFailed;
+    if (!PrepareTransfer(easy.get(), url, limits_, &response, error)) return OriginStatus::kFailed;
     curl_easy_setopt(easy.get(), CURLOPT_NOBODY, 1L);
     curl_easy_setopt(easy.get(), CURLOPT_FILETIME, 1L);
     CURLcode result = curl_easy_perform(easy.get());
-    if (result != CURLE_OK) return CurlFailure(result, "HEAD", url, response, error);
+    if (result != CURLE_OK) return TransferFailure(result, "HEAD", url, response, error);
     long code = ResponseCode(easy.get());
-    if (code == 200 && path == "/") {
-      info->is_directory = true;  // the root answers its listing, which has no useful size
+    if (code == 200 && !path.empty() && path.back() == '/') {
+      info->is_directory = true;  // "/" answers its listing, which has no useful size
     } else if (code == 200) {
       curl_off_t size = -1;
       curl_off_t mtime = -1;
@@ -353,7 +223,7 @@ class HttpOrigin : public Origin {
     EasyHandle easy;
     Response response;
     const std::string url = UrlFor(path, false);
-    if (!Prepare(easy.get(), url, &response, error)) return OriginStatus::kFailed;
+    if (!PrepareTransfer(easy.get(), url, limits_, &response, error)) return OriginStatus::kFailed;
     RangeRead read;
     read.curl = easy.get();
     read.response = &response;
@@ -387,7 +257,7 @@ class HttpOrigin : public Origin {
     }
     if (result != CURLE_OK) {
       if (read.delivered == length) return OriginStatus::kOk;
-      return CurlFailure(result, "GET", url, response, error);
+      return TransferFailure(result, "GET", url, response, error);
     }
     long code = ResponseCode(easy.get());
     if (code == 200 || code == 206) return OriginStatus::kOk;
@@ -403,7 +273,7 @@ class HttpOrigin : public Origin {
     EasyHandle easy;
     Response response;
     const std::string url = UrlFor(path, false);
-    if (!Prepare(easy.get(), url, &response, error)) return OriginStatus::kFailed;
+    if (!PrepareTransfer(easy.get(), url, limits_, &response, error)) return OriginStatus::kFailed;
     UploadSource upload;
     upload.source = &source;
     upload.size = size;
@@ -423,65 +293,16 @@ class HttpOrigin : public Origin {
     curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, nullptr);
     curl_slist_free_all(headers);
     if (!upload.failure.empty()) return Fail(url, upload.failure, error);
-    if (result != CURLE_OK) return CurlFailure(result, "PUT", url, response, error);
+    if (result != CURLE_OK) return TransferFailure(result, "PUT", url, response, error);
     if (code == 200 || code == 201 || code == 204) return OriginStatus::kOk;
     return Fail(url, "HTTP " + std::to_string(code), error);
   }
 
  private:
   std::string UrlFor(const std::string& path, bool directory) const {
-    std::string url = base_ + EscapePath(path);
+    std::string url = base_ + EscapeUrlPath(path);
     if (directory && url.back() != '/') url += '/';
     return url;
-  }
-
-  bool Prepare(CURL* curl, const std::string& url, Response* response, std::string* error) const {
-    if (curl == nullptr) {
-      *error = url + ": cannot create a libcurl handle";
-      return false;
-    }
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl, CURLOPT_PROXY, "");  // ignore http_proxy and friends
-    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, connect_timeout_ms_);
-    // A whole transfer may take long; only a stalled one fails. The
-    // low-speed check is the backstop of the progress watch.
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, stall_seconds_);
-    response->stall_limit = stall_limit_;
-    response->last_progress = std::chrono::steady_clock::now();
-    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, OnProgress);
-    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, response);
-    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, response->curl_error);
-    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, OnHeader);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, response);
-    return true;
-  }
-
-  static OriginStatus CurlFailure(CURLcode result, const char* method, const std::string& url,
-                                  const Response& response, std::string* error) {
-    *error = std::string(method) + " " + url + ": ";
-    if (response.stalled) {
-      *error += "no data moved for " + std::to_string(response.stall_limit.count()) + " ms";
-      return OriginStatus::kUnreachable;
-    }
-    *error += response.curl_error[0] != '\0' ? response.curl_error : curl_easy_strerror(result);
-    switch (result) {
-      case CURLE_COULDNT_RESOLVE_HOST:
-      case CURLE_COULDNT_CONNECT:
-      case CURLE_OPERATION_TIMEDOUT:
-      case CURLE_PARTIAL_FILE:
-      case CURLE_SEND_ERROR:
-      case CURLE_RECV_ERROR:
-      case CURLE_GOT_NOTHING:
-      case CURLE_SSL_CONNECT_ERROR:
-      case CURLE_HTTP2:
-      case CURLE_HTTP2_STREAM:
-        return OriginStatus::kUnreachable;
-      default:
-        return OriginStatus::kFailed;
-    }
   }
 
   static OriginStatus Fail(const std::string& where, const std::string& why, std::string* error) {
@@ -496,9 +317,7 @@ class HttpOrigin : public Origin {
 
   const std::string url_;
   const std::string base_;  // url_ without its trailing slashes
-  const std::chrono::milliseconds stall_limit_;
-  const long connect_timeout_ms_;
-  const long stall_seconds_;
+  const TransferLimits limits_;
 };
 
 }  // namespace

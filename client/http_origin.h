@@ -15,3 +15,9 @@
 // The program must have called curl_global_init() before the first request.
 std::unique_ptr<Origin> MakeHttpOrigin(const std::string& url, const OriginOptions& options,
                                        std::string* error);
+
+// Each thread keeps its connections to HTTP origins open until it exits. The
+// main thread exits after main() returns, too late for curl_global_cleanup();
+// a program calls this on the main thread first. Later requests of the thread
+// open new connections.
+void CloseHttpConnectionsOfThisThread();

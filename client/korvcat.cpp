@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "command_line.h"
+#include "http_origin.h"
 #include "remote_drive.h"
 #include "sha256.h"
 
@@ -148,6 +149,7 @@ int main(int argc, char** argv) {
       result = Copy(drive, path, options.verify_sha256);
     }
   }
+  CloseHttpConnectionsOfThisThread();
   curl_global_cleanup();
   return result;
 }

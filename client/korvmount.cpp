@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "command_line.h"
+#include "http_origin.h"
 #include "fuse_volume.h"
 #include "remote_drive.h"
 
@@ -94,7 +95,7 @@ int main(int argc, char** argv) {
     PrintUsage(stderr);
     return 2;
   }
-  const std::string where = options.positional[0].rfind("http://", 0) == 0 ? options.positional[0]
+  const std::string where = IsHttpUrl(options.positional[0]) ? options.positional[0]
                                                                             : Absolute(options.positional[0]);
   const std::string mountpoint = Absolute(options.positional[1]);
   options.drive.cache_dir = Absolute(options.drive.cache_dir);
@@ -156,6 +157,7 @@ int main(int argc, char** argv) {
   drive.Shutdown();
   fuse_destroy(fuse);
   fuse_opt_free_args(&args);
+  CloseHttpConnectionsOfThisThread();
   curl_global_cleanup();
   return result;
 }

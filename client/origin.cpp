@@ -1,7 +1,16 @@
 #include "origin.h"
 
+#include <strings.h>
+
+#include <cstring>
+
 #include "directory_origin.h"
 #include "http_origin.h"
+
+bool IsHttpUrl(const std::string& text) {
+  auto starts = [&](const char* scheme) { return strncasecmp(text.c_str(), scheme, strlen(scheme)) == 0; };
+  return starts("http://") || starts("https://");
+}
 
 const char* OriginStatusText(OriginStatus status) {
   switch (status) {
@@ -16,7 +25,7 @@ const char* OriginStatusText(OriginStatus status) {
 
 std::unique_ptr<Origin> MakeOrigin(const std::string& where, const OriginOptions& options,
                                    std::string* error) {
-  if (where.rfind("http://", 0) == 0) return MakeHttpOrigin(where, options, error);
+  if (IsHttpUrl(where)) return MakeHttpOrigin(where, options, error);
   if (where.find("://") != std::string::npos) {
     *error = "unsupported origin " + where + " (use an http:// URL or a directory)";
     return nullptr;

@@ -37,12 +37,14 @@ struct OriginFileInfo {
   long long mtime = 0;
   // Changes whenever the file's contents may have changed: the ETag or
   // Last-Modified of an HTTP origin, size and nanosecond mtime of a directory.
+  // Only as fine as the origin's: nginx's ETag is size and mtime in whole
+  // seconds, so a same-size rewrite within one second goes unnoticed.
   std::string validator;
 };
 
 // Receives the bytes of a range as they arrive. Returning false stops the
-// transfer; the read then fails with kFailed unless the sink asked for no
-// more bytes than it had been given.
+// transfer; the read then fails with kFailed, unless the sink refused only
+// after the last byte of the range had arrived.
 using ByteSink = std::function<bool(const char* data, size_t length)>;
 
 // Fills `buffer` with up to `length` bytes of the file being uploaded,
@@ -76,7 +78,10 @@ class Origin {
                               std::string* error) = 0;
 };
 
-// An http:// URL becomes an HTTP origin; anything else names a directory.
+// True for http:// and https:// URLs.
+bool IsHttpUrl(const std::string& text);
+
+// An http:// or https:// URL becomes an HTTP origin; anything else names a directory.
 // Returns null with `error` set when the origin cannot be used.
 struct OriginOptions {
   long long latency_ms = 0;  // added before every request of a directory origin

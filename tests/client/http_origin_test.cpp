@@ -318,6 +318,15 @@ TEST(HttpOriginTest, ReadsExactRangesOverOneConnection) {
   EXPECT_EQ(read.status, OriginStatus::kOk);
   EXPECT_EQ(read.calls, 0);
 
+  // After the thread's connection is closed, the next request opens another.
+  CloseHttpConnectionsOfThisThread();
+  read = ReadRange(origin.get(), "/dir/f.bin", 7, 7);
+  EXPECT_EQ(read.bytes, data.substr(7, 7)) << read.error;
+  ASSERT_TRUE(nginx.WaitForRequests(10));
+  requests = nginx.Requests();
+  EXPECT_EQ(requests[8].connection, requests[0].connection);
+  EXPECT_NE(requests[9].connection, requests[0].connection);
+
   // A sink that starts a request of its own mid-transfer.
   read = Read();
   read.status = origin->ReadRange(

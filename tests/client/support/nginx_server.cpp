@@ -218,9 +218,10 @@ bool NginxServer::Start(std::string* reason) {
     return false;
   }
   if (!Installed(reason)) return false;
-  // A restart keeps its port, so that clients find the server again.
+  // A restart keeps its port, so that clients find the server again; nginx
+  // itself retries a busy port for a few seconds before it gives up.
   const bool keep_port = port_ != 0;
-  for (int attempt = 0; attempt < 5; ++attempt) {
+  for (int attempt = 0; attempt < (keep_port ? 1 : 5); ++attempt) {
     if (!keep_port) port_ = FreePort();
     if (port_ == 0) {
       *reason = "no free loopback port";
@@ -230,7 +231,6 @@ bool NginxServer::Start(std::string* reason) {
     if (!WriteConfig(reason)) return false;
     if (SpawnOnce(reason, &port_taken)) return true;
     if (!port_taken) return false;
-    if (keep_port) std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
   return false;
 }
