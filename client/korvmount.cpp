@@ -2,6 +2,7 @@
 // (or a local directory) as a local volume, with libkorvcache as its disk
 // cache.
 #include <curl/curl.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,7 +27,8 @@ void PrintUsage(FILE* out) {
           "  ORIGIN is an http:// URL of a server that answers Range requests (directories\n"
           "  listed as nginx's JSON autoindex), or a local directory.\n"
           "options:\n%s"
-          "  -f, --foreground    stay in the foreground (messages go to standard error)\n"
+          "  -f, --foreground    stay in the foreground, messages on standard error\n"
+          "                      (otherwise they go to CACHE_DIR/korvmount.log)\n"
           "  -o OPTION           a FUSE mount option, e.g. allow_other\n"
           "unmount with: fusermount3 -u MOUNTPOINT\n",
           kCommonOptionsHelp);
@@ -140,6 +142,16 @@ int main(int argc, char** argv) {
     fuse_unmount(fuse);
     fuse_destroy(fuse);
     return 1;
+  }
+  if (!options.foreground) {
+    // The daemon's standard error is /dev/null: messages a person must see
+    // (failed uploads, kept data) go to a log beside the cache instead.
+    const std::string log_path = options.drive.cache_dir + "/korvmount.log";
+    const int log_fd = open(log_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (log_fd >= 0) {
+      dup2(log_fd, STDERR_FILENO);
+      close(log_fd);
+    }
   }
   int result = 1;
   if (!drive.Start(&error)) {

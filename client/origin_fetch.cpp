@@ -62,17 +62,25 @@ class SectorBatcher {
 }  // namespace
 
 OriginFetch::OriginFetch(Origin* origin, std::string path, std::string validator, TransferCounters* drive,
-                         TransferCounters* file, RetryPolicy retry)
+                         TransferCounters* file, RetryPolicy retry, const std::atomic<bool>* stop)
     : origin_(origin), path_(std::move(path)), validator_(std::move(validator)), drive_(drive), file_(file),
-      retry_(retry) {}
+      retry_(retry), stop_(stop) {}
 
 long long OriginFetch::Fetch(long long offset, long length, std::shared_ptr<_FS_HANDLE> handle,
                              IFetchCallback* callback) {
+  const long long result = FetchRange(offset, length, handle, callback);
+  if (result != 0) failures_.fetch_add(1, std::memory_order_relaxed);
+  return result;
+}
+
+long long OriginFetch::FetchRange(long long offset, long length, const std::shared_ptr<_FS_HANDLE>& handle,
+                                  IFetchCallback* callback) {
   if (callback == nullptr || offset < 0) return 1;
   if (length <= 0) return 0;
   const long long end = offset + length;
   SectorBatcher batcher(offset, callback);
   auto sink = [&](const char* data, size_t size) {
+    if (stop_ != nullptr && stop_->load(std::memory_order_relaxed)) return false;
     TransferCounters::Add(drive_->bytes_fetched, static_cast<long long>(size));
     TransferCounters::Add(file_->bytes_fetched, static_cast<long long>(size));
     return batcher.Add(data, size);
@@ -87,6 +95,7 @@ long long OriginFetch::Fetch(long long offset, long length, std::shared_ptr<_FS_
     TransferCounters::Add(drive_->in_flight, 1);
     const OriginStatus status = origin_->ReadRange(path_, from, end - from, validator_, sink, &error);
     TransferCounters::Add(drive_->in_flight, -1);
+    if (stop_ != nullptr && stop_->load(std::memory_order_relaxed)) return 1;
     if (batcher.refused() != 0) {
       ClientLog(LOGLEVEL_ERROR, "fetch %s at %lld: the cache refused the bytes (%d)", path_.c_str(),
                 batcher.received_end(), batcher.refused());

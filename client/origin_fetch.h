@@ -5,6 +5,7 @@
 // bytes already delivered.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -21,8 +22,9 @@ class OriginFetch : public IFetch {
  public:
   // `origin` and the counters must outlive the fetcher. `validator` is the
   // file version the cache holds: bytes of any other version are refused.
+  // A set `stop` ends every transfer at its next bytes (unmounting).
   OriginFetch(Origin* origin, std::string path, std::string validator, TransferCounters* drive,
-              TransferCounters* file, RetryPolicy retry = RetryPolicy());
+              TransferCounters* file, RetryPolicy retry = RetryPolicy(), const std::atomic<bool>* stop = nullptr);
 
   // Returns 0 when every byte of the range up to the end of the file was
   // delivered, 1 otherwise (the library then gives up its reservations).
@@ -31,12 +33,20 @@ class OriginFetch : public IFetch {
   std::string HandleInfo(_FS_HANDLE* handle) override;
 
   const std::string& path() const { return path_; }
+  // Fetches that returned failure so far. The writable cache does not report
+  // a failed fetch to its caller, so the client compares this around calls.
+  long long failures() const { return failures_.load(std::memory_order_relaxed); }
 
  private:
+  long long FetchRange(long long offset, long length, const std::shared_ptr<_FS_HANDLE>& handle,
+                       IFetchCallback* callback);
+
   Origin* const origin_;
   const std::string path_;
   const std::string validator_;
   TransferCounters* const drive_;
   TransferCounters* const file_;
   const RetryPolicy retry_;
+  const std::atomic<bool>* const stop_;
+  std::atomic<long long> failures_{0};
 };

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "drive_stats.h"
@@ -75,20 +76,24 @@ void RemoteDrive::Shutdown() {
     for (auto& entry : files_) files.push_back(entry.second);
   }
   for (auto& file : files) {
-    if (Upload(file.get()) != 0) KeepUnsaved(file.get());
+    if (file->dirty && Upload(file.get()) != 0) KeepUnsaved(file.get());
   }
-  files.clear();
+  // Running transfers end at their next bytes and queued fetches are
+  // canceled rather than run; the manager's release then waits only for the
+  // few still inside the library.
+  stopping_ = true;
+  queue_->CancelPending();
   {
     std::lock_guard<std::mutex> guard(files_lock_);
+    for (auto& entry : files_) Retire(entry.second);
     files_.clear();
   }
-  // Queued fetches are canceled rather than run; the manager's release then
-  // waits only for the ones already running.
-  queue_->CancelPending();
+  files.clear();
   if (cache_ != nullptr) ReleaseCache(options_.cache_dir.c_str());
   cache_ = nullptr;
-  queue_->Stop();
+  // Work queued from now on runs on the caller's thread.
   Cache_UnbindAsyncQ();
+  queue_->Stop();
   Cache_UnbindLogger();
   SetClientLog(nullptr);
   std::lock_guard<std::mutex> guard(files_lock_);
@@ -104,12 +109,12 @@ std::shared_ptr<RemoteFile> RemoteDrive::FindFile(const std::string& path) {
 std::shared_ptr<RemoteFile> RemoteDrive::NewFile(const std::string& path, const OriginFileInfo& seen, bool on_origin,
                                                  char mode, std::string* error) {
   auto file = std::make_shared<RemoteFile>(path);
-  file->seen = seen;
+  file->SetSeen(seen);
   file->on_origin = on_origin;
   file->size.store(seen.size, std::memory_order_relaxed);
   file->mtime.store(seen.mtime != 0 ? seen.mtime : time(nullptr), std::memory_order_relaxed);
   file->fetch = std::make_shared<OriginFetch>(origin_.get(), path, seen.validator, &counters_, &file->counters,
-                                              options_.retry);
+                                              options_.retry, &stopping_);
   try {
     file->object = cache_->Open(path.c_str(), mode, seen.size, file->fetch.get());
   } catch (AERROR code) {
@@ -124,35 +129,48 @@ std::shared_ptr<RemoteFile> RemoteDrive::NewFile(const std::string& path, const 
   return file;
 }
 
+void RemoteDrive::Retire(const std::shared_ptr<RemoteFile>& file) {
+  retired_.erase(std::remove_if(retired_.begin(), retired_.end(), [](const auto& item) { return item.first.expired(); }),
+                 retired_.end());
+  retired_.emplace_back(file->object, file->fetch);
+}
+
 void RemoteDrive::Forget(const std::shared_ptr<RemoteFile>& file) {
   auto it = files_.find(file->path);
   if (it == files_.end() || it->second != file) return;
   files_.erase(it);
+  // Only the manager's table entry goes now; the object itself goes with the
+  // last handle that holds the file, outside every lock.
   cache_->Close(file->path.c_str());
-  retired_.push_back(file->fetch);
+  Retire(file);
+  listings_.erase(ParentOf(file->path));
 }
 
 int RemoteDrive::OpenFile(const std::string& path, int flags, std::shared_ptr<RemoteFile>* opened) {
   const bool write = (flags & O_ACCMODE) != O_RDONLY;
-  OriginFileInfo info;
-  std::string error;
-  const OriginStatus status = origin_->Stat(path, &info, &error);
-  if (status == OriginStatus::kOk && info.is_directory) return -EISDIR;
-
   std::shared_ptr<RemoteFile> file;
-  {
+  std::shared_ptr<RemoteFile> dropped;  // released after files_lock_
+  for (int attempt = 0;; ++attempt) {
+    const long long uploads_before = uploads_.load();
+    OriginFileInfo info;
+    std::string error;
+    const OriginStatus status = origin_->Stat(path, &info, &error);
+    if (status == OriginStatus::kOk && info.is_directory) return -EISDIR;
+
     std::lock_guard<std::mutex> guard(files_lock_);
     if (shut_down_) return -EIO;
+    // An upload that ended since the Stat makes its answer look like a change.
+    if (uploads_.load() != uploads_before && attempt == 0) continue;
     auto it = files_.find(path);
     if (it != files_.end()) {
       file = it->second;
-      std::lock_guard<std::mutex> file_guard(file->lock);
-      // Written data not yet on the origin wins over whatever the origin has.
-      const bool local = file->dirty || !file->on_origin;
-      const bool changed = status == OriginStatus::kOk &&
-                           (info.size != file->seen.size || info.validator != file->seen.validator);
+      // Data written here and not uploaded yet wins over the origin's.
+      const bool local = file->dirty || !file->on_origin || file->writers > 0;
+      const OriginFileInfo seen = file->Seen();
+      const bool changed = status == OriginStatus::kOk && (info.size != seen.size || info.validator != seen.validator);
       if (!local && (changed || status == OriginStatus::kNotFound)) {
         ClientLog(LOGLEVEL_INFO, "%s changed on the origin: its cached copy is dropped", path.c_str());
+        dropped = file;
         Forget(file);
         file = nullptr;
       }
@@ -178,6 +196,7 @@ int RemoteDrive::OpenFile(const std::string& path, int flags, std::shared_ptr<Re
     }
     ++file->opens;
     if (write) ++file->writers;
+    break;
   }
   if (write) {
     int result = MakeWritable(file.get());
@@ -214,7 +233,7 @@ int RemoteDrive::Open(const std::string& path, int flags, std::unique_ptr<OpenHa
 }
 
 int RemoteDrive::MakeWritable(RemoteFile* file) {
-  std::lock_guard<std::mutex> guard(file->lock);
+  std::lock_guard<std::mutex> guard(file->io_lock);
   if (file->writable) return 0;
   const unsigned int status = file->object->SetMode('w', file->size.load(std::memory_order_relaxed), file->fetch.get());
   if (status != kOk) {
@@ -250,9 +269,16 @@ long long RemoteDrive::Read(OpenHandle* handle, char* buffer, size_t size, long 
   request.handle = handle->fs_handle;
   request.file_size = file_size;
   request.fetch = file->fetch.get();
+  const long long failures_before = file->fetch->failures();
   const unsigned int status = file->object->Read(&request);
   if (status != kOk) {
     ClientLog(LOGLEVEL_ERROR, "read %s [%lld, +%llu): cache status %u", file->path.c_str(), offset, count, status);
+    return -EIO;
+  }
+  // A writable cache serves its zeros where a fetch failed.
+  if (file->writable && file->fetch->failures() != failures_before) {
+    ClientLog(LOGLEVEL_ERROR, "read %s [%lld, +%llu): the origin's bytes could not be fetched", file->path.c_str(),
+              offset, count);
     return -EIO;
   }
   const long long served = static_cast<long long>(request.transferred);
@@ -270,16 +296,26 @@ long long RemoteDrive::Write(OpenHandle* handle, const char* buffer, size_t size
   if (!handle->writable || !handle->file) return -EBADF;
   if (offset < 0) return -EINVAL;
   RemoteFile* file = handle->file.get();
-  // Writes hold the file's lock so that an upload never misses one.
-  std::lock_guard<std::mutex> guard(file->lock);
+  // Writes hold the file's io_lock so that an upload never misses one.
+  std::lock_guard<std::mutex> guard(file->io_lock);
+  // The sectors the write covers in part get their origin bytes first: the
+  // writable cache would mark them written even when that fetch failed.
+  const long long failures_before = file->fetch->failures();
   const long long size_before = file->size.load(std::memory_order_relaxed);
   if (offset >= size_before) FetchSectorAt(file, size_before - 1);
+  FetchSectorAt(file, offset);
+  FetchSectorAt(file, offset + static_cast<long long>(size));
+  if (file->fetch->failures() != failures_before) {
+    ClientLog(LOGLEVEL_ERROR, "write %s [%lld, +%zu): the origin's bytes around it could not be fetched",
+              file->path.c_str(), offset, size);
+    return -EIO;
+  }
   _WRITEDATA request{};
   request.buffer = buffer;
   request.offset = offset;
   request.size = size;
   request.handle = handle->fs_handle;
-  request.file_size = file->size.load(std::memory_order_relaxed);
+  request.file_size = size_before;
   request.fetch = file->on_origin ? file->fetch.get() : nullptr;
   const unsigned int status = file->object->Write(&request);
   if (status != kOk) {
@@ -298,9 +334,9 @@ long long RemoteDrive::Write(OpenHandle* handle, const char* buffer, size_t size
 // cut keeps the sector of the new end unfetched, so that growing the file
 // again would later fetch origin bytes over the zeros. Reading one byte
 // fetches the sector first; it is a local read once the sector is there.
-// REQUIRES: file->lock held.
+// REQUIRES: file->io_lock held.
 void RemoteDrive::FetchSectorAt(RemoteFile* file, long long offset) {
-  if (!file->on_origin || offset < 0 || offset >= file->seen.size) return;
+  if (!file->on_origin || offset < 0 || offset >= file->Seen().size) return;
   char byte;
   auto own_handle = std::make_shared<_FS_HANDLE>();
   own_handle->info = file->path;
@@ -317,8 +353,14 @@ void RemoteDrive::FetchSectorAt(RemoteFile* file, long long offset) {
 }
 
 int RemoteDrive::TruncateFile(RemoteFile* file, long long size) {
-  std::lock_guard<std::mutex> guard(file->lock);
+  std::lock_guard<std::mutex> guard(file->io_lock);
+  const long long failures_before = file->fetch->failures();
   if (size < file->size.load(std::memory_order_relaxed)) FetchSectorAt(file, size);
+  if (file->fetch->failures() != failures_before) {
+    ClientLog(LOGLEVEL_ERROR, "truncate %s to %lld: the origin's bytes at the new end could not be fetched",
+              file->path.c_str(), size);
+    return -EIO;
+  }
   const unsigned int status = file->object->Truncate(size);
   if (status != kOk) {
     ClientLog(LOGLEVEL_ERROR, "truncate %s to %lld: cache status %u", file->path.c_str(), size, status);
@@ -344,11 +386,7 @@ int RemoteDrive::Truncate(const std::string& path, OpenHandle* handle, long long
 }
 
 int RemoteDrive::Flush(OpenHandle* handle) {
-  if (!handle->writable || !handle->file) return 0;
-  {
-    std::lock_guard<std::mutex> guard(files_lock_);
-    if (handle->file->writers > 1) return 0;  // the last writer uploads
-  }
+  if (!handle->writable || !handle->file || !handle->file->dirty) return 0;
   return Upload(handle->file.get());
 }
 
@@ -357,15 +395,14 @@ int RemoteDrive::Release(std::unique_ptr<OpenHandle> handle) {
   const std::shared_ptr<RemoteFile> file = handle->file;
   // The library polls the state of handles it waits for.
   __atomic_store_n(&handle->fs_handle->state, 3, __ATOMIC_RELAXED);
-  bool last_writer = false;
   {
     std::lock_guard<std::mutex> guard(files_lock_);
     --file->opens;
-    if (handle->writable) last_writer = --file->writers == 0;
+    if (handle->writable) --file->writers;
   }
-  int result = last_writer ? Upload(file.get()) : 0;
+  // FUSE flushes before it releases; a caller that did not gets its upload here.
+  const int result = handle->writable && file->dirty ? Upload(file.get()) : 0;
   std::lock_guard<std::mutex> guard(files_lock_);
-  std::lock_guard<std::mutex> file_guard(file->lock);
   // A clean whole-file copy is dropped once nobody has the file open: the
   // next reader gets a sector cache, which the quota thread can thin.
   if (file->opens == 0 && file->writable && !file->dirty) Forget(file);
@@ -373,14 +410,15 @@ int RemoteDrive::Release(std::unique_ptr<OpenHandle> handle) {
 }
 
 int RemoteDrive::Upload(RemoteFile* file) {
-  std::lock_guard<std::mutex> guard(file->lock);
+  std::lock_guard<std::mutex> guard(file->io_lock);
   if (!file->dirty) return 0;
+  const long long failures_before = file->fetch->failures();
   if (file->on_origin) {
     const unsigned int filled = file->object->FillEmptySectors(file->fetch.get());
-    if (filled != kOk) {
-      ClientAlert("upload of %s: the unchanged parts could not be fetched (cache status %u); the written data "
-                  "stays in the cache and is uploaded again at the next close or at unmount",
-                  file->path.c_str(), filled);
+    if (filled != kOk || file->fetch->failures() != failures_before) {
+      ClientAlert("upload of %s: the unchanged parts could not be fetched from %s; the written data stays in the "
+                  "cache and is uploaded again at the next close or at unmount",
+                  file->path.c_str(), origin_->Describe().c_str());
       return -EIO;
     }
   }
@@ -408,14 +446,20 @@ int RemoteDrive::Upload(RemoteFile* file) {
   }
   file->dirty = false;
   file->on_origin = true;
+  uploads_.fetch_add(1);
   OriginFileInfo info;
-  if (origin_->Stat(file->path, &info, &error) == OriginStatus::kOk) file->seen = info;
+  if (origin_->Stat(file->path, &info, &error) == OriginStatus::kOk) file->SetSeen(info);
+  {
+    std::lock_guard<std::mutex> files_guard(files_lock_);
+    listings_.erase(ParentOf(file->path));
+  }
   ClientLog(LOGLEVEL_INFO, "uploaded %s (%lld bytes)", file->path.c_str(), size);
   return 0;
 }
 
 void RemoteDrive::KeepUnsaved(RemoteFile* file) {
-  std::lock_guard<std::mutex> guard(file->lock);
+  std::lock_guard<std::mutex> guard(file->io_lock);
+  if (file->on_origin) file->object->FillEmptySectors(file->fetch.get());
   const std::string target = options_.cache_dir + "/unsaved" + file->path;
   FILE* out = nullptr;
   if (MakeDirectories(ParentOf(target))) out = fopen(target.c_str(), "wb");
@@ -430,6 +474,7 @@ void RemoteDrive::KeepUnsaved(RemoteFile* file) {
     request.size = static_cast<unsigned long long>(std::min<long long>(size - done, buffer.size()));
     request.handle = own_handle;
     request.file_size = size;
+    request.fetch = file->on_origin ? file->fetch.get() : nullptr;
     ok = file->object->Read(&request) == kOk && request.transferred > 0 &&
          fwrite(buffer.data(), 1, request.transferred, out) == request.transferred;
     done += static_cast<long long>(request.transferred);
@@ -438,8 +483,8 @@ void RemoteDrive::KeepUnsaved(RemoteFile* file) {
   if (ok) {
     ClientAlert("%s could not be uploaded; its contents are kept in %s", file->path.c_str(), target.c_str());
   } else {
-    ClientAlert("%s could not be uploaded nor kept in %s; its data stays in the cache directory %s",
-                file->path.c_str(), target.c_str(), options_.cache_dir.c_str());
+    ClientAlert("%s could not be uploaded nor kept in %s (%s): its changes are lost", file->path.c_str(),
+                target.c_str(), strerror(errno));
   }
 }
 
@@ -490,13 +535,10 @@ int RemoteDrive::GetAttributes(const std::string& path, FileAttributes* attribut
     return 0;
   }
   std::shared_ptr<RemoteFile> file = FindFile(path);
-  if (file) {
-    std::lock_guard<std::mutex> guard(file->lock);
-    if (file->writable || !file->on_origin) {
-      attributes->size = file->size.load(std::memory_order_relaxed);
-      attributes->mtime = file->mtime.load(std::memory_order_relaxed);
-      return 0;
-    }
+  if (file && (file->writable || !file->on_origin || file->dirty)) {
+    attributes->size = file->size.load(std::memory_order_relaxed);
+    attributes->mtime = file->mtime.load(std::memory_order_relaxed);
+    return 0;
   }
   std::vector<OriginEntry> entries;
   const int listed = CachedListing(ParentOf(path), &entries);
@@ -510,7 +552,7 @@ int RemoteDrive::GetAttributes(const std::string& path, FileAttributes* attribut
       return 0;
     }
   }
-  if (file) {  // known from an earlier open, though the origin does not answer now
+  if (file && listed != 0 && listed != -ENOENT) {  // known from an earlier open; the origin does not answer now
     attributes->size = file->size.load(std::memory_order_relaxed);
     attributes->mtime = file->mtime.load(std::memory_order_relaxed);
     return 0;
@@ -525,7 +567,7 @@ int RemoteDrive::ListDirectory(const std::string& path, std::vector<OriginEntry>
   // Files created here and not uploaded yet are part of the directory too.
   for (auto& entry : files_) {
     RemoteFile& file = *entry.second;
-    if (ParentOf(file.path) != path) continue;
+    if (ParentOf(file.path) != path || (file.on_origin && !file.dirty)) continue;
     const std::string name = NameOf(file.path);
     if (std::any_of(entries->begin(), entries->end(), [&](const OriginEntry& e) { return e.name == name; })) continue;
     OriginEntry local;

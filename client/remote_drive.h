@@ -4,8 +4,9 @@
 // one file through it.
 //
 // Thread safety: every public operation may be called from many threads.
-// Lock order: files_lock_, then a RemoteFile's lock; library calls are made
-// with at most a RemoteFile's lock held.
+// Lock order: a RemoteFile's io_lock, then files_lock_. Under files_lock_ the
+// only library calls are the manager's Open and Close of a name, which touch
+// its table; reads, writes and uploads run with at most an io_lock held.
 #pragma once
 
 #include <fcntl.h>
@@ -72,12 +73,14 @@ class RemoteDrive {
   int ListDirectory(const std::string& path, std::vector<OriginEntry>* entries);
   // `flags` as for open(2): O_ACCMODE, O_CREAT, O_TRUNC.
   int Open(const std::string& path, int flags, std::unique_ptr<OpenHandle>* handle);
+  // Reads stop at the end of the file. A read of a file being written that
+  // needed origin bytes it could not get fails rather than return zeros.
   long long Read(OpenHandle* handle, char* buffer, size_t size, long long offset);
   long long Write(OpenHandle* handle, const char* buffer, size_t size, long long offset);
   // With a writable `handle` truncates through it; otherwise opens the path.
   int Truncate(const std::string& path, OpenHandle* handle, long long size);
-  // Uploads a written file when this is its last writer: close() reports a
-  // failed upload.
+  // Uploads the file if it was written since its last upload: close() and
+  // fsync() report a failed upload.
   int Flush(OpenHandle* handle);
   int Release(std::unique_ptr<OpenHandle> handle);
 
@@ -101,7 +104,9 @@ class RemoteDrive {
   void FetchSectorAt(RemoteFile* file, long long offset);
   int Upload(RemoteFile* file);
   void KeepUnsaved(RemoteFile* file);
+  // REQUIRES: files_lock_ held.
   void Forget(const std::shared_ptr<RemoteFile>& file);
+  void Retire(const std::shared_ptr<RemoteFile>& file);
   int CachedListing(const std::string& directory, std::vector<OriginEntry>* entries);
 
   const std::unique_ptr<Origin> origin_;
@@ -111,13 +116,15 @@ class RemoteDrive {
   ICache_V2* cache_ = nullptr;
   bool started_ = false;
   TransferCounters counters_;
+  std::atomic<bool> stopping_{false};     // set at unmount: transfers end
+  std::atomic<long long> uploads_{0};     // uploads done; an open that raced one checks again
 
   std::mutex files_lock_;
   // State below is protected by files_lock_.
   std::map<std::string, std::shared_ptr<RemoteFile>> files_;
-  // Fetchers of files dropped from the cache: queued library work may still
-  // point at them, so they live until Shutdown.
-  std::vector<std::shared_ptr<OriginFetch>> retired_;
+  // Fetchers of files dropped from the table, kept until their cache object
+  // is gone: until then queued library work may still call them.
+  std::vector<std::pair<std::weak_ptr<ICacheObj>, std::shared_ptr<OriginFetch>>> retired_;
   std::map<std::string, Listing> listings_;
   bool shut_down_ = false;
 };

@@ -16,24 +16,40 @@
 struct RemoteFile {
   explicit RemoteFile(std::string file_path) : path(std::move(file_path)) {}
 
+  OriginFileInfo Seen() {
+    std::lock_guard<std::mutex> guard(seen_lock);
+    return seen;
+  }
+  void SetSeen(const OriginFileInfo& info) {
+    std::lock_guard<std::mutex> guard(seen_lock);
+    seen = info;
+  }
+
   const std::string path;
-  // Set once, before the file is shared.
-  std::shared_ptr<ICacheObj> object;
+  // Set once, before the file is shared. The fetcher is declared first so
+  // that it outlives the cache object, whose destruction waits for the
+  // fetches it started.
   std::shared_ptr<OriginFetch> fetch;
+  std::shared_ptr<ICacheObj> object;
 
   TransferCounters counters;
   // The size readers see: the origin's, or the local copy's once written.
   std::atomic<long long> size{0};
   std::atomic<long long> mtime{0};
+  std::atomic<bool> on_origin{true};  // false: created here, never uploaded
+  std::atomic<bool> writable{false};  // the cache object is in mode 'w'
+  std::atomic<bool> dirty{false};     // written since the last upload; set and cleared under io_lock
 
-  std::mutex lock;
-  // State below is protected by lock.
-  OriginFileInfo seen;    // the origin's version the cache holds
-  bool on_origin = true;  // false: created here, never uploaded
-  bool writable = false;  // the cache object is in mode 'w'
-  bool dirty = false;     // written since the last upload
+  // Serializes writes, truncates, the switch to mode 'w' and uploads. It is
+  // held across origin transfers, so nothing waits for it while holding the
+  // drive's files_lock_ (the order is io_lock, then files_lock_).
+  std::mutex io_lock;
 
   // Protected by the drive's files_lock_.
   int opens = 0;
   int writers = 0;
+
+ private:
+  std::mutex seen_lock;
+  OriginFileInfo seen;  // the origin's version the cache holds
 };

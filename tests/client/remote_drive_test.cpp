@@ -35,9 +35,9 @@ class DriveTest : public ::testing::Test {
  protected:
   void SetUp() override { Mount(""); }
 
-  void Mount(const std::string& settings) {
+  void Mount(const std::string& settings, OriginOptions origin_options = OriginOptions()) {
     std::string error;
-    auto faulty = std::make_unique<FaultyOrigin>(MakeDirectoryOrigin(origin_.path(), OriginOptions(), &error));
+    auto faulty = std::make_unique<FaultyOrigin>(MakeDirectoryOrigin(origin_.path(), origin_options, &error));
     faulty_ = faulty.get();
     DriveOptions options;
     options.cache_dir = cache_.path() + "/cache";
@@ -216,6 +216,38 @@ TEST_F(DriveTest, WritesTruncatesAndNewFilesReachTheOrigin) {
   EXPECT_EQ(drive_->Release(std::move(created)), 0);
   EXPECT_EQ(FileContents(origin_.File("sub/new.bin")), fresh);
   EXPECT_EQ(ReadWhole("/sub/new.bin"), fresh);
+}
+
+TEST_F(DriveTest, UnfetchableOriginBytesFailWritesAndUploadsInsteadOfBecomingZeros) {
+  const std::string bytes = RandomBytes(3 * kSector, 6);
+  origin_.Write("r.bin", bytes);
+  auto handle = OpenOrDie("/r.bin", O_RDWR);
+  ASSERT_TRUE(handle);
+  ASSERT_EQ(drive_->Write(handle.get(), "x", 1, 0), 1);  // fetches sector 0 only
+  faulty_->down = true;
+  EXPECT_EQ(drive_->Write(handle.get(), "y", 1, kSector + 5), -EIO);
+  EXPECT_EQ(drive_->Write(handle.get(), "z", 1, 3 * kSector), -EIO);
+  char buffer[16];
+  EXPECT_EQ(drive_->Read(handle.get(), buffer, sizeof(buffer), 2 * kSector), -EIO);
+  EXPECT_EQ(drive_->Flush(handle.get()), -EIO);
+  EXPECT_EQ(FileContents(origin_.File("r.bin")), bytes) << "a partial upload replaced the origin's file";
+
+  faulty_->down = false;
+  EXPECT_EQ(drive_->Flush(handle.get()), 0);
+  EXPECT_EQ(FileContents(origin_.File("r.bin")), "x" + bytes.substr(1));
+  drive_->Release(std::move(handle));
+}
+
+TEST_F(DriveTest, UnmountWhileFetchesRunIsClean) {
+  OriginOptions slow;
+  slow.bandwidth = 4 << 20;
+  Mount("", slow);
+  origin_.Write("slow.bin", RandomBytes(8 * kSector, 7));
+  auto handle = OpenOrDie("/slow.bin");
+  char buffer[100];
+  ASSERT_EQ(drive_->Read(handle.get(), buffer, sizeof(buffer), 0), 100);
+  drive_->Release(std::move(handle));
+  drive_->Shutdown();  // the rest of the reservation is still arriving
 }
 
 TEST_F(DriveTest, FailedUploadLosesNothing) {
