@@ -114,7 +114,7 @@ int StatFs(const char*, struct statvfs* st) {
   std::memset(st, 0, sizeof(*st));
   ICache_V2* cache = Drive()->cache();
   const unsigned long long limit = cache != nullptr ? cache->GetLimit() : 0;
-  const unsigned long long used = cache != nullptr ? cache->GetUsedBytes() : 0;
+  const unsigned long long used = Drive()->CacheDirectoryBytes();
   st->f_bsize = 4096;
   st->f_frsize = 4096;
   st->f_blocks = limit / 4096;

@@ -1,5 +1,6 @@
 #include "remote_drive.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -584,6 +585,29 @@ int RemoteDrive::ListDirectory(const std::string& path, std::vector<OriginEntry>
   return 0;
 }
 
+// The manager's usage counter is not kept up to date by the library, so the
+// directory is measured: the blocks its files hold, sparse slots excluded.
+unsigned long long RemoteDrive::CacheDirectoryBytes() const {
+  unsigned long long total = 0;
+  std::vector<std::string> pending = {options_.cache_dir};
+  while (!pending.empty()) {
+    const std::string dir = pending.back();
+    pending.pop_back();
+    DIR* handle = opendir(dir.c_str());
+    if (handle == nullptr) continue;
+    while (struct dirent* entry = readdir(handle)) {
+      const std::string name = entry->d_name;
+      if (name == "." || name == "..") continue;
+      struct stat st;
+      if (lstat((dir + "/" + name).c_str(), &st) != 0) continue;
+      if (S_ISDIR(st.st_mode)) pending.push_back(dir + "/" + name);
+      if (S_ISREG(st.st_mode)) total += static_cast<unsigned long long>(st.st_blocks) * 512;
+    }
+    closedir(handle);
+  }
+  return total;
+}
+
 std::string RemoteDrive::StatsJson() {
   std::vector<std::shared_ptr<RemoteFile>> open_files;
   {
@@ -597,7 +621,7 @@ std::string RemoteDrive::StatsJson() {
   input.cache_dir = options_.cache_dir;
   input.counters = &counters_;
   if (cache_ != nullptr) {
-    input.cache_bytes = cache_->GetUsedBytes();
+    input.cache_bytes = CacheDirectoryBytes();
     input.limit = cache_->GetLimit();
   }
   for (auto& file : open_files) {

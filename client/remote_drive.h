@@ -85,6 +85,8 @@ class RemoteDrive {
   int Release(std::unique_ptr<OpenHandle> handle);
 
   std::string StatsJson();
+  // Bytes the cache directory holds on disk now.
+  unsigned long long CacheDirectoryBytes() const;
   const TransferCounters& counters() const { return counters_; }
   ICache_V2* cache() const { return cache_; }
   Origin* origin() const { return origin_.get(); }

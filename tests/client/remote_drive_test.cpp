@@ -111,6 +111,7 @@ TEST_F(DriveTest, ReadsAreExactAndWarmReadsStayLocal) {
   EXPECT_EQ(stats["origin_requests"].asInt64(), cold_reads);
   EXPECT_GE(stats["bytes_fetched"].asInt64(), static_cast<long long>(bytes.size()));
   EXPECT_GE(stats["bytes_served_from_cache"].asInt64(), static_cast<long long>(bytes.size()));
+  EXPECT_GE(stats["cache_directory_bytes"].asInt64(), static_cast<long long>(bytes.size()));
   ASSERT_EQ(stats["open_files"].size(), 1u);
   EXPECT_EQ(stats["open_files"][0]["path"].asString(), "/data.bin");
   EXPECT_EQ(stats["open_files"][0]["size"].asInt64(), static_cast<long long>(bytes.size()));
