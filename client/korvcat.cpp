@@ -99,7 +99,7 @@ int Copy(RemoteDrive& drive, const std::string& path, const std::string& verify)
       result = 1;
       break;
     }
-    digest.Update(buffer.data(), static_cast<size_t>(got));
+    if (!verify.empty()) digest.Update(buffer.data(), static_cast<size_t>(got));
     done += got;
     progress.Show(done, done == size);
   }
