@@ -98,10 +98,31 @@ Cache::Cache(const char* path, unsigned long long limit) : limit_(static_cast<lo
   quota_thread_ = std::make_shared<std::thread>([this] { QuotaManager(); });
 }
 
+unsigned long long ManagerConfigLink::GetQuota() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return manager_ != nullptr ? manager_->GetQuota() : quota_;
+}
+
+_CACHECONFIG ManagerConfigLink::GetConfig() {
+  std::lock_guard<std::mutex> guard(lock_);
+  return manager_ != nullptr ? manager_->GetConfig() : config_;
+}
+
+void ManagerConfigLink::Detach() {
+  std::lock_guard<std::mutex> guard(lock_);
+  if (manager_ == nullptr) return;
+  quota_ = manager_->GetQuota();
+  config_ = manager_->GetConfig();
+  manager_ = nullptr;
+}
+
 Cache::~Cache() {
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Uninitialize cache...");
   stopping_.store(true, std::memory_order_relaxed);
   if (quota_thread_ && quota_thread_->joinable()) quota_thread_->join();
+  // Before the table goes: closing an object waits for its fetch tasks,
+  // which read the settings.
+  link_->Detach();
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Cache uninitialized");
 }
 
@@ -183,8 +204,7 @@ std::shared_ptr<ICacheObj> Cache::Open(const char* name, char mode, long long si
     // Names that share their last component share one cache file name.
     std::vector<std::string> pieces = split(name, Slash());
     if (pieces.empty() || pieces.back().empty()) throw static_cast<AERROR>(kErrInvalidArgument);
-    auto object = std::make_shared<CacheObj>(path_, pieces.back(), mode, size, fetch,
-                                             static_cast<ICacheConfig*>(this), name);
+    auto object = std::make_shared<CacheObj>(path_, pieces.back(), mode, size, fetch, link_.get(), name, link_);
     it = objects_.emplace(name, std::move(object)).first;
   }
   std::shared_ptr<CacheObj> object = it->second;

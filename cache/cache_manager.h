@@ -20,6 +20,25 @@
 
 class CacheObj;
 
+// The settings and the limit as the cache objects of one manager see them.
+// Objects a client still holds outlive the manager; once it is detached they
+// get the values of that moment instead of reaching into a destroyed manager.
+class ManagerConfigLink final : public ICacheConfig {
+ public:
+  explicit ManagerConfigLink(ICacheConfig* manager) : manager_(manager) {}
+  unsigned long long GetQuota() override;
+  _CACHECONFIG GetConfig() override;
+  // Takes the manager's values and lets go of it.
+  void Detach();
+
+ private:
+  std::mutex lock_;
+  // State below is protected by lock_.
+  ICacheConfig* manager_;  // null once detached
+  unsigned long long quota_ = 0;
+  _CACHECONFIG config_{};
+};
+
 class Cache : public ICache_V2, public ICacheConfig {
  public:
   // The floor of a limit given by the client.
@@ -33,7 +52,8 @@ class Cache : public ICache_V2, public ICacheConfig {
   // cannot be started.
   Cache(const char* path, unsigned long long limit);
   // Stops and joins the quota manager, then closes every object nobody else
-  // holds.
+  // holds. Objects a client still holds keep working with the settings of
+  // this moment.
   ~Cache() override;
 
   Cache(const Cache&) = delete;
@@ -84,6 +104,9 @@ class Cache : public ICache_V2, public ICacheConfig {
   std::mutex settings_lock_;
   Config registry_;
   _CACHECONFIG settings_{};  // guarded by settings_lock_
+
+  // Handed to every object instead of this manager itself.
+  const std::shared_ptr<ManagerConfigLink> link_ = std::make_shared<ManagerConfigLink>(this);
 
   std::atomic<bool> stopping_{false};
   std::shared_ptr<std::thread> quota_thread_;

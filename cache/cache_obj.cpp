@@ -5,8 +5,9 @@
 #include "cache/writable_cache.h"
 
 CacheObj::CacheObj(std::string directory, std::string file_name, char mode, long long size, IFetch* fetch,
-                   ICacheConfig* config, std::string hash_index)
+                   ICacheConfig* config, std::string hash_index, std::shared_ptr<ICacheConfig> config_owner)
     : directory_(std::move(directory)),
+      config_owner_(std::move(config_owner)),
       config_(config),
       file_name_(std::move(file_name)),
       hash_index_(std::move(hash_index)) {

@@ -21,11 +21,12 @@
 class CacheObj : public ICacheObj {
  public:
   // Creates the cache file for `mode` at once. `directory` must end with a
-  // separator. `config` must outlive the object.
+  // separator. `config` must outlive the object, which `config_owner`, when
+  // given, sees to.
   // Throws AERROR kErrInvalidMode for a mode other than 'r' or 'w', and
   // whatever the cache file's constructor throws (kErrCreateFile).
   CacheObj(std::string directory, std::string file_name, char mode, long long size, IFetch* fetch,
-           ICacheConfig* config, std::string hash_index);
+           ICacheConfig* config, std::string hash_index, std::shared_ptr<ICacheConfig> config_owner = nullptr);
   // Closes the cache file with deletion.
   ~CacheObj() override;
 
@@ -63,6 +64,7 @@ class CacheObj : public ICacheObj {
   std::shared_ptr<ICacheFile> CurrentFile();
 
   const std::string directory_;
+  const std::shared_ptr<ICacheConfig> config_owner_;
   ICacheConfig* const config_;
 
   std::mutex lock_;

@@ -5,11 +5,15 @@
 
 #include "cache/logging.h"
 #include "cache/readonly_cache.h"
+#include "cache/sector.h"
 
 namespace {
 
 // Failures after the reader closed its handle are expected and not logged.
-bool HandleOpen(const std::shared_ptr<_FS_HANDLE>& handle) { return handle == nullptr || handle->state < 3; }
+// The client closes the handle with a relaxed atomic store while fetches run.
+bool HandleOpen(const std::shared_ptr<_FS_HANDLE>& handle) {
+  return handle == nullptr || __atomic_load_n(&handle->state, __ATOMIC_RELAXED) < 3;
+}
 
 // Only the low 32 bits of a fetch result carry its status.
 bool FetchFailed(long long result) { return static_cast<uint32_t>(result) != 0; }
@@ -95,8 +99,12 @@ void AsyncLargeFetch::Process(void* context) {
   while (remaining > 0) {
     long long piece = remaining;
     // A largest-request setting of 0 would never advance: fetch the rest.
+    // Pieces are whole sectors, at least one: a piece ending inside a sector
+    // would settle it short, and the next piece's first delivery, at an
+    // unaligned offset, would land at that sector's slot start.
     if (!whole_file_ && conf.readfetchmax > 0) {
-      piece = std::min(remaining, static_cast<long long>(std::min<uint64_t>(conf.readfetchmax, INT64_MAX)));
+      const long long most = static_cast<long long>(std::min<uint64_t>(conf.readfetchmax, INT64_MAX));
+      piece = std::min(remaining, std::max(kSectorSize, most / kSectorSize * kSectorSize));
     }
     long long result = fetch_->Fetch(position, static_cast<long>(piece), handle_, callback);
     if (FetchFailed(result)) {

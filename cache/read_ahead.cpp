@@ -67,8 +67,12 @@ int ReadonlyCache::CheckReadAhead(_READDATA* rd) {
   if (history_.size() > conf.rahit) {
     KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Since  histsize: %d while conf.rahit: %uld, go read-ahead!",
              tag.c_str(), static_cast<int>(history_.size()), static_cast<unsigned>(conf.rahit));
-    const long long size = std::min({ladder_[static_cast<size_t>(ladder_position_ - 1)], ramax,
-                                     origin_size_ - empty_offset});
+    // The block ends on a sector boundary (or the end of the file): a block
+    // ending inside a sector would leave it settled short, and later reads
+    // would stop there as if the file ended.
+    const long long to_end = origin_size_ - empty_offset;
+    long long size = std::min({ladder_[static_cast<size_t>(ladder_position_ - 1)], ramax, to_end});
+    size = std::min((size + kSectorSize - 1) / kSectorSize * kSectorSize, to_end);
     KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead from %lld, %lld bytes", tag.c_str(), empty_offset, size);
     ReserveNoLock(empty_offset, size);
     auto* task = new AsyncLargeFetch(this, rd->fetch, empty_offset, size, rd->handle, false);

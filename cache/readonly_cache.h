@@ -68,6 +68,8 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
 
   // Serves the request end to end: queues fetches for missing sectors (at
   // least 1 MiB from the offset), waits in 10 ms polls, copies the bytes out.
+  // With a fetcher the read ends at the request's file_size: nothing past it
+  // is waited for or served, so a request reaching past it is served short.
   // Without a fetcher it serves only what is cached, possibly 0 bytes.
   // Returns: kOk, kErrInvalidArgument, kErrRead (no stream, sector missing,
   // time-out), kErrHandleClosed, kErrFileRead.

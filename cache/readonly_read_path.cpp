@@ -23,8 +23,10 @@ constexpr long long kMinimumFetch = 1048576;
 // Readers poll for their sectors; there is no condition variable to wait on.
 constexpr auto kPollInterval = std::chrono::milliseconds(10);
 
+// The client closes the handle with a relaxed atomic store while we poll;
+// the record's layout is fixed, so the field cannot be a std::atomic.
 bool HandleClosed(const std::shared_ptr<_FS_HANDLE>& handle) {
-  return handle != nullptr && handle->state > 2;
+  return handle != nullptr && __atomic_load_n(&handle->state, __ATOMIC_RELAXED) > 2;
 }
 
 }  // namespace
@@ -86,8 +88,9 @@ unsigned int ReadonlyCache::Read(_READDATA* rd) {
       long long stopped_at = start;
       bool missing = false;
       // Ready: keep index_lock_ through the copy so eviction cannot move a
-      // slot under it.
-      if (RangeReady(start, end_of_read, &stopped_at, &missing)) break;
+      // slot under it. Sectors wholly past the end of the file never come,
+      // so the wait stops at the end.
+      if (RangeReady(start, std::min(end_of_read, rd->file_size), &stopped_at, &missing)) break;
       bool stopped_reserved = false;
       if (missing) {
         if (queued != Queued::kNothing) {
@@ -153,6 +156,8 @@ unsigned int ReadonlyCache::CopyOut(_READDATA* rd, const std::shared_ptr<FILE>& 
   unsigned long long remaining = rd->size;
   unsigned long long done = 0;
   for (long long s = start; remaining > 0; s += kSectorSize) {
+    // With a fetcher the origin's size is known: the read ends there.
+    if (fetching && s >= rd->file_size) break;
     auto it = sectors_.find(s);
     // Without a fetcher a reserved sector holds no valid data yet: serve
     // what precedes it, as for an absent one.

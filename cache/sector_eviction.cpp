@@ -48,6 +48,9 @@ void ReadonlyCache::ClearOldCache(bool over_quota) {
            tag.c_str(), static_cast<int>(selected.size()), static_cast<int>(sectors_.size()));
   for (long long offset : selected) {
     auto it = sectors_.find(offset);
+    // Opening the stream finds the file deleted behind our back, if it was,
+    // and drops the sectors whose slots went with it.
+    if (it == sectors_.end()) continue;
     if (it->second.cache_offset != -1) empty_sectors_.push_back(it->second.cache_offset);
     sectors_.erase(it);
   }

@@ -130,9 +130,13 @@ void WritableCache::FetchEmptySectors(const std::vector<long long>& sectors, IFe
   // A failed run leaves its holes in place; Process has logged it, and the
   // other runs are still worth fetching.
   for (const auto& run : runs) {
+    fetching_from_ = run.first;
+    fetching_to_ = run.first + run.second;
     SyncFetchForWritableCache task(this, fetch, run.first, run.second, handle);
     task.Process();
   }
+  fetching_from_ = -1;
+  fetching_to_ = -1;
 }
 
 unsigned int WritableCache::Read(_READDATA* rd) {
@@ -240,7 +244,9 @@ unsigned int WritableCache::Write(_WRITEDATA* wd) {
       failed = true;
     } else {
       count = fwrite(wd->buffer, 1, wd->size, fp_);
-      if (count == 0 && ferror(fp_)) {
+      // A full disk shows as a short count, or only when the buffer goes
+      // out: flushed here, or the bytes would be lost after a success.
+      if (count != wd->size || fflush(fp_) != 0) {
         error = errno;
         failed = true;
       }
@@ -272,6 +278,19 @@ int WritableCache::FetchWrite(long long offset, const char* data, long length, l
     KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Fetch write failed : %s", tag.c_str(), strerror(EINVAL));
     return static_cast<int>(kErrFileWrite);
   }
+  // Only the run being fetched is stored: bytes an origin sends beyond it
+  // would land where the local file may hold the client's own writes.
+  if (fetching_to_ >= 0) {
+    const long long from = std::max(offset, fetching_from_);
+    const long long to = std::min(offset + static_cast<long long>(length), fetching_to_);
+    if (from >= to) {
+      if (written != nullptr) *written = 0;
+      return static_cast<int>(kOk);
+    }
+    data += from - offset;
+    length = static_cast<long>(to - from);
+    offset = from;
+  }
   size_t count = 0;
   int error = 0;
   bool failed = false;
@@ -283,7 +302,9 @@ int WritableCache::FetchWrite(long long offset, const char* data, long length, l
       failed = true;
     } else {
       count = fwrite(data, 1, static_cast<size_t>(length), fp_);
-      if (count == 0 && ferror(fp_)) {
+      // Stored only when all of it is on disk: a hole filled in part must
+      // stay a hole.
+      if (count != static_cast<size_t>(length) || fflush(fp_) != 0) {
         error = errno;
         failed = true;
       }

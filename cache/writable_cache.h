@@ -96,9 +96,11 @@ class WritableCache : public ICacheFile, public IFetchCallback {
   bool CheckHandles() override { return false; }
 
   // Stores origin bytes at their own offset and clears the hole that starts
-  // exactly at `offset`. REQUIRES: index_lock_ held by the thread that called
-  // the fetcher (only fetches started here deliver to this object).
-  // Returns: kOk, kErrFileWrite.
+  // exactly at `offset`. During a fetch of this object only the part within
+  // the run asked for is stored. REQUIRES: index_lock_ held by the thread
+  // that called the fetcher (only fetches started here deliver to this
+  // object). Returns: kOk, kErrFileWrite (also when not all of it could be
+  // written).
   int FetchWrite(long long offset, const char* data, long length, long* written) override;
 
   // The log tag. A copy: ChangeFileName may replace it on another thread.
@@ -141,6 +143,10 @@ class WritableCache : public ICacheFile, public IFetchCallback {
   // Starts of the sectors below the logical size that have been neither
   // fetched nor written. Ascending: filled in order, only ever erased from.
   std::deque<long long> empty_sectors_;  // guarded by index_lock_
+  // The run a fetch of this object is bringing; -1 outside fetches. Guarded
+  // by index_lock_ (held by the thread whose fetch delivers).
+  long long fetching_from_ = -1;
+  long long fetching_to_ = -1;
 
   ICacheConfig* const config_;
 };

@@ -254,8 +254,8 @@ long long RemoteDrive::Read(OpenHandle* handle, char* buffer, size_t size, long 
     return static_cast<long long>(count);
   }
   RemoteFile* file = handle->file.get();
-  // Reads stop at the end of the file: the cache fails a read that reaches
-  // into a sector wholly past it.
+  // Reads stop at the size this client knows: the writable cache would serve
+  // whatever its local file holds past it.
   const long long file_size = file->size.load(std::memory_order_relaxed);
   if (offset < 0) return -EINVAL;
   if (offset >= file_size || size == 0) return 0;

@@ -21,18 +21,30 @@ std::wstring FromUtf8(const std::string& text) { return Utf8Converter().from_byt
 std::string ToUtf8(const std::wstring& text) { return Utf8Converter().to_bytes(text); }
 #pragma GCC diagnostic pop
 
+// Runs a jsoncpp parse. The reader refuses some texts by throwing instead of
+// returning false (nesting deeper than its stack limit); both mean the text
+// is not a document this class takes.
+template <typename Parse>
+bool Parsed(Parse parse) {
+  try {
+    return parse();
+  } catch (const Json::Exception&) {
+    return false;
+  }
+}
+
 }  // namespace
 
 JsonObject::JsonObject(const char* text, unsigned int length) : current_(&value_) {
   if (text == nullptr) throw static_cast<AERROR>(kErrJson);
   Json::Reader reader;
-  if (!reader.parse(text, text + length, value_, false)) throw static_cast<AERROR>(kErrJson);
+  if (!Parsed([&] { return reader.parse(text, text + length, value_, false); })) throw static_cast<AERROR>(kErrJson);
 }
 
 JsonObject::JsonObject(const char* text) : current_(&value_) {
   if (text == nullptr) return;
   Json::Reader reader;
-  if (!reader.parse(std::string(text), value_, true)) throw static_cast<AERROR>(kErrJson);
+  if (!Parsed([&] { return reader.parse(std::string(text), value_, true); })) throw static_cast<AERROR>(kErrJson);
 }
 
 JsonObject::JsonObject(Json::Value& value) : current_(&value) {}

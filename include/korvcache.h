@@ -56,7 +56,10 @@ enum LOGLEVEL {
 // `info` between handles; the rest is the client's.
 struct _FS_HANDLE {
   int32_t type;   // 2 in handles the cache makes for its own whole-file fetches
-  int32_t state;  // greater than 2: the client has closed the handle
+  // Greater than 2: the client has closed the handle. Reads still running
+  // poll it, so once the handle is in use the client changes it with an
+  // atomic store, e.g. __atomic_store_n(&h->state, 3, __ATOMIC_RELAXED).
+  int32_t state;
   int64_t id;     // 0 in handles the cache makes
   std::string info;
 };

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, tests and benchmarks need, and only
 # those that are missing, so that a machine that has them all stays offline.
+# With --bench, also what only the client benchmark (`make bench`) runs;
+# with --fuzz, also what only the fuzzers (`make fuzz`) are built with.
 set -euo pipefail
 
 packages=(
@@ -9,6 +11,16 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libfuse3-dev fuse3 libcurl4-openssl-dev nginx curl
 )
+# rclone: the client benchmark's competitor (`rclone mount` of an :http: remote).
+bench_packages=(rclone)
+if [ "${1:-}" = "--bench" ]; then
+  packages+=("${bench_packages[@]}")
+fi
+# clang with its libFuzzer and sanitizer runtimes.
+fuzz_packages=(clang libclang-rt-14-dev)
+if [ "${1:-}" = "--fuzz" ]; then
+  packages+=("${fuzz_packages[@]}")
+fi
 
 missing=()
 for p in "${packages[@]}"; do

@@ -282,7 +282,7 @@ TEST_F(ReadPathTest, ClosingTheClientHandleEndsAWaitingReadAndSilencesItsFetch) 
   std::thread reader([&] { result = cache.Read(&rd); });
   for (int i = 0; i < 500 && queue.Held() == 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(2));
   ASSERT_EQ(queue.Held(), 1u);
-  rd.handle->state = 3;
+  __atomic_store_n(&rd.handle->state, 3, __ATOMIC_RELAXED);  // as a client closes it, under the reader's poll
   reader.join();
   EXPECT_EQ(result, kErrHandleClosed);
   EXPECT_EQ(log_.LevelOf("Read failed : Handle closed before return"), LOGLEVEL_ERROR);

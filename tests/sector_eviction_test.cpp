@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "cache/default_settings.h"
 #include "cache/readonly_cache.h"
 #include "cache/sector.h"
+#include "cache/timed_handle.h"
 #include "common/clock.h"
 #include "support/fake_config.h"
 #include "support/fake_origin.h"
@@ -182,6 +184,34 @@ TEST_F(SectorEvictionTest, LargestEmptyOffsetFollowsTheRunOfPresentSectors) {
   EXPECT_EQ(cache.GetLargestEmptyOffset(5 * kMiB), -1);        // reaches past offset + ramax
   EXPECT_EQ(cache.GetLargestEmptyOffset(11 * kHalf), 13 * kHalf);  // entries run out
   EXPECT_EQ(log.LevelOf("[run.bin] At GetLargestEmptyOffset, empty_sectors_ is empty."), LOGLEVEL_INFO);
+}
+
+// The file deleted while its stream was closed for idleness: the pass that
+// reopens it finds the sectors it chose already dropped with their slots.
+TEST_F(SectorEvictionTest, PassOverAFileDeletedWhileClosedDropsItsIndexOnce) {
+  RecordingLog log;
+  ReadonlyCache cache(Dir(), "gone.bin", 4 * kMiB, &config_);
+  Put(cache, 0);
+  Put(cache, kHalf);
+  AdvanceClockForTesting(TimedHandle::kIdleTimeout + std::chrono::seconds(1));
+  ASSERT_TRUE(cache.CheckHandles());
+  ASSERT_EQ(std::remove(cache.GetCachePath().c_str()), 0);
+
+  SetAges(0, 0, 0, 0);
+  cache.ClearOldCache(false);
+  EXPECT_EQ(log.Count("Cache file is deleted. Clear cache information."), 1);
+  EXPECT_EQ(log.LevelOf("ClearOldCache : OK, 0 => 0(Deleted)"), LOGLEVEL_INFO);
+  EXPECT_EQ(CachedBytes(cache, 0, 100), 0);
+  EXPECT_EQ(cache.Reserve(0, kMiB), kOk);  // nothing of the old index is left
+  EXPECT_EQ(cache.ClearReserved(0, kMiB), kOk);
+
+  FakeOrigin origin(4 * kMiB);
+  std::vector<char> buffer(1000);
+  _READDATA rd{buffer.data(), kHalf - 500, buffer.size(), 0, std::make_shared<_FS_HANDLE>(),
+               origin.size(), &origin, 0, false};
+  ASSERT_EQ(cache.Read(&rd), kOk);
+  EXPECT_EQ(rd.transferred, 1000u);
+  EXPECT_EQ(FakeOrigin::FirstMismatch(buffer.data(), kHalf - 500, 1000), -1);
 }
 
 }  // namespace

@@ -1,0 +1,122 @@
+// Fuzzes wildcard matching.
+//
+// Input: the expression, a line break, the name (everything from a zero byte
+// on is cut off, as the functions take C strings). Both widths and both case
+// modes run on every input. Expressions made of "*", "?" and literal
+// characters only are compared with a reference matcher; the DOS wildcards
+// ('"', '<', '>') have no reference here and only must not crash or run away.
+#include <cctype>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "common/wildcard.h"
+
+namespace {
+
+void Check(bool condition, const char* what, const std::string& expression, const std::string& name) {
+  if (!condition) {
+    std::fprintf(stderr, "fuzz_wildcard: %s\nexpression: \"%s\"\nname: \"%s\"\n", what, expression.c_str(),
+                 name.c_str());
+    std::abort();
+  }
+}
+
+// Copies into a heap block of exactly the string's size, so that
+// AddressSanitizer reports any read past the terminator.
+template <typename CharT>
+std::unique_ptr<CharT[]> Exact(const std::basic_string<CharT>& text) {
+  std::unique_ptr<CharT[]> copy(new CharT[text.size() + 1]);
+  text.copy(copy.get(), text.size());
+  copy[text.size()] = CharT();
+  return copy;
+}
+
+// Each byte as the character of the same value (Latin-1).
+std::wstring Widen(const std::string& s) {
+  std::wstring wide;
+  for (char c : s) wide.push_back(static_cast<wchar_t>(static_cast<unsigned char>(c)));
+  return wide;
+}
+
+bool HasDosWildcard(const std::string& expression) {
+  return expression.find_first_of("\"<>") != std::string::npos;
+}
+
+bool IsAscii(const std::string& s) {
+  for (char c : s) {
+    if (static_cast<unsigned char>(c) >= 0x80) return false;
+  }
+  return true;
+}
+
+// Classic glob by dynamic programming: "*" any run, "?" exactly one
+// character, anything else itself (after toupper when ignoring case).
+bool ReferenceMatch(const std::string& expression, const std::string& name, bool ignore_case) {
+  const size_t n = name.size();
+  // row[j]: the expression so far matches the first j characters of name.
+  std::vector<char> row(n + 1, 0);
+  row[0] = 1;
+  for (char c : expression) {
+    std::vector<char> next(n + 1, 0);
+    if (c == '*') {
+      char any = 0;
+      for (size_t j = 0; j <= n; ++j) {
+        any = static_cast<char>(any | row[j]);
+        next[j] = any;
+      }
+    } else {
+      for (size_t j = 1; j <= n; ++j) {
+        if (!row[j - 1]) continue;
+        const char d = name[j - 1];
+        const bool same = c == '?' || (ignore_case ? std::toupper(static_cast<unsigned char>(c)) ==
+                                                         std::toupper(static_cast<unsigned char>(d))
+                                                   : c == d);
+        next[j] = same ? 1 : 0;
+      }
+    }
+    row.swap(next);
+  }
+  return row[n] != 0;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size > 4096) return 0;
+  std::string input(reinterpret_cast<const char*>(data), size);
+  input = input.substr(0, input.find('\0'));
+  const size_t split = input.find('\n');
+  const std::string expression = input.substr(0, split);
+  const std::string name = split == std::string::npos ? std::string() : input.substr(split + 1);
+  const std::wstring wide_expression = Widen(expression);
+  const std::wstring wide_name = Widen(name);
+
+  for (bool ignore_case : {false, true}) {
+    const bool narrow = IsNameInExpressionA(Exact(expression).get(), Exact(name).get(), ignore_case);
+    const bool wide = IsNameInExpression(Exact(wide_expression).get(), Exact(wide_name).get(), ignore_case);
+    // The widths fold case with different functions; outside ASCII they may
+    // legitimately differ when ignoring case.
+    if (!ignore_case || (IsAscii(expression) && IsAscii(name))) {
+      Check(narrow == wide, "the narrow and wide matchers disagree", expression, name);
+    }
+    if (!HasDosWildcard(expression)) {
+      Check(narrow == ReferenceMatch(expression, name, ignore_case), "the matcher disagrees with the reference",
+            expression, name);
+    }
+  }
+
+  // Fixed points: a name matches itself when it holds no wildcard, and "*"
+  // matches everything.
+  if (name.find_first_of("*?\"<>") == std::string::npos) {
+    Check(IsNameInExpressionA(name.c_str(), name.c_str(), false), "a plain name does not match itself", name,
+          name);
+  }
+  Check(IsNameInExpressionA("*", name.c_str(), false), "\"*\" does not match a name", "*", name);
+  Check(!IsNameInExpressionA(nullptr, name.c_str(), false) && !IsNameInExpressionA(expression.c_str(), nullptr, false),
+        "a null string matched", expression, name);
+  return 0;
+}

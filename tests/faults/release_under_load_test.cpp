@@ -1,0 +1,127 @@
+// ReleaseCache while fetches hang in the origin on the client's workers:
+// no crash, no deadlock, nothing leaked, nothing freed under a running task.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "faults/fault_support.h"
+#include "manager/settings_file.h"
+#include "support/fake_origin.h"
+#include "support/recording_log.h"
+#include "support/temp_dir.h"
+#include "support/test_queue.h"
+
+namespace {
+
+using namespace faults;
+using namespace std::chrono_literals;
+
+struct ReleaseOnExit {
+  FakeOrigin& origin;
+  ~ReleaseOnExit() { origin.Release(); }
+};
+
+// Three files of one manager when it is released:
+//  - "dropped": the client let go of it, but a read-ahead of it hangs in the
+//    origin. The manager holds the last reference, so ReleaseCache closes it
+//    and must wait for that read-ahead: it returns only once the origin lets
+//    go.
+//  - "held": a client thread is inside a read (no time-out) whose fetch
+//    hangs. The object outlives the manager in the client's hands: the read
+//    completes later with the origin's bytes, and so do later reads.
+//  - "late": its read-ahead was queued before the release and starts only
+//    after it; it and the file's later reads and mode switch run without the
+//    manager.
+// Afterwards the client lets go of its objects and every cache file goes.
+TEST(ReleaseUnderLoad, ReleaseWaitsForHangingFetchesAndHeldFilesOutliveTheManager) {
+  SettingsFile none("");
+  TempDir dir;
+  RecordingLog log;
+  Cache_UnbindAsyncQ();
+  const std::string path = dir.path() + "/cache";
+  ICache_V2* cache = nullptr;
+  ASSERT_EQ(InitCache(path.c_str(), 64 * kMiB, &cache), kOk);
+  // Read-ahead from the third read of a run on, 1 MiB at a time.
+  ASSERT_EQ(cache->SetConfiguration(R"({"cache":{"ra":{"hit":1,"min":1048576,"max":2097152},)"
+                                    R"("read":{"timeout":10000}}})"),
+            kOk);
+  FakeOrigin dropped_origin(16 * kMiB);
+  FakeOrigin held_origin(16 * kMiB + 99);
+  FakeOrigin late_origin(16 * kMiB + 1);
+  std::shared_ptr<ICacheObj> dropped = cache->Open("load/dropped.bin", 'r', dropped_origin.size(), &dropped_origin);
+  std::shared_ptr<ICacheObj> held = cache->Open("load/held.bin", 'r', held_origin.size(), &held_origin);
+  std::shared_ptr<ICacheObj> late = cache->Open("load/late.bin", 'r', late_origin.size(), &late_origin);
+  constexpr size_t kChunk = 256 * 1024;
+  auto expect_served = [](ICacheObj& file, FakeOrigin& origin, long long offset, size_t size, const char* what) {
+    ReadOutcome r = ReadAndCheck(file, origin, offset, size, 0);
+    EXPECT_EQ(r.status, kOk) << what << " at " << offset;
+    EXPECT_TRUE(r.Clean()) << what << ", wrong byte " << r.mismatch << " at " << offset;
+    EXPECT_EQ(r.transferred, size) << what << " at " << offset;
+  };
+  {
+    TestQueue queue(TestQueue::Mode::kRun, 3);
+    Watchdog watchdog("ReleaseCache under load", 60s);
+
+    // Two reads of each run make the history.
+    for (auto* f : {&late, &dropped}) {
+      FakeOrigin& origin = f == &late ? late_origin : dropped_origin;
+      expect_served(**f, origin, 0, kChunk, "history");
+      expect_served(**f, origin, kChunk, kChunk, "history");
+    }
+    ASSERT_TRUE(queue.WaitIdle());
+
+    // The third read is served from the cache; its read-ahead hangs.
+    dropped_origin.Block();
+    ReleaseOnExit release_dropped{dropped_origin};
+    const size_t dropped_requests = dropped_origin.Requests().size();
+    expect_served(*dropped, dropped_origin, 2 * kChunk, kChunk, "dropped");
+    ASSERT_TRUE(dropped_origin.WaitForRequests(dropped_requests + 1));
+    dropped.reset();
+
+    held_origin.Block();
+    ReleaseOnExit release_held{held_origin};
+    ReadOutcome held_read;
+    Background held_reader([&] { held_read = ReadAndCheck(*held, held_origin, 12345, 100000, -1); });
+    ASSERT_TRUE(held_origin.WaitForRequests(1));
+
+    queue.set_mode(TestQueue::Mode::kHold);
+    expect_served(*late, late_origin, 2 * kChunk, kChunk, "late");
+    ASSERT_EQ(queue.Held(), 1u);
+
+    {
+      Background releaser([&] { EXPECT_EQ(ReleaseCache(path.c_str()), kOk); });
+      std::this_thread::sleep_for(200ms);
+      EXPECT_FALSE(releaser.Done()) << "ReleaseCache returned while a read-ahead of its file still ran";
+      dropped_origin.Release();
+      EXPECT_TRUE(releaser.WaitDone(10s));
+    }
+    EXPECT_TRUE(log.Contains("[CACHE     ] Cache uninitialized"));
+    EXPECT_FALSE(held_reader.Done());
+
+    // The manager is gone; the client's objects go on.
+    held_origin.Release();
+    EXPECT_TRUE(held_reader.WaitDone(10s));
+    EXPECT_EQ(held_read.status, kOk);
+    EXPECT_TRUE(held_read.Clean());
+    EXPECT_EQ(held_read.transferred, 100000u);
+    for (int i = 0; i < 4; ++i) expect_served(*held, held_origin, i * kChunk, kChunk, "held, after");
+
+    queue.RunHeld();
+    queue.set_mode(TestQueue::Mode::kRun);
+    ASSERT_TRUE(queue.WaitIdle());
+    for (int i = 3; i < 8; ++i) expect_served(*late, late_origin, i * kChunk, kChunk, "late, after");
+    ASSERT_TRUE(queue.WaitIdle());
+    EXPECT_EQ(late->SetMode('w', late_origin.size(), &late_origin), kOk);
+    expect_served(*late, late_origin, kMiB, kChunk, "late, writable");
+  }
+  held.reset();
+  late.reset();
+  EXPECT_TRUE(SectorCacheFiles(path).empty());
+  EXPECT_FALSE(std::filesystem::exists(path + "/late.bin"));
+}
+
+}  // namespace
