@@ -33,6 +33,18 @@ bool MakeDirectories(const std::string& path) {
   }
 }
 
+_READDATA ReadRequest(char* buffer, long long offset, unsigned long long size, std::shared_ptr<_FS_HANDLE> handle,
+                      long long file_size, IFetch* fetch) {
+  _READDATA request{};
+  request.buffer = buffer;
+  request.offset = offset;
+  request.size = size;
+  request.handle = std::move(handle);
+  request.file_size = file_size;
+  request.fetch = fetch;
+  return request;
+}
+
 void RaiseTo(std::atomic<long long>& value, long long at_least) {
   long long seen = value.load(std::memory_order_relaxed);
   while (seen < at_least && !value.compare_exchange_weak(seen, at_least, std::memory_order_relaxed)) {
@@ -263,13 +275,7 @@ long long RemoteDrive::Read(OpenHandle* handle, char* buffer, size_t size, long 
 
   const long long requests_before = TransferCounters::Get(counters_.origin_requests);
   const bool idle_before = TransferCounters::Get(counters_.in_flight) == 0;
-  _READDATA request{};
-  request.buffer = buffer;
-  request.offset = offset;
-  request.size = count;
-  request.handle = handle->fs_handle;
-  request.file_size = file_size;
-  request.fetch = file->fetch.get();
+  _READDATA request = ReadRequest(buffer, offset, count, handle->fs_handle, file_size, file->fetch.get());
   const long long failures_before = file->fetch->failures();
   const unsigned int status = file->object->Read(&request);
   if (status != kOk) {
@@ -341,13 +347,8 @@ void RemoteDrive::FetchSectorAt(RemoteFile* file, long long offset) {
   char byte;
   auto own_handle = std::make_shared<_FS_HANDLE>();
   own_handle->info = file->path;
-  _READDATA request{};
-  request.buffer = &byte;
-  request.offset = offset;
-  request.size = 1;
-  request.handle = own_handle;
-  request.file_size = file->size.load(std::memory_order_relaxed);
-  request.fetch = file->fetch.get();
+  _READDATA request =
+      ReadRequest(&byte, offset, 1, own_handle, file->size.load(std::memory_order_relaxed), file->fetch.get());
   const unsigned int status = file->object->Read(&request);
   if (status != kOk) ClientLog(LOGLEVEL_WARNING, "%s: fetching the sector at %lld failed (cache status %u)",
                                file->path.c_str(), offset, status);
@@ -427,12 +428,7 @@ int RemoteDrive::Upload(RemoteFile* file) {
   auto own_handle = std::make_shared<_FS_HANDLE>();
   own_handle->info = file->path;
   ByteSource source = [&](long long offset, char* buffer, size_t length) -> long long {
-    _READDATA request{};
-    request.buffer = buffer;
-    request.offset = offset;
-    request.size = length;
-    request.handle = own_handle;
-    request.file_size = size;
+    _READDATA request = ReadRequest(buffer, offset, length, own_handle, size, nullptr);
     const unsigned int status = file->object->Read(&request);
     return status == kOk ? static_cast<long long>(request.transferred) : -1;
   };
@@ -469,13 +465,9 @@ void RemoteDrive::KeepUnsaved(RemoteFile* file) {
   bool ok = out != nullptr;
   auto own_handle = std::make_shared<_FS_HANDLE>();
   for (long long done = 0; ok && done < size;) {
-    _READDATA request{};
-    request.buffer = buffer.data();
-    request.offset = done;
-    request.size = static_cast<unsigned long long>(std::min<long long>(size - done, buffer.size()));
-    request.handle = own_handle;
-    request.file_size = size;
-    request.fetch = file->on_origin ? file->fetch.get() : nullptr;
+    _READDATA request = ReadRequest(buffer.data(), done,
+                                    static_cast<unsigned long long>(std::min<long long>(size - done, buffer.size())),
+                                    own_handle, size, file->on_origin ? file->fetch.get() : nullptr);
     ok = file->object->Read(&request) == kOk && request.transferred > 0 &&
          fwrite(buffer.data(), 1, request.transferred, out) == request.transferred;
     done += static_cast<long long>(request.transferred);
