@@ -42,15 +42,20 @@ int SyncFetch::FetchWrite(long long offset, const char* data, long length, long*
 
 void SyncFetch::ClearReserved(long long offset, long long length) { cache_->ClearReservedNoLock(offset, length); }
 
-AsyncFetch::AsyncFetch(ReadonlyCache* cache, IFetch* fetch, long long offset, long long length,
-                       std::shared_ptr<_FS_HANDLE> handle)
+FetchTask::FetchTask(ReadonlyCache* cache, IFetch* fetch, long long offset, long long length,
+                     std::shared_ptr<_FS_HANDLE> handle)
     : cache_(cache), fetch_(fetch), offset_(offset), length_(length), handle_(std::move(handle)) {
-  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead : %lld, %d", cache_->GetFileName().c_str(), offset_,
-           static_cast<int>(length_));
   cache_->TaskStarted();
 }
 
-AsyncFetch::~AsyncFetch() { cache_->TaskEnded(); }
+FetchTask::~FetchTask() { cache_->TaskEnded(); }
+
+AsyncFetch::AsyncFetch(ReadonlyCache* cache, IFetch* fetch, long long offset, long long length,
+                       std::shared_ptr<_FS_HANDLE> handle)
+    : FetchTask(cache, fetch, offset, length, std::move(handle)) {
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead : %lld, %d", cache_->GetFileName().c_str(), offset_,
+           static_cast<int>(length_));
+}
 
 void AsyncFetch::Process(void* context) {
   const std::string tag = cache_->GetFileName();
@@ -75,18 +80,10 @@ void AsyncFetch::Canceled(void*) {
 
 AsyncLargeFetch::AsyncLargeFetch(ReadonlyCache* cache, IFetch* fetch, long long offset, long long length,
                                  std::shared_ptr<_FS_HANDLE> handle, bool whole_file)
-    : cache_(cache),
-      fetch_(fetch),
-      offset_(offset),
-      length_(length),
-      handle_(std::move(handle)),
-      whole_file_(whole_file) {
+    : FetchTask(cache, fetch, offset, length, std::move(handle)), whole_file_(whole_file) {
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead large block : %lld, %lld", cache_->GetFileName().c_str(),
            offset_, length_);
-  cache_->TaskStarted();
 }
-
-AsyncLargeFetch::~AsyncLargeFetch() { cache_->TaskEnded(); }
 
 void AsyncLargeFetch::Process(void* context) {
   const std::string tag = cache_->GetFileName();

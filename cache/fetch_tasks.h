@@ -28,19 +28,18 @@ class SyncFetch : public IFetchCallback {
   ReadonlyCache* cache_;
 };
 
-// Fetches one run of missing sectors for a read.
-class AsyncFetch : public IAsyncObj {
+// What both fetch tasks hold: the cache, the fetcher, the range and the
+// reader's handle. Counts itself in the cache's task count while it exists.
+class FetchTask : public IAsyncObj {
  public:
-  AsyncFetch(ReadonlyCache* cache, IFetch* fetch, long long offset, long long length,
-             std::shared_ptr<_FS_HANDLE> handle);
-  void Process(void* context) override;
-  void Canceled(void* context) override;
-  ~AsyncFetch() override;
+  ~FetchTask() override;
+  FetchTask(const FetchTask&) = delete;
+  FetchTask& operator=(const FetchTask&) = delete;
 
-  AsyncFetch(const AsyncFetch&) = delete;
-  AsyncFetch& operator=(const AsyncFetch&) = delete;
+ protected:
+  FetchTask(ReadonlyCache* cache, IFetch* fetch, long long offset, long long length,
+            std::shared_ptr<_FS_HANDLE> handle);
 
- private:
   ReadonlyCache* cache_;
   IFetch* fetch_;
   long long offset_;
@@ -48,24 +47,24 @@ class AsyncFetch : public IAsyncObj {
   std::shared_ptr<_FS_HANDLE> handle_;
 };
 
+// Fetches one run of missing sectors for a read.
+class AsyncFetch : public FetchTask {
+ public:
+  AsyncFetch(ReadonlyCache* cache, IFetch* fetch, long long offset, long long length,
+             std::shared_ptr<_FS_HANDLE> handle);
+  void Process(void* context) override;
+  void Canceled(void* context) override;
+};
+
 // Fetches a read-ahead block, in pieces of at most the largest single origin
 // request, or a whole file in one piece. At most one exists per cache.
-class AsyncLargeFetch : public IAsyncObj {
+class AsyncLargeFetch : public FetchTask {
  public:
   AsyncLargeFetch(ReadonlyCache* cache, IFetch* fetch, long long offset, long long length,
                   std::shared_ptr<_FS_HANDLE> handle, bool whole_file);
   void Process(void* context) override;
   void Canceled(void* context) override;
-  ~AsyncLargeFetch() override;
-
-  AsyncLargeFetch(const AsyncLargeFetch&) = delete;
-  AsyncLargeFetch& operator=(const AsyncLargeFetch&) = delete;
 
  private:
-  ReadonlyCache* cache_;
-  IFetch* fetch_;
-  long long offset_;
-  long long length_;
-  std::shared_ptr<_FS_HANDLE> handle_;
   bool whole_file_;
 };
