@@ -62,8 +62,8 @@ class SectorBatcher {
 }  // namespace
 
 OriginFetch::OriginFetch(Origin* origin, std::string path, std::string validator, TransferCounters* drive,
-                         TransferCounters* file, RetryPolicy retry, const std::atomic<bool>* stop)
-    : origin_(origin), path_(std::move(path)), validator_(std::move(validator)), drive_(drive), file_(file),
+                         std::shared_ptr<TransferCounters> file, RetryPolicy retry, const std::atomic<bool>* stop)
+    : origin_(origin), path_(std::move(path)), validator_(std::move(validator)), drive_(drive), file_(std::move(file)),
       retry_(retry), stop_(stop) {}
 
 long long OriginFetch::Fetch(long long offset, long length, std::shared_ptr<_FS_HANDLE> handle,

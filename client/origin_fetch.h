@@ -20,11 +20,14 @@ struct RetryPolicy {
 
 class OriginFetch : public IFetch {
  public:
-  // `origin` and the counters must outlive the fetcher. `validator` is the
-  // file version the cache holds: bytes of any other version are refused.
+  // `origin` and the drive's counters must outlive the fetcher; the file's
+  // counters are shared, so a transfer still running when the drive lets go
+  // of the file counts into memory it co-owns. `validator` is the file
+  // version the cache holds: bytes of any other version are refused.
   // A set `stop` ends every transfer at its next bytes (unmounting).
   OriginFetch(Origin* origin, std::string path, std::string validator, TransferCounters* drive,
-              TransferCounters* file, RetryPolicy retry = RetryPolicy(), const std::atomic<bool>* stop = nullptr);
+              std::shared_ptr<TransferCounters> file, RetryPolicy retry = RetryPolicy(),
+              const std::atomic<bool>* stop = nullptr);
 
   // Returns 0 when every byte of the range up to the end of the file was
   // delivered, 1 otherwise (the library then gives up its reservations).
@@ -45,7 +48,7 @@ class OriginFetch : public IFetch {
   const std::string path_;
   const std::string validator_;
   TransferCounters* const drive_;
-  TransferCounters* const file_;
+  const std::shared_ptr<TransferCounters> file_;
   const RetryPolicy retry_;
   const std::atomic<bool>* const stop_;
   std::atomic<long long> failures_{0};

@@ -126,7 +126,7 @@ std::shared_ptr<RemoteFile> RemoteDrive::NewFile(const std::string& path, const 
   file->on_origin = on_origin;
   file->size.store(seen.size, std::memory_order_relaxed);
   file->mtime.store(seen.mtime != 0 ? seen.mtime : time(nullptr), std::memory_order_relaxed);
-  file->fetch = std::make_shared<OriginFetch>(origin_.get(), path, seen.validator, &counters_, &file->counters,
+  file->fetch = std::make_shared<OriginFetch>(origin_.get(), path, seen.validator, &counters_, file->counters,
                                               options_.retry, &stopping_);
   try {
     file->object = cache_->Open(path.c_str(), mode, seen.size, file->fetch.get());
@@ -290,11 +290,11 @@ long long RemoteDrive::Read(OpenHandle* handle, char* buffer, size_t size, long 
   }
   const long long served = static_cast<long long>(request.transferred);
   TransferCounters::Add(counters_.bytes_served, served);
-  TransferCounters::Add(file->counters.bytes_served, served);
+  TransferCounters::Add(file->counters->bytes_served, served);
   if (idle_before && TransferCounters::Get(counters_.in_flight) == 0 &&
       TransferCounters::Get(counters_.origin_requests) == requests_before) {
     TransferCounters::Add(counters_.bytes_served_from_cache, served);
-    TransferCounters::Add(file->counters.bytes_served_from_cache, served);
+    TransferCounters::Add(file->counters->bytes_served_from_cache, served);
   }
   return served;
 }
@@ -617,7 +617,7 @@ std::string RemoteDrive::StatsJson() {
     input.limit = cache_->GetLimit();
   }
   for (auto& file : open_files) {
-    input.files.push_back({file->path, file->size.load(std::memory_order_relaxed), &file->counters});
+    input.files.push_back({file->path, file->size.load(std::memory_order_relaxed), file->counters.get()});
   }
   return RenderDriveStats(input);
 }

@@ -32,7 +32,8 @@ struct RemoteFile {
   std::shared_ptr<OriginFetch> fetch;
   std::shared_ptr<ICacheObj> object;
 
-  TransferCounters counters;
+  // Shared with the fetcher, whose transfers may outlive this record.
+  const std::shared_ptr<TransferCounters> counters = std::make_shared<TransferCounters>();
   // The size readers see: the origin's, or the local copy's once written.
   std::atomic<long long> size{0};
   std::atomic<long long> mtime{0};

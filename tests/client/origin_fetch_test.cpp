@@ -76,8 +76,9 @@ std::string Pattern(size_t size) {
 TEST(OriginFetch, DeliversWholeSectorsWhileTheOriginSends) {
   const std::string bytes = Pattern(3 * kSector + 1000);
   MemoryOrigin origin(bytes);
-  TransferCounters drive, file;
-  OriginFetch fetch(&origin, "/f", "v1", &drive, &file);
+  TransferCounters drive;
+  auto file = std::make_shared<TransferCounters>();
+  OriginFetch fetch(&origin, "/f", "v1", &drive, file);
   RecordingCache cache;
   size_t delivered_when_third_sector_sent = 0;
   origin.on_piece = [&](long long sent) {
@@ -92,16 +93,17 @@ TEST(OriginFetch, DeliversWholeSectorsWhileTheOriginSends) {
   }
   EXPECT_EQ(cache.Joined(), bytes.substr(kSector));  // the last piece ends with the file
   EXPECT_EQ(TransferCounters::Get(drive.bytes_fetched), 2 * kSector + 1000);
-  EXPECT_EQ(TransferCounters::Get(file.origin_requests), 1);
+  EXPECT_EQ(TransferCounters::Get(file->origin_requests), 1);
 }
 
 TEST(OriginFetch, ResumesAfterADropAndFailsWhenItCannotFinish) {
   const std::string bytes = Pattern(2 * kSector);
   MemoryOrigin origin(bytes);
-  TransferCounters drive, file;
+  TransferCounters drive;
+  auto file = std::make_shared<TransferCounters>();
   RetryPolicy retry;
   retry.first_delay_ms = 1;
-  OriginFetch fetch(&origin, "/f", "v1", &drive, &file, retry);
+  OriginFetch fetch(&origin, "/f", "v1", &drive, file, retry);
 
   RecordingCache resumed;
   origin.fail_after = kSector / 2;
@@ -115,7 +117,7 @@ TEST(OriginFetch, ResumesAfterADropAndFailsWhenItCannotFinish) {
   EXPECT_EQ(fetch.Fetch(0, 2 * kSector, nullptr, &refusing), 1);
   EXPECT_EQ(refusing.pieces.size(), 1u) << "fetching went on after the cache refused";
 
-  OriginFetch stale(&origin, "/f", "v0", &drive, &file, retry);
+  OriginFetch stale(&origin, "/f", "v0", &drive, file, retry);
   RecordingCache untouched;
   EXPECT_EQ(stale.Fetch(0, kSector, nullptr, &untouched), 1);
   EXPECT_TRUE(untouched.pieces.empty());
