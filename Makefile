@@ -6,12 +6,14 @@ SAN_BUILD  ?= build-san
 TSAN_BUILD ?= build-tsan
 JOBS       ?= $(shell nproc)
 CMAKE_GEN  ?= -G Ninja
+# The builds `make test` runs treat every warning as an error.
+TEST_FLAGS ?= -DKORV_WERROR=ON
 
 export ASAN_OPTIONS  ?= detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS ?= halt_on_error=1:print_stacktrace=1
 export TSAN_OPTIONS  ?= halt_on_error=1:second_deadlock_stack=1
 
-.PHONY: all deps build build-san build-tsan test test-plain test-san test-tsan bench demo soak fuzz clean
+.PHONY: all deps build build-san build-tsan build-clang test test-plain test-san test-tsan check bench demo soak fuzz clean
 
 all: build
 
@@ -19,15 +21,15 @@ deps:
 	bash scripts/install-deps.sh
 
 build: deps
-	cmake -S . -B $(BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo
+	cmake -S . -B $(BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(TEST_FLAGS)
 	cmake --build $(BUILD) -j $(JOBS)
 
 build-san: deps
-	cmake -S . -B $(SAN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DKORV_SANITIZE=ON
+	cmake -S . -B $(SAN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DKORV_SANITIZE=ON $(TEST_FLAGS)
 	cmake --build $(SAN_BUILD) -j $(JOBS)
 
 build-tsan: deps
-	cmake -S . -B $(TSAN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DKORV_TSAN=ON
+	cmake -S . -B $(TSAN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DKORV_TSAN=ON $(TEST_FLAGS)
 	cmake --build $(TSAN_BUILD) -j $(JOBS)
 
 test-plain: build
@@ -36,13 +38,16 @@ test-plain: build
 test-san: build-san
 	cd $(SAN_BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 600
 
-# Everything but the one test that pushes 160 MiB through a FUSE mount:
+# Everything but the `slow` label (160 MiB through a FUSE mount):
 # ThreadSanitizer stretches it from 2 s to 20-80 s, the longest pole of the
 # run, and the quota thread racing readers that it exercises is covered here
 # by the quota manager tests and the other mount tests.
-TSAN_SKIP ?= ^MountTest\.CacheDirectoryStaysWithinTheLimit$$
 test-tsan: build-tsan
-	cd $(TSAN_BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 300 -E '$(TSAN_SKIP)'
+	cd $(TSAN_BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 300 -LE slow
+
+# The quick loop: the plain build's unit and fault tests.
+check: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 120 -L 'unit|fault'
 
 test: test-plain test-san test-tsan
 

@@ -9,6 +9,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "common/clock.h"
 #include "common/platform.h"
 
 namespace {

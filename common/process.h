@@ -7,13 +7,13 @@
 // any thread.
 #pragma once
 
+#include <chrono>
 #include <string>
 
-#include "common/clock.h"
 #include "korvcache.h"
 
-// A stopwatch in whole milliseconds. It reads SteadyNow(), so a test that
-// moves that clock forward moves every Chrono with it.
+// A stopwatch in whole milliseconds. It reads the library's steady clock,
+// so a test that moves that clock forward moves every Chrono with it.
 // Not synchronised: one thread at a time per object.
 class KORV_EXPORT Chrono {
  public:
@@ -27,7 +27,7 @@ class KORV_EXPORT Chrono {
   long long elapsed() const;
 
  private:
-  SteadyTime start_;
+  std::chrono::steady_clock::time_point start_;
 };
 
 // A new random UUID, 36 characters, lower case.

@@ -2,6 +2,7 @@
 // whole flow of binding a logger, opening a cache directory, reading a file
 // through it and releasing everything.
 #include <korvcache.h>
+#include <korvcache/common/wildcard.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -45,6 +46,9 @@ int main(int argc, char** argv) {
   const std::string dir = argv[1];
   StderrLog log;
   if (!Cache_BindLogger(&log)) return 1;
+
+  // An exported utility, through its installed header.
+  if (!IsNameInExpressionA("*.BIN", "file.bin", true)) return 5;
 
   ICache_V2* cache = nullptr;
   if (InitCache(dir.c_str(), 1ull << 30, &cache) != kOk || cache == nullptr) return 2;

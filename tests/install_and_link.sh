@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# Installs the library into a scratch prefix, builds a client program against
-# the installed header and library only, runs it, and checks that the shared
-# library exports the public surface and hides the internals.
+# Installs the library into a scratch prefix and builds a client program
+# against the installed tree alone, three ways: by hand, with pkg-config and
+# with CMake's find_package. Runs each, and checks that the shared library
+# exports the public surface and hides the internals and that only exported
+# headers are installed.
 set -euo pipefail
 build_dir=$1 cxx=$2 source=$3
 
@@ -9,11 +11,38 @@ prefix=$(mktemp -d)
 trap 'rm -rf "$prefix"' EXIT
 cmake --install "$build_dir" --prefix "$prefix" >/dev/null
 libdir=$(dirname "$(find "$prefix" -name 'libkorvcache.so' | head -n 1)")
+mkdir -p "$prefix/cache"
 
 "$cxx" -std=c++17 -Wall -Wextra -Werror -I"$prefix/include" "$source" \
   -L"$libdir" -lkorvcache -Wl,-rpath,"$libdir" -o "$prefix/client"
-mkdir -p "$prefix/cache"
 "$prefix/client" "$prefix/cache"
+
+# pkg-config, with the prefix moved: the .pc file must find itself.
+moved=$(mktemp -d)
+trap 'rm -rf "$prefix" "$moved"' EXIT
+cp -a "$prefix/." "$moved/"
+moved_libdir=${libdir/#$prefix/$moved}
+flags=$(PKG_CONFIG_PATH="$moved_libdir/pkgconfig" pkg-config --cflags --libs korvcache)
+# shellcheck disable=SC2086
+"$cxx" -std=c++17 -Wall -Wextra -Werror "$source" $flags -Wl,-rpath,"$moved_libdir" -o "$moved/client-pc"
+"$moved/client-pc" "$moved/cache"
+
+# find_package(korvcache).
+project_dir="$prefix/find-package"
+mkdir -p "$project_dir"
+cp "$source" "$project_dir/client_program.cpp"
+cat >"$project_dir/CMakeLists.txt" <<'CMAKE'
+cmake_minimum_required(VERSION 3.16)
+project(korvcache_user CXX)
+set(CMAKE_CXX_STANDARD 17)
+find_package(korvcache 0.1 REQUIRED)
+add_executable(client client_program.cpp)
+target_compile_options(client PRIVATE -Wall -Wextra -Werror)
+target_link_libraries(client PRIVATE korvcache::korvcache)
+CMAKE
+CXX="$cxx" cmake -S "$project_dir" -B "$project_dir/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build "$project_dir/build" >/dev/null
+"$project_dir/build/client" "$prefix/cache"
 
 exported=$(nm -D --defined-only "$libdir/libkorvcache.so")
 for symbol in InitCache ReleaseCache Cache_BindLogger Cache_UnbindLogger Cache_BindAsyncQ Cache_UnbindAsyncQ QueueAsync; do
@@ -23,4 +52,10 @@ if grep -wE '__LOG__A|_Z13CurrentLoggerv' <<<"$exported"; then
   echo "internal symbols are exported"
   exit 1
 fi
+for internal in platform.h clock.h; do
+  if [ -n "$(find "$prefix/include" -name "$internal")" ]; then
+    echo "internal header installed: $internal"
+    exit 1
+  fi
+done
 echo "install and link ok"
