@@ -4,7 +4,6 @@
 #include <cstdint>
 
 #include "cache/logging.h"
-#include "cache/readonly_cache.h"
 #include "cache/sector.h"
 
 namespace {
@@ -18,31 +17,23 @@ bool HandleOpen(const std::shared_ptr<_FS_HANDLE>& handle) {
 // Only the low 32 bits of a fetch result carry its status.
 bool FetchFailed(long long result) { return static_cast<uint32_t>(result) != 0; }
 
-// Inline (a non-null context) the queuing thread holds the index lock, so the
-// task must deliver and clear through the no-lock paths.
-IFetchCallback* CallbackFor(void* context, SyncFetch* inline_callback, ReadonlyCache* cache) {
-  return context != nullptr ? static_cast<IFetchCallback*>(inline_callback) : static_cast<IFetchCallback*>(cache);
-}
-
-// Whatever did not arrive becomes absent again, so waiting readers queue it
-// anew instead of waiting for ever.
-void ClearRange(void* context, ReadonlyCache* cache, long long offset, long long length) {
-  if (context != nullptr) {
-    SyncFetch(cache).ClearReserved(offset, length);
-  } else {
-    cache->ClearReserved(offset, length);
+// Hands the fetcher's bytes to the cache, telling it whether this thread
+// already holds its index lock.
+class CacheSink : public IFetchCallback {
+ public:
+  CacheSink(FetchTarget* cache, IndexLock lock) : cache_(cache), lock_(lock) {}
+  int FetchWrite(long long offset, const char* data, long length, long* written) override {
+    return cache_->StoreFetched(offset, data, length, written, lock_);
   }
-}
+
+ private:
+  FetchTarget* const cache_;
+  const IndexLock lock_;
+};
 
 }  // namespace
 
-int SyncFetch::FetchWrite(long long offset, const char* data, long length, long* written) {
-  return cache_->FetchWriteNoLock(offset, data, length, written);
-}
-
-void SyncFetch::ClearReserved(long long offset, long long length) { cache_->ClearReservedNoLock(offset, length); }
-
-FetchTask::FetchTask(ReadonlyCache* cache, IFetch* fetch, long long offset, long long length,
+FetchTask::FetchTask(FetchTarget* cache, IFetch* fetch, long long offset, long long length,
                      std::shared_ptr<_FS_HANDLE> handle)
     : cache_(cache), fetch_(fetch), offset_(offset), length_(length), handle_(std::move(handle)) {
   cache_->TaskStarted();
@@ -50,47 +41,47 @@ FetchTask::FetchTask(ReadonlyCache* cache, IFetch* fetch, long long offset, long
 
 FetchTask::~FetchTask() { cache_->TaskEnded(); }
 
-AsyncFetch::AsyncFetch(ReadonlyCache* cache, IFetch* fetch, long long offset, long long length,
+AsyncFetch::AsyncFetch(FetchTarget* cache, IFetch* fetch, long long offset, long long length,
                        std::shared_ptr<_FS_HANDLE> handle)
     : FetchTask(cache, fetch, offset, length, std::move(handle)) {
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead : %lld, %d", cache_->GetFileName().c_str(), offset_,
            static_cast<int>(length_));
 }
 
-void AsyncFetch::Process(void* context) {
+void AsyncFetch::Process(void* param) {
   const std::string tag = cache_->GetFileName();
-  SyncFetch inline_callback(cache_);
-  IFetchCallback* callback = CallbackFor(context, &inline_callback, cache_);
-  long long result = fetch_->Fetch(offset_, static_cast<long>(length_), handle_, callback);
+  const IndexLock lock = IndexLockForQueueParam(param);
+  CacheSink sink(cache_, lock);
+  long long result = fetch_->Fetch(offset_, static_cast<long>(length_), handle_, &sink);
   if (FetchFailed(result) && HandleOpen(handle_)) {
     KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Read-ahead failed : %lld, %d", tag.c_str(), offset_,
              static_cast<int>(length_));
   }
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead : clear empty reserved block(s)", tag.c_str());
-  ClearRange(context, cache_, offset_, length_);
+  cache_->ForgetReserved(offset_, length_, lock);
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead done : %lld, %d", tag.c_str(), offset_,
            static_cast<int>(length_));
   delete this;
 }
 
 void AsyncFetch::Canceled(void*) {
-  cache_->ClearReserved(offset_, length_);
+  cache_->ForgetReserved(offset_, length_, IndexLock::kNotHeld);
   delete this;
 }
 
-AsyncLargeFetch::AsyncLargeFetch(ReadonlyCache* cache, IFetch* fetch, long long offset, long long length,
+AsyncLargeFetch::AsyncLargeFetch(FetchTarget* cache, IFetch* fetch, long long offset, long long length,
                                  std::shared_ptr<_FS_HANDLE> handle, bool whole_file)
     : FetchTask(cache, fetch, offset, length, std::move(handle)), whole_file_(whole_file) {
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead large block : %lld, %lld", cache_->GetFileName().c_str(),
            offset_, length_);
 }
 
-void AsyncLargeFetch::Process(void* context) {
+void AsyncLargeFetch::Process(void* param) {
   const std::string tag = cache_->GetFileName();
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] AsyncLargeFetch : %lld, %lld", tag.c_str(), offset_, length_);
   const _CACHECONFIG conf = cache_->GetConfig();
-  SyncFetch inline_callback(cache_);
-  IFetchCallback* callback = CallbackFor(context, &inline_callback, cache_);
+  const IndexLock lock = IndexLockForQueueParam(param);
+  CacheSink sink(cache_, lock);
   long long position = offset_;
   long long remaining = length_;
   while (remaining > 0) {
@@ -103,7 +94,7 @@ void AsyncLargeFetch::Process(void* context) {
       const long long most = static_cast<long long>(std::min<uint64_t>(conf.readfetchmax, INT64_MAX));
       piece = std::min(remaining, std::max(kSectorSize, most / kSectorSize * kSectorSize));
     }
-    long long result = fetch_->Fetch(position, static_cast<long>(piece), handle_, callback);
+    long long result = fetch_->Fetch(position, static_cast<long>(piece), handle_, &sink);
     if (FetchFailed(result)) {
       if (HandleOpen(handle_)) {
         KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s:%d] Read-ahead large block failed : %lld, %lld", tag.c_str(),
@@ -115,7 +106,7 @@ void AsyncLargeFetch::Process(void* context) {
     remaining -= piece;
   }
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead large : clear empty reserved block(s)", tag.c_str());
-  ClearRange(context, cache_, offset_, length_);
+  cache_->ForgetReserved(offset_, length_, lock);
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead large block done : %lld, %lld", tag.c_str(), offset_,
            length_);
   cache_->LargeFetchEnded(this);
@@ -123,7 +114,7 @@ void AsyncLargeFetch::Process(void* context) {
 }
 
 void AsyncLargeFetch::Canceled(void*) {
-  cache_->ClearReserved(offset_, length_);
+  cache_->ForgetReserved(offset_, length_, IndexLock::kNotHeld);
   cache_->LargeFetchEnded(this);
   delete this;
 }

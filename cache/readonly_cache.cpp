@@ -143,8 +143,8 @@ unsigned int ReadonlyCache::Truncate(long long) { return kErrReadOnly; }
 
 bool ReadonlyCache::CheckHandles() { return handle_.CloseIfExpired(); }
 
-void ReadonlyCache::LargeFetchEnded(AsyncLargeFetch* task) {
-  AsyncLargeFetch* expected = task;
+void ReadonlyCache::LargeFetchEnded(const IAsyncObj* task) {
+  const IAsyncObj* expected = task;
   read_ahead_.compare_exchange_strong(expected, nullptr);
 }
 

@@ -22,11 +22,11 @@
 #include <mutex>
 #include <string>
 
+#include "cache/fetch_target.h"
 #include "cache/timed_handle.h"
 #include "common/clock.h"
 #include "korvcache.h"
 
-class AsyncLargeFetch;
 class WritableCache;
 
 // One cached sector. A fresh entry is all zero until its creator fills it.
@@ -45,7 +45,7 @@ struct _READHISTORY {
   SteadyTime time;
 };
 
-class ReadonlyCache : public ICacheFile, public IFetchCallback {
+class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarget {
  public:
   // Nothing is created on disk until the first read or fetch write.
   // `cache_dir` must end with a separator: the file name is appended to it.
@@ -113,7 +113,7 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
   // Takes index_lock_ and calls FetchWriteNoLock.
   int FetchWrite(long long offset, const char* data, long length, long* written) override;
   // The current settings of the owning manager.
-  virtual _CACHECONFIG GetConfig();
+  _CACHECONFIG GetConfig() override;
   // Where a new slot is appended: the file's physical length.
   virtual long long GetFileOffset();
 
@@ -121,18 +121,15 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
   // the file as needed; null when that fails.
   std::shared_ptr<FILE> GetHandle() { return OpenStream(false); }
   // The log tag. A copy: ChangeFileName may replace it on another thread.
-  std::string GetFileName() const;
+  std::string GetFileName() const override;
   const std::string& GetCachePath() const { return cache_path_; }
 
-  // REQUIRES: index_lock_ held. Counterparts of the locking operations for
-  // fetch tasks that run inline on a thread already holding the lock.
-  void ClearReservedNoLock(long long offset, long long length);
-
-  // Bookkeeping of the fetch tasks that refer to this cache.
-  void TaskStarted() { read_ahead_count_.fetch_add(1, std::memory_order_relaxed); }
-  void TaskEnded() { read_ahead_count_.fetch_sub(1, std::memory_order_release); }
-  // Forgets `task` as the running large read-ahead, if it is.
-  void LargeFetchEnded(AsyncLargeFetch* task);
+  // What the fetch tasks call (see FetchTarget).
+  int StoreFetched(long long offset, const char* data, long length, long* written, IndexLock lock) override;
+  void ForgetReserved(long long offset, long long length, IndexLock lock) override;
+  void TaskStarted() override { read_ahead_count_.fetch_add(1, std::memory_order_relaxed); }
+  void TaskEnded() override { read_ahead_count_.fetch_sub(1, std::memory_order_release); }
+  void LargeFetchEnded(const IAsyncObj* task) override;
 
  private:
   // Queue state of one read.
@@ -144,6 +141,7 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
   void QueueEmptySectors(std::deque<long long>& offsets, IFetch* fetch,
                          std::shared_ptr<_FS_HANDLE> handle);
   unsigned int ReserveNoLock(long long offset, long long length);
+  void ClearReservedNoLock(long long offset, long long length);
   // Enters `sector_offset` as reserved, with a freed slot or none yet.
   void InsertReservedNoLock(long long sector_offset, long long size);
   int CheckReadAhead(_READDATA* request);
@@ -170,7 +168,7 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
 
   // The single large read-ahead that may run for this file. Set under
   // index_lock_, cleared by the finishing task without it.
-  std::atomic<AsyncLargeFetch*> read_ahead_{nullptr};
+  std::atomic<const IAsyncObj*> read_ahead_{nullptr};
   // Queued or running fetch tasks that refer to this cache.
   std::atomic<int64_t> read_ahead_count_{0};
   // Written by Close before it takes index_lock_.

@@ -311,6 +311,19 @@ int ReadonlyCache::FetchWrite(long long offset, const char* data, long length, l
   return FetchWriteNoLock(offset, data, length, written);
 }
 
+int ReadonlyCache::StoreFetched(long long offset, const char* data, long length, long* written, IndexLock lock) {
+  if (lock == IndexLock::kHeld) return FetchWriteNoLock(offset, data, length, written);
+  return FetchWrite(offset, data, length, written);
+}
+
+void ReadonlyCache::ForgetReserved(long long offset, long long length, IndexLock lock) {
+  if (lock == IndexLock::kHeld) {
+    ClearReservedNoLock(offset, length);
+  } else {
+    ClearReserved(offset, length);
+  }
+}
+
 int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long length, long* written) {
   const std::string tag = GetFileName();
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Fetch write : %p, %lld, %d", tag.c_str(),
