@@ -5,11 +5,11 @@
 #include <regex>
 #include <vector>
 
+#include "common/file_io.h"
 #include "common/split.h"
 
 bool IsFileOrDirectory(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode));
+  return CacheFileIo().Exists(path);
 }
 
 std::string TagFromName(const std::string& name) {

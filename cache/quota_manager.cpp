@@ -9,6 +9,7 @@
 #include "cache/cache_manager.h"
 #include "cache/cache_obj.h"
 #include "cache/logging.h"
+#include "common/file_io.h"
 #include "common/process.h"
 
 namespace {
@@ -26,8 +27,8 @@ long long Cache::MeasureDirectory() {
   while (dirent* entry = readdir(dir)) {
     std::string name = entry->d_name;
     if (name == "." || name == "..") continue;
-    struct stat st;
-    if (stat((path_ + "/" + name).c_str(), &st) == 0) total += static_cast<long long>(st.st_size);
+    const long long size = CacheFileIo().SizeAt(path_ + "/" + name);
+    if (size > 0) total += size;
   }
   closedir(dir);
   return total;

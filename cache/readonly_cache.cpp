@@ -13,6 +13,7 @@
 #include "cache/default_settings.h"
 #include "cache/file_names.h"
 #include "cache/logging.h"
+#include "common/file_io.h"
 #include "common/process.h"
 #include "common/split.h"
 
@@ -102,8 +103,8 @@ std::shared_ptr<FILE> ReadonlyCache::OpenStream(bool index_locked) {
         DropLostSlotsNoLock();
       }
     }
-    FILE* stream = fopen(cache_path_.c_str(), "r+");
-    if (stream == nullptr) stream = fopen(cache_path_.c_str(), "w+");
+    FILE* stream = CacheFileIo().Open(cache_path_, "r+");
+    if (stream == nullptr) stream = CacheFileIo().Open(cache_path_, "w+");
     int open_errno = errno;
     handle_ = stream;
     if (stream != nullptr) {
@@ -124,9 +125,8 @@ long long ReadonlyCache::FileLength(bool index_locked) {
   // Under file_lock_: the seek moves the position another thread may be
   // about to read or write at.
   std::lock_guard<std::mutex> guard(file_lock_);
-  if (fseeko(stream.get(), 0, SEEK_END) != 0) return 0;
-  off_t end = ftello(stream.get());
-  return end < 0 ? 0 : static_cast<long long>(end);
+  const long long end = CacheFileIo().Size(stream.get());
+  return end < 0 ? 0 : end;
 }
 
 long long ReadonlyCache::GetFileSize() { return FileLength(false); }
@@ -166,6 +166,6 @@ unsigned int ReadonlyCache::Close(bool remove) {
   if (!handle_.IsValidHandle()) return kErrNotOpen;
   handle_.Close();
   ClearIndexNoLock();
-  ::remove(cache_path_.c_str());
+  CacheFileIo().Remove(cache_path_);
   return kOk;
 }

@@ -11,6 +11,7 @@
 
 #include "cache/fetch_tasks.h"
 #include "cache/logging.h"
+#include "common/file_io.h"
 #include "cache/readonly_cache.h"
 #include "cache/sector.h"
 
@@ -177,8 +178,7 @@ unsigned int ReadonlyCache::CopyOut(_READDATA* rd, const std::shared_ptr<FILE>& 
     // One positioned read: it leaves the stream's position alone, so it needs
     // no file lock, and every write has been flushed before its sector became
     // readable.
-    ssize_t got = pread(fileno(stream.get()), rd->buffer + done, static_cast<size_t>(count),
-                        static_cast<off_t>(position));
+    const long long got = CacheFileIo().ReadAt(stream.get(), rd->buffer + done, static_cast<size_t>(count), position);
     if (got < 0) {
       KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] ReadFile failed : %s", tag.c_str(), strerror(errno));
       return kErrFileRead;
@@ -384,16 +384,17 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
     sector.reserved = true;
     {
       std::lock_guard<std::mutex> guard(file_lock_);
-      bool failed = fseeko(stream.get(), static_cast<off_t>(sector.cache_offset), SEEK_SET) != 0;
+      FileIo& io = CacheFileIo();
+      bool failed = io.Seek(stream.get(), sector.cache_offset) != 0;
       if (!failed) {
-        size_t put = fwrite(data, 1, static_cast<size_t>(chunk), stream.get());
+        size_t put = io.Write(stream.get(), data, static_cast<size_t>(chunk));
         failed = put != static_cast<size_t>(chunk);
         if (!failed && chunk < kSectorSize) {
           size_t pad = static_cast<size_t>(kSectorSize - chunk);
-          failed = fwrite(tempbuffer, 1, pad, stream.get()) != pad;
+          failed = io.Write(stream.get(), tempbuffer, pad) != pad;
         }
         // A full disk may only show when the buffer goes out.
-        failed = failed || fflush(stream.get()) != 0;
+        failed = failed || io.Flush(stream.get()) != 0;
       }
       if (failed) {
         KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Fetch write failed : %s", tag.c_str(), strerror(errno));
@@ -401,7 +402,7 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
         if (appended) {
           // The file did not grow by a whole slot: give the end back, so the
           // next append does not land in the same slot as this sector.
-          if (ftruncate(fileno(stream.get()), static_cast<off_t>(sector.cache_offset)) != 0) {
+          if (io.Truncate(stream.get(), sector.cache_offset) != 0) {
             // Nothing more to undo; the sector stays reserved without a slot.
           }
           sector.cache_offset = -1;
@@ -420,7 +421,7 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
     // Every transfer seeks first, so this position means nothing; a stream
     // that cannot seek any more is reported all the same.
     std::lock_guard<std::mutex> guard(file_lock_);
-    if (fseeko(stream.get(), static_cast<off_t>(sector_offset), SEEK_SET) != 0) {
+    if (CacheFileIo().Seek(stream.get(), sector_offset) != 0) {
       KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Fetch write failed : %s", tag.c_str(), strerror(errno));
       return static_cast<int>(kErrFileWrite);
     }

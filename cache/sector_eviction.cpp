@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "cache/logging.h"
+#include "common/file_io.h"
 #include "cache/readonly_cache.h"
 #include "cache/sector.h"
 
@@ -72,15 +73,17 @@ void ReadonlyCache::ClearOldCache(bool over_quota) {
     empty_sectors_.pop_front();
     _SECTOR& sector = sectors_[using_slot.offset];
     std::lock_guard<std::mutex> file(file_lock_);
-    if (fseeko(stream.get(), static_cast<off_t>(sector.cache_offset), SEEK_SET) != 0) break;
-    size_t got = fread(buffer.data(), 1, static_cast<size_t>(sector.size), stream.get());
-    if (got == 0 && ferror(stream.get())) {
+    FileIo& io = CacheFileIo();
+    if (io.Seek(stream.get(), sector.cache_offset) != 0) break;
+    const long long read = io.Read(stream.get(), buffer.data(), static_cast<size_t>(sector.size));
+    if (read < 0) {
       clearerr(stream.get());
       break;
     }
-    if (fseeko(stream.get(), static_cast<off_t>(lowest_free), SEEK_SET) != 0) break;
-    size_t put = fwrite(buffer.data(), 1, got, stream.get());
-    if (put != got || fflush(stream.get()) != 0) {
+    const size_t got = static_cast<size_t>(read);
+    if (io.Seek(stream.get(), lowest_free) != 0) break;
+    size_t put = io.Write(stream.get(), buffer.data(), got);
+    if (put != got || io.Flush(stream.get()) != 0) {
       // The sector stays where it was; its old slot still holds its bytes.
       clearerr(stream.get());
       break;
@@ -100,7 +103,7 @@ void ReadonlyCache::ClearOldCache(bool over_quota) {
   }
   if (cut_at >= 0) {
     std::lock_guard<std::mutex> file(file_lock_);
-    if (fflush(stream.get()) != 0 || ftruncate(fileno(stream.get()), static_cast<off_t>(cut_at)) != 0) {
+    if (CacheFileIo().Flush(stream.get()) != 0 || CacheFileIo().Truncate(stream.get(), cut_at) != 0) {
       int error = errno;
       KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Truncate failed : %s(%d)", tag.c_str(), strerror(error), error);
     }
@@ -111,7 +114,7 @@ void ReadonlyCache::ClearOldCache(bool over_quota) {
   const long long new_size = FileLength(true);
   if (new_size == 0) {
     handle_.Close();
-    ::remove(cache_path_.c_str());
+    CacheFileIo().Remove(cache_path_);
     KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] ClearOldCache : OK, %lld => %lld(Deleted)", tag.c_str(), old_size,
              0LL);
   } else {

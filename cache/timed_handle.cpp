@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "cache/logging.h"
+#include "common/file_io.h"
 #include "common/clock.h"
 
 namespace {
@@ -20,8 +21,7 @@ std::shared_ptr<FILE> ClosedStream() { return std::shared_ptr<FILE>(nullptr, Clo
 
 bool CloseHandle(FILE* stream) {
   if (stream == nullptr) return false;
-  std::fflush(stream);
-  std::fclose(stream);
+  CacheFileIo().Close(stream);
   return true;
 }
 

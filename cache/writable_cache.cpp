@@ -15,6 +15,7 @@
 #include "cache/default_settings.h"
 #include "cache/file_names.h"
 #include "cache/logging.h"
+#include "common/file_io.h"
 #include "cache/readonly_cache.h"
 #include "cache/sector.h"
 #include "cache/sync_fetch_for_writable_cache.h"
@@ -68,7 +69,7 @@ WritableCache::WritableCache(std::string cache_dir, std::string name, long long 
       cache_path_(FreePath(cache_dir_, file_name_)),
       file_size_(size),
       config_(config) {
-  fp_ = fopen(cache_path_.c_str(), "w+");
+  fp_ = CacheFileIo().Open(cache_path_, "w+");
   if (fp_ == nullptr) {
     int error = errno;
     KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] Cache creation has failed : %s(%x)", cache_path_.c_str(),
@@ -171,15 +172,17 @@ unsigned int WritableCache::Read(_READDATA* rd) {
     std::lock_guard<std::mutex> guard(file_lock_);
     // Closed with deletion or handed to a read-only cache.
     if (fp_ == nullptr) return kErrRead;
-    if (fseeko(fp_, rd->offset, SEEK_SET) != 0) {
+    if (CacheFileIo().Seek(fp_, rd->offset) != 0) {
       error = errno;
       result = kErrFileRead;
     } else {
-      count = fread(rd->buffer, 1, rd->size, fp_);
+      const long long got = CacheFileIo().Read(fp_, rd->buffer, rd->size);
       // A short count at the end of the local file is no failure.
-      if (count == 0 && ferror(fp_)) {
+      if (got < 0) {
         error = errno;
         result = kErrRead;
+      } else {
+        count = static_cast<size_t>(got);
       }
       clearerr(fp_);
     }
@@ -239,14 +242,14 @@ unsigned int WritableCache::Write(_WRITEDATA* wd) {
     std::lock_guard<std::mutex> guard(file_lock_);
     // Closed with deletion or handed to a read-only cache.
     if (fp_ == nullptr) return kErrFileWrite;
-    if (fseeko(fp_, offset, SEEK_SET) != 0) {
+    if (CacheFileIo().Seek(fp_, offset) != 0) {
       error = errno;
       failed = true;
     } else {
-      count = fwrite(wd->buffer, 1, wd->size, fp_);
+      count = CacheFileIo().Write(fp_, wd->buffer, wd->size);
       // A full disk shows as a short count, or only when the buffer goes
       // out: flushed here, or the bytes would be lost after a success.
-      if (count != wd->size || fflush(fp_) != 0) {
+      if (count != wd->size || CacheFileIo().Flush(fp_) != 0) {
         error = errno;
         failed = true;
       }
@@ -297,14 +300,14 @@ int WritableCache::FetchWrite(long long offset, const char* data, long length, l
   {
     std::lock_guard<std::mutex> guard(file_lock_);
     if (fp_ == nullptr) return static_cast<int>(kErrFileWrite);
-    if (fseeko(fp_, offset, SEEK_SET) != 0) {
+    if (CacheFileIo().Seek(fp_, offset) != 0) {
       error = errno;
       failed = true;
     } else {
-      count = fwrite(data, 1, static_cast<size_t>(length), fp_);
+      count = CacheFileIo().Write(fp_, data, static_cast<size_t>(length));
       // Stored only when all of it is on disk: a hole filled in part must
       // stay a hole.
-      if (count != static_cast<size_t>(length) || fflush(fp_) != 0) {
+      if (count != static_cast<size_t>(length) || CacheFileIo().Flush(fp_) != 0) {
         error = errno;
         failed = true;
       }
@@ -346,7 +349,7 @@ unsigned int WritableCache::Truncate(long long length) {
     std::lock_guard<std::mutex> file_guard(file_lock_);
     // Flush first: bytes still buffered in the stream would otherwise land
     // after the cut and grow the file again.
-    if (fp_ == nullptr || fflush(fp_) != 0 || ftruncate(fileno(fp_), length) != 0) {
+    if (fp_ == nullptr || CacheFileIo().Flush(fp_) != 0 || CacheFileIo().Truncate(fp_, length) != 0) {
       return kErrFileWrite;
     }
   }
@@ -372,9 +375,9 @@ unsigned int WritableCache::Close(bool remove) {
   // No stream: already closed, or handed to a read-only cache that now owns
   // the file. Either way the file is not ours to delete.
   if (stream == nullptr) return kErrNotOpen;
-  fclose(stream);
+  CacheFileIo().Close(stream);
   empty_sectors_.clear();
-  ::remove(cache_path_.c_str());
+  CacheFileIo().Remove(cache_path_);
   return kOk;
 }
 
@@ -382,9 +385,9 @@ long long WritableCache::GetFileSize() {
   // Under file_lock_: the seek moves the position another thread may be
   // about to read or write at.
   std::lock_guard<std::mutex> guard(file_lock_);
-  if (fp_ == nullptr || fseeko(fp_, 0, SEEK_END) != 0) return 0;
-  off_t end = ftello(fp_);
-  return end < 0 ? 0 : static_cast<long long>(end);
+  if (fp_ == nullptr) return 0;
+  const long long end = CacheFileIo().Size(fp_);
+  return end < 0 ? 0 : end;
 }
 
 FILE* WritableCache::ReleaseStream() {
@@ -393,7 +396,7 @@ FILE* WritableCache::ReleaseStream() {
   fp_ = nullptr;
   // The new owner may read the file through its descriptor: nothing may stay
   // behind in this stream's buffer.
-  if (stream != nullptr) fflush(stream);
+  if (stream != nullptr) CacheFileIo().Flush(stream);
   return stream;
 }
 

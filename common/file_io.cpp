@@ -1,0 +1,65 @@
+#include "common/file_io.h"
+
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <atomic>
+
+namespace {
+
+FileIo real_io;
+std::atomic<FileIo*> current_io{&real_io};
+
+}  // namespace
+
+FILE* FileIo::Open(const std::string& path, const char* mode) { return fopen(path.c_str(), mode); }
+
+int FileIo::Close(FILE* stream) {
+  const int flushed = fflush(stream);
+  const int closed = fclose(stream);
+  return flushed != 0 ? flushed : closed;
+}
+
+int FileIo::Seek(FILE* stream, long long offset) { return fseeko(stream, static_cast<off_t>(offset), SEEK_SET); }
+
+long long FileIo::Size(FILE* stream) {
+  if (fseeko(stream, 0, SEEK_END) != 0) return -1;
+  return static_cast<long long>(ftello(stream));
+}
+
+long long FileIo::Read(FILE* stream, void* data, size_t length) {
+  const size_t count = fread(data, 1, length, stream);
+  return count == 0 && ferror(stream) ? -1 : static_cast<long long>(count);
+}
+
+long long FileIo::ReadAt(FILE* stream, void* data, size_t length, long long offset) {
+  return static_cast<long long>(pread(fileno(stream), data, length, static_cast<off_t>(offset)));
+}
+
+size_t FileIo::Write(FILE* stream, const void* data, size_t length) { return fwrite(data, 1, length, stream); }
+
+int FileIo::Flush(FILE* stream) { return fflush(stream); }
+
+int FileIo::Truncate(FILE* stream, long long length) {
+  return ftruncate(fileno(stream), static_cast<off_t>(length));
+}
+
+int FileIo::Remove(const std::string& path) { return remove(path.c_str()); }
+
+bool FileIo::Exists(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode));
+}
+
+long long FileIo::SizeAt(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+}
+
+FileIo& CacheFileIo() { return *current_io.load(std::memory_order_acquire); }
+
+FileIo* SetCacheFileIoForTesting(FileIo* io) {
+  FileIo* previous = current_io.exchange(io != nullptr ? io : &real_io, std::memory_order_acq_rel);
+  return previous == &real_io ? nullptr : previous;
+}
