@@ -1,5 +1,5 @@
 // Construction, settings, storage limit and the object table of Cache. The
-// quota manager thread is in quota_manager.cpp.
+// quota thread is in quota_thread.cpp.
 #include "cache/cache_manager.h"
 
 #include <dirent.h>
@@ -95,7 +95,7 @@ Cache::Cache(const char* path, unsigned long long limit) : limit_(static_cast<lo
     registry_.AddConfiguration(setting.name, setting.json_path, value);
   }
   ApplyConfig();
-  quota_thread_ = std::make_shared<std::thread>([this] { QuotaManager(); });
+  quota_thread_ = std::make_unique<QuotaThread>(static_cast<QuotaDirectory*>(this));
 }
 
 unsigned long long ManagerConfigLink::GetQuota() {
@@ -118,8 +118,7 @@ void ManagerConfigLink::Detach() {
 
 Cache::~Cache() {
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Uninitialize cache...");
-  stopping_.store(true, std::memory_order_relaxed);
-  if (quota_thread_ && quota_thread_->joinable()) quota_thread_->join();
+  quota_thread_.reset();
   // Before the table goes: closing an object waits for its fetch tasks,
   // which read the settings.
   link_->Detach();
@@ -189,6 +188,12 @@ void Cache::AdjustLimit() {
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] %s",
            (" Cache path " + path_ + ", " + LocaleNumber(available) + " bytes left").c_str());
   if (limit_.load() > available) limit_.store(available / 2);
+}
+
+std::vector<std::shared_ptr<CacheObj>> Cache::FilesToTend() {
+  std::vector<std::shared_ptr<CacheObj>> files;
+  for (auto& entry : CopyObjects()) files.push_back(std::move(entry.second));
+  return files;
 }
 
 std::unordered_map<std::string, std::shared_ptr<CacheObj>> Cache::CopyObjects() {

@@ -12,9 +12,10 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <unordered_map>
+#include <vector>
 
+#include "cache/quota_thread.h"
 #include "common/config.h"
 #include "korvcache.h"
 
@@ -39,7 +40,7 @@ class ManagerConfigLink final : public ICacheConfig {
   _CACHECONFIG config_{};
 };
 
-class Cache : public ICache_V2, public ICacheConfig {
+class Cache : public ICache_V2, public ICacheConfig, private QuotaDirectory {
  public:
   // The floor of a limit given by the client.
   static constexpr long long kMinimumLimit = 67108864;
@@ -85,12 +86,14 @@ class Cache : public ICache_V2, public ICacheConfig {
   // exceeds it: free space plus what read-only cache files occupy.
   void AdjustLimit();
   // The cache directory, with leading and trailing "/".
-  const std::string& path() const { return path_; }
+  const std::string& path() const override { return path_; }
+  // One pass of the quota thread, now, on the calling thread (for tests).
+  void RunQuotaPassNow() { quota_thread_->RunPassNow(); }
 
  private:
-  void QuotaManager();
-  // Bytes held by the entries of the cache directory; 0 when unreadable.
-  long long MeasureDirectory();
+  std::vector<std::shared_ptr<CacheObj>> FilesToTend() override;
+  long long Limit() override { return limit_.load(); }
+  long long ClearPeriodMs() override { return static_cast<long long>(GetConfig().clrperiod); }
   std::unordered_map<std::string, std::shared_ptr<CacheObj>> CopyObjects();
 
   std::string path_;
@@ -108,6 +111,5 @@ class Cache : public ICache_V2, public ICacheConfig {
   // Handed to every object instead of this manager itself.
   const std::shared_ptr<ManagerConfigLink> link_ = std::make_shared<ManagerConfigLink>(this);
 
-  std::atomic<bool> stopping_{false};
-  std::shared_ptr<std::thread> quota_thread_;
+  std::unique_ptr<QuotaThread> quota_thread_;  // last: started once all else is set
 };

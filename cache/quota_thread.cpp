@@ -1,0 +1,103 @@
+#include "cache/quota_thread.h"
+
+#include <dirent.h>
+
+#include <chrono>
+
+#include "cache/cache_obj.h"
+#include "cache/logging.h"
+#include "common/file_io.h"
+#include "common/process.h"
+#include "common/test_point.h"
+
+namespace {
+
+constexpr long long kHandleCheckMs = 5000;
+constexpr long long kMeasureMs = 1000;
+constexpr auto kCycle = std::chrono::milliseconds(300);
+
+}  // namespace
+
+QuotaThread::QuotaThread(QuotaDirectory* directory) : directory_(directory) {
+  thread_ = std::thread([this] { Run(); });
+}
+
+QuotaThread::~QuotaThread() {
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    stopping_ = true;
+  }
+  wake_.notify_all();
+  if (thread_.joinable()) thread_.join();
+}
+
+long long QuotaThread::MeasureDirectory(const std::string& path) {
+  DIR* dir = opendir(path.c_str());
+  if (dir == nullptr) return 0;
+  long long total = 0;
+  while (dirent* entry = readdir(dir)) {
+    std::string name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    const long long size = CacheFileIo().SizeAt(path + "/" + name);
+    if (size > 0) total += size;
+  }
+  closedir(dir);
+  return total;
+}
+
+int QuotaThread::CloseIdleStreams() {
+  int closed = 0;
+  for (const auto& file : directory_->FilesToTend()) closed += file->CheckHandles() ? 1 : 0;
+  if (closed > 0) KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] %d cache handle(s) closed", closed);
+  return closed;
+}
+
+void QuotaThread::ClearFiles(long long total) {
+  const std::string& path = directory_->path();
+  auto files = directory_->FilesToTend();
+  const long long limit = directory_->Limit();
+  KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] %s",
+           ("[CACHE] [" + path + "] Total cache : " + std::to_string(total) + "(limits : " + std::to_string(limit) +
+            ")")
+               .c_str());
+  bool over_quota = total > limit;
+  for (const auto& file : files) {
+    KORV_TEST_POINT("quota: clearing a file");
+    file->ClearOldCache(over_quota);
+    // Files after the one that brought the directory under its limit get
+    // the periodic clean-up only.
+    if (over_quota) over_quota = MeasureDirectory(path) > limit;
+  }
+}
+
+void QuotaThread::RunPassNow() {
+  CloseIdleStreams();
+  ClearFiles(MeasureDirectory(directory_->path()));
+}
+
+void QuotaThread::Run() {
+  KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] Cache quota manager started");
+  Chrono handle_watch;
+  Chrono clear_watch;
+  std::unique_lock<std::mutex> guard(lock_);
+  while (!stopping_) {
+    guard.unlock();
+    const long long period = directory_->ClearPeriodMs();
+    if (handle_watch.elapsed() > kHandleCheckMs) {
+      CloseIdleStreams();
+      handle_watch.reset();
+    }
+    long long total = 0;
+    if (clear_watch.elapsed() > kMeasureMs || clear_watch.elapsed() > period) {
+      total = MeasureDirectory(directory_->path());
+    }
+    if (clear_watch.elapsed() > period) {
+      ClearFiles(total);
+      clear_watch.reset();
+    }
+    KORV_TEST_POINT("quota: pass done");
+    guard.lock();
+    wake_.wait_for(guard, kCycle, [this] { return stopping_; });
+  }
+  KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] Cache quota manager stopped");
+}

@@ -1,0 +1,67 @@
+// The background thread of one cache directory: closes streams that have
+// been idle long enough and keeps the directory within its limit by making
+// the cache files drop old data.
+//
+// No lock of the manager or of a cache object is held while it measures,
+// clears a file or waits: clients wait at most for a table copy or for the
+// one file being cleared.
+#pragma once
+
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "korvcache.h"
+
+class CacheObj;
+
+// What the thread needs of its manager.
+class QuotaDirectory {
+ public:
+  // The open files, copied out of the manager's table.
+  virtual std::vector<std::shared_ptr<CacheObj>> FilesToTend() = 0;
+  virtual long long Limit() = 0;
+  // Milliseconds between clearing passes.
+  virtual long long ClearPeriodMs() = 0;
+  // The directory, with a trailing "/".
+  virtual const std::string& path() const = 0;
+
+ protected:
+  ~QuotaDirectory() = default;
+};
+
+class QuotaThread {
+ public:
+  // Starts the thread. `directory` must outlive this object. Throws
+  // std::system_error when the thread cannot be started.
+  explicit QuotaThread(QuotaDirectory* directory);
+  // Stops the thread at once, also in the middle of a wait, and joins it.
+  ~QuotaThread();
+
+  QuotaThread(const QuotaThread&) = delete;
+  QuotaThread& operator=(const QuotaThread&) = delete;
+
+  // One full pass on the calling thread, whatever the timers say: idle
+  // streams closed, the directory measured, every file cleared (over the
+  // limit, each dropping data until the directory is under it). For tests;
+  // safe beside the thread, as each file serializes its own clearing.
+  void RunPassNow();
+
+  // Bytes held by the entries of the directory; 0 when it is unreadable.
+  static long long MeasureDirectory(const std::string& path);
+
+ private:
+  void Run();
+  // Returns the number of streams closed.
+  int CloseIdleStreams();
+  void ClearFiles(long long total);
+
+  QuotaDirectory* const directory_;
+  std::mutex lock_;
+  std::condition_variable wake_;
+  bool stopping_ = false;  // guarded by lock_
+  std::thread thread_;
+};
