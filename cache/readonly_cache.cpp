@@ -30,6 +30,11 @@ std::string NewCachePath(const std::string& cache_dir) {
 
 }  // namespace
 
+ReadAheadPolicy ReadonlyCache::ReadAheadFor(ICacheConfig* config) {
+  const _CACHECONFIG conf = config != nullptr ? config->GetConfig() : kDefaultCacheConfig;
+  return ReadAheadPolicy(static_cast<long long>(conf.ramin), static_cast<long long>(conf.ramax));
+}
+
 ReadonlyCache::ReadonlyCache(std::string cache_dir, std::string name, long long origin_size,
                              ICacheConfig* config)
     : cache_dir_(std::move(cache_dir)),
@@ -37,21 +42,14 @@ ReadonlyCache::ReadonlyCache(std::string cache_dir, std::string name, long long 
       cache_path_(NewCachePath(cache_dir_)),
       handle_(cache_path_),
       origin_size_(origin_size),
-      config_(config) {
-  FillLadder();
+      config_(config),
+      read_ahead_policy_(ReadAheadFor(config)) {
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read only cache initialized", file_name_.c_str());
 }
 
 ReadonlyCache::~ReadonlyCache() {
   Close(true);
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read only cache uninitialized", GetFileName().c_str());
-}
-
-void ReadonlyCache::FillLadder() {
-  _CACHECONFIG conf = GetConfig();
-  const long long ramax = static_cast<long long>(conf.ramax);
-  ladder_[0] = static_cast<long long>(conf.ramin);
-  for (size_t i = 1; i < ladder_.size(); ++i) ladder_[i] = std::min(ladder_[i - 1] * 2, ramax);
 }
 
 _CACHECONFIG ReadonlyCache::GetConfig() {
@@ -71,7 +69,7 @@ void ReadonlyCache::ChangeFileName(std::string new_name) {
 void ReadonlyCache::ClearIndexNoLock() {
   sectors_.clear();
   empty_sectors_.clear();
-  history_.clear();
+  read_ahead_policy_.Forget();
 }
 
 void ReadonlyCache::DropLostSlotsNoLock() {
@@ -86,7 +84,7 @@ void ReadonlyCache::DropLostSlotsNoLock() {
     }
   }
   empty_sectors_.clear();
-  history_.clear();
+  read_ahead_policy_.Forget();
 }
 
 std::shared_ptr<FILE> ReadonlyCache::OpenStream(bool index_locked) {

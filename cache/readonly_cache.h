@@ -23,6 +23,7 @@
 #include <string>
 
 #include "cache/fetch_target.h"
+#include "cache/read_ahead_policy.h"
 #include "cache/timed_handle.h"
 #include "common/clock.h"
 #include "korvcache.h"
@@ -36,13 +37,6 @@ struct _SECTOR {
   long long hits = 0;          // reads served since the sector was last queued
   bool reserved = false;       // data on the way; readers wait while set
   SteadyTime access_time{};    // last read, or the reservation
-};
-
-// One remembered read, for read-ahead detection.
-struct _READHISTORY {
-  long long offset;
-  unsigned long long size;
-  SteadyTime time;
 };
 
 class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarget {
@@ -145,7 +139,8 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   // Enters `sector_offset` as reserved, with a freed slot or none yet.
   void InsertReservedNoLock(long long sector_offset, long long size);
   int CheckReadAhead(_READDATA* request);
-  void RecordRead(const _READHISTORY& entry);
+  // A policy whose ladder follows the current settings of `config`.
+  static ReadAheadPolicy ReadAheadFor(ICacheConfig* config);
   long long LargestEmptyOffsetNoLock(long long offset);
   void ClearIndexNoLock();
   // After the file vanished: forgets every settled sector and every slot.
@@ -164,7 +159,6 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   // Copies the range out. REQUIRES: index_lock_ held.
   unsigned int CopyOut(_READDATA* request, const std::shared_ptr<FILE>& stream, long long start,
                        bool fetching);
-  void FillLadder();
 
   // The single large read-ahead that may run for this file. Set under
   // index_lock_, cleared by the finishing task without it.
@@ -189,10 +183,9 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   // State below is protected by index_lock_.
   std::map<long long, _SECTOR> sectors_;
   std::deque<long long> empty_sectors_;
-  std::deque<_READHISTORY> history_;
   long long origin_size_;
-  std::array<long long, 50> ladder_{};
-  int ladder_position_ = 1;  // 1-based
 
   ICacheConfig* const config_;
+  // The read history and the block-size ladder; protected by index_lock_.
+  ReadAheadPolicy read_ahead_policy_;
 };

@@ -12,8 +12,8 @@ ReadonlyCache::ReadonlyCache(WritableCache* source, ICacheConfig* config)
       cache_path_(),
       handle_(file_name_),
       origin_size_(source->GetFileSize()),
-      config_(config) {
-  FillLadder();
+      config_(config),
+      read_ahead_policy_(ReadAheadFor(config)) {
   // The local file is laid out like the file itself: sector s sits at s.
   handle_ = source->ReleaseStream();
   const SteadyTime now = SteadyNow();

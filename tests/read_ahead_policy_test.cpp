@@ -1,0 +1,100 @@
+// The read-ahead decision alone: scripts of reads against the verdict and the
+// block each one gets. No files, no threads; time is given, not waited for.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <vector>
+
+#include "cache/read_ahead_policy.h"
+#include "cache/sector.h"
+
+namespace {
+
+using Verdict = ReadAheadPolicy::Verdict;
+constexpr long long S = kSectorSize;
+constexpr long long M = 1 << 20;
+
+struct Step {
+  long long offset;
+  long long run_end;   // where the cached run of the read ends; -1: beyond ramax
+  double at_seconds;   // since the script's start
+  Verdict verdict;
+  long long block = 0;  // size of the block, for kFetch
+  bool busy = false;
+};
+
+struct Script {
+  const char* what;
+  long long ramin;
+  long long ramax;
+  unsigned long long rahit;
+  unsigned long long quota;
+  long long origin_size;
+  std::vector<Step> steps;
+};
+
+// A sequential reader whose cached run ends one sector past each read.
+Step Next(long long offset, double at, Verdict verdict, long long block = 0) {
+  return {offset, offset + S, at, verdict, block};
+}
+
+TEST(ReadAheadPolicy, ScriptsOfReads) {
+  const long long kFile = 100 * M;
+  const Script scripts[] = {
+      {"a stream climbs the ladder by doubling up to ramax",
+       M, 8 * M, 2, 1ull << 40, kFile,
+       {Next(0, 0, Verdict::kFirstRead), Next(M, 1, Verdict::kTooFewReads), Next(2 * M, 2, Verdict::kTooFewReads),
+        Next(3 * M, 3, Verdict::kFetch, M), Next(4 * M, 4, Verdict::kFetch, 2 * M),
+        Next(5 * M, 5, Verdict::kFetch, 4 * M), Next(6 * M, 6, Verdict::kFetch, 8 * M),
+        Next(7 * M, 7, Verdict::kFetch, 8 * M)}},
+      {"a read behind the newest breaks the stream and the ladder starts at its foot again",
+       M, 8 * M, 1, 1ull << 40, kFile,
+       {Next(10 * M, 0, Verdict::kFirstRead), Next(11 * M, 1, Verdict::kTooFewReads),
+        Next(12 * M, 2, Verdict::kFetch, M), Next(13 * M, 3, Verdict::kFetch, 2 * M),
+        Next(5 * M, 4, Verdict::kNotContinuous), Next(6 * M, 5, Verdict::kTooFewReads),
+        Next(7 * M, 6, Verdict::kFetch, M)}},
+      {"a read more than ramax beyond the newest breaks the stream; exactly ramax does not",
+       M, 4 * M, 0, 1ull << 40, kFile,
+       {Next(0, 0, Verdict::kFirstRead), Next(4 * M, 1, Verdict::kFetch, M),
+        Next(8 * M + 1, 2, Verdict::kNotContinuous)}},
+      {"a pause of 301 s breaks the stream; one of 300.5 s does not",
+       M, 8 * M, 0, 1ull << 40, kFile,
+       {Next(0, 0, Verdict::kFirstRead), Next(M, 300.5, Verdict::kFetch, M),
+        Next(2 * M, 601.5, Verdict::kNotContinuous)}},
+      {"a busy file records the read but starts nothing",
+       M, 8 * M, 1, 1ull << 40, kFile,
+       {Next(0, 0, Verdict::kFirstRead), {M, M + S, 1, Verdict::kBusy, 0, true}, Next(2 * M, 2, Verdict::kFetch, M)}},
+      {"a run longer than ramax records nothing; one cached to the end forgets the stream",
+       M, 8 * M, 1, 1ull << 40, kFile,
+       {Next(0, 0, Verdict::kFirstRead), {M, -1, 1, Verdict::kRunTooLong}, Next(2 * M, 2, Verdict::kTooFewReads),
+        {3 * M, kFile - S, 3, Verdict::kCachedToEnd}, Next(4 * M, 4, Verdict::kFirstRead)}},
+      {"a run ending one storage limit ahead or more records the read but starts nothing",
+       M, 8 * M, 0, 64 * M, kFile,
+       {Next(0, 0, Verdict::kFirstRead), {M, 65 * M, 1, Verdict::kBeyondQuota}, {2 * M, 65 * M, 2, Verdict::kFetch, M}}},
+      {"blocks end on a sector boundary, or at the end of the file",
+       786432, 8 * M, 0, 1ull << 40, 10 * M + 1000,
+       {Next(0, 0, Verdict::kFirstRead), Next(S, 1, Verdict::kFetch, 2 * S),
+        {2 * S, 10 * M - S, 2, Verdict::kFetch, S + 1000}}},
+  };
+  for (const Script& script : scripts) {
+    SCOPED_TRACE(script.what);
+    ReadAheadPolicy policy(script.ramin, script.ramax);
+    const ReadAheadPolicy::Settings settings{script.origin_size, script.quota, script.rahit, script.ramax};
+    const SteadyTime start{};
+    int index = 0;
+    for (const Step& step : script.steps) {
+      SCOPED_TRACE("step " + std::to_string(index++));
+      const auto at = start + std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                  std::chrono::duration<double>(step.at_seconds));
+      const ReadAheadPolicy::Decision decision =
+          policy.Consider({step.offset, 4096, at, step.run_end, step.busy}, settings);
+      EXPECT_EQ(decision.verdict, step.verdict);
+      if (step.verdict == Verdict::kFetch) {
+        EXPECT_EQ(decision.offset, step.run_end);
+        EXPECT_EQ(decision.size, step.block);
+      }
+    }
+  }
+}
+
+}  // namespace
