@@ -8,20 +8,11 @@
 #include <cstring>
 #include <vector>
 
+#include "cache/compaction_plan.h"
 #include "cache/logging.h"
-#include "common/file_io.h"
 #include "cache/readonly_cache.h"
 #include "cache/sector.h"
-
-namespace {
-
-// A sector that stays, with its slot; compaction visits them highest first.
-struct _SECTOR_USING {
-  long long offset;
-  long long cache_offset;
-};
-
-}  // namespace
+#include "common/file_io.h"
 
 void ReadonlyCache::ClearOldCache(bool over_quota) {
   std::lock_guard<std::mutex> index(index_lock_);
@@ -58,50 +49,39 @@ void ReadonlyCache::ClearOldCache(bool over_quota) {
   const long long old_size = FileLength(true);
   std::sort(empty_sectors_.begin(), empty_sectors_.end());
 
-  std::vector<_SECTOR_USING> remaining;
-  remaining.reserve(sectors_.size());
-  for (const auto& entry : sectors_) remaining.push_back({entry.first, entry.second.cache_offset});
-  std::sort(remaining.begin(), remaining.end(),
-            [](const _SECTOR_USING& a, const _SECTOR_USING& b) { return a.cache_offset > b.cache_offset; });
-
+  std::vector<_SECTOR_USING> kept;
+  kept.reserve(sectors_.size());
+  for (const auto& entry : sectors_) kept.push_back({entry.first, entry.second.cache_offset});
   std::vector<char> buffer(static_cast<size_t>(kSectorSize));
-  for (const _SECTOR_USING& using_slot : remaining) {
-    if (empty_sectors_.empty()) break;
-    const long long lowest_free = empty_sectors_.front();
-    // Every later sector lies lower still: nothing more to move down.
-    if (using_slot.cache_offset < lowest_free) break;
+  for (const SlotMove& move : PlanSlotMoves(std::move(kept), empty_sectors_)) {
+    // The plan takes the free slots in the order this loop frees them, so
+    // each move's target is the front of the free list.
     empty_sectors_.pop_front();
-    _SECTOR& sector = sectors_[using_slot.offset];
+    _SECTOR& sector = sectors_[move.offset];
     std::lock_guard<std::mutex> file(file_lock_);
     FileIo& io = CacheFileIo();
-    if (io.Seek(stream.get(), sector.cache_offset) != 0) break;
+    if (io.Seek(stream.get(), move.from) != 0) break;
     const long long read = io.Read(stream.get(), buffer.data(), static_cast<size_t>(sector.size));
     if (read < 0) {
       clearerr(stream.get());
       break;
     }
     const size_t got = static_cast<size_t>(read);
-    if (io.Seek(stream.get(), lowest_free) != 0) break;
+    if (io.Seek(stream.get(), move.to) != 0) break;
     size_t put = io.Write(stream.get(), buffer.data(), got);
     if (put != got || io.Flush(stream.get()) != 0) {
       // The sector stays where it was; its old slot still holds its bytes.
       clearerr(stream.get());
       break;
     }
-    empty_sectors_.push_back(sector.cache_offset);
-    sector.cache_offset = lowest_free;
+    empty_sectors_.push_back(move.from);
+    sector.cache_offset = move.to;
   }
   buffer = std::vector<char>();
 
-  std::sort(empty_sectors_.begin(), empty_sectors_.end(), std::greater<long long>());
-  long long size = FileLength(true);
-  long long cut_at = -1;
-  while (!empty_sectors_.empty() && empty_sectors_.front() + kSectorSize == size) {
-    cut_at = empty_sectors_.front();
-    empty_sectors_.pop_front();
-    size -= kSectorSize;
-  }
-  if (cut_at >= 0) {
+  const long long length = FileLength(true);
+  const long long cut_at = CutFreeTail(&empty_sectors_, length);
+  if (cut_at < length) {
     std::lock_guard<std::mutex> file(file_lock_);
     if (CacheFileIo().Flush(stream.get()) != 0 || CacheFileIo().Truncate(stream.get(), cut_at) != 0) {
       int error = errno;

@@ -1,0 +1,74 @@
+// The compaction plan of an eviction pass alone: slot layouts against the
+// moves and the cut they get. No files.
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <ostream>
+#include <vector>
+
+#include "cache/compaction_plan.h"
+#include "cache/sector.h"
+
+// Found by argument-dependent lookup: SlotMove is a global type.
+bool operator==(const SlotMove& a, const SlotMove& b) {
+  return a.offset == b.offset && a.from == b.from && a.to == b.to;
+}
+
+void PrintTo(const SlotMove& m, std::ostream* os) { *os << "{" << m.offset << ": " << m.from << "->" << m.to << "}"; }
+
+namespace {
+
+constexpr long long S = kSectorSize;
+
+TEST(CompactionPlan, HighestSectorsMoveIntoTheLowestFreeSlots) {
+  struct Case {
+    const char* what;
+    std::vector<_SECTOR_USING> kept;
+    std::deque<long long> free_slots;
+    std::vector<SlotMove> moves;
+  };
+  const Case cases[] = {
+      {"nothing free, nothing moves", {{0, 0}, {S, S}}, {}, {}},
+      {"a hole below the top sector takes it", {{0, 0}, {7 * S, 2 * S}}, {S}, {{7 * S, 2 * S, S}}},
+      {"free slots above every sector move nothing", {{0, 0}, {S, S}}, {2 * S, 3 * S}, {}},
+      {"several holes fill from the lowest, highest sector first",
+       {{10 * S, 4 * S}, {11 * S, 3 * S}, {12 * S, 0}},
+       {S, 2 * S},
+       {{10 * S, 4 * S, S}, {11 * S, 3 * S, 2 * S}}},
+      {"a freed slot is reused only while it lies below the next sector",
+       {{5 * S, 3 * S}, {6 * S, 2 * S}},
+       {0},
+       {{5 * S, 3 * S, 0}}},
+      {"a sector without a slot never moves", {{9 * S, -1}}, {0}, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(PlanSlotMoves(c.kept, c.free_slots), c.moves);
+  }
+}
+
+TEST(CompactionPlan, OnlyTheFreeSlotsThatEndTheFileAreCut) {
+  struct Case {
+    const char* what;
+    std::deque<long long> free_slots;
+    long long length;
+    long long cut_to;
+    std::deque<long long> left;
+  };
+  const Case cases[] = {
+      {"no free slot", {}, 3 * S, 3 * S, {}},
+      {"the last slot", {2 * S}, 3 * S, 2 * S, {}},
+      {"a run of last slots, in any order", {3 * S, S, 2 * S}, 4 * S, S, {}},
+      {"a gap stops the cut", {0, 2 * S}, 3 * S, 2 * S, {0}},
+      {"a free slot before a used last one stays", {S}, 3 * S, 3 * S, {S}},
+      {"every slot free", {0, S}, 2 * S, 0, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::deque<long long> free_slots = c.free_slots;
+    EXPECT_EQ(CutFreeTail(&free_slots, c.length), c.cut_to);
+    EXPECT_EQ(free_slots, c.left);
+  }
+}
+
+}  // namespace
