@@ -69,28 +69,20 @@ long long ReadonlyCache::GetLargestEmptyOffset(long long offset) {
 }
 
 long long ReadonlyCache::LargestEmptyOffsetNoLock(long long offset) {
-  const long long s = SectorOf(offset);
   const _CACHECONFIG conf = GetConfig();
-  auto it = sectors_.find(s);
-  if (it == sectors_.end()) return s;
-
-  const std::string tag = GetFileName();
-  if (empty_sectors_.empty()) {
-    KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] At %s, empty_sectors_ is empty.", tag.c_str(),
-             "GetLargestEmptyOffset");
-  } else {
-    KORV_LOG(LOGLEVEL_INFO,
-             "[CACHE     ] [%s] At %s, size of empty_sectors_ is %d, the first sector is %lld and the last one is "
-             "%lld.",
-             tag.c_str(), "GetLargestEmptyOffset", static_cast<int>(empty_sectors_.size()), empty_sectors_.front(),
-             empty_sectors_.back());
+  if (index_.Find(SectorOf(offset)) != nullptr) {
+    const std::string tag = GetFileName();
+    const std::deque<long long>& free_slots = index_.free_slots();
+    if (free_slots.empty()) {
+      KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] At %s, empty_sectors_ is empty.", tag.c_str(),
+               "GetLargestEmptyOffset");
+    } else {
+      KORV_LOG(LOGLEVEL_INFO,
+               "[CACHE     ] [%s] At %s, size of empty_sectors_ is %d, the first sector is %lld and the last one is "
+               "%lld.",
+               tag.c_str(), "GetLargestEmptyOffset", static_cast<int>(free_slots.size()), free_slots.front(),
+               free_slots.back());
+    }
   }
-  const long long limit = offset + static_cast<long long>(conf.ramax);
-  long long prev = s;
-  for (++it; it != sectors_.end(); ++it) {
-    if (it->first != prev + kSectorSize) return prev;
-    if (it->first > limit) return -1;
-    prev = it->first;
-  }
-  return prev;
+  return index_.RunEnd(offset, static_cast<long long>(conf.ramax));
 }

@@ -67,23 +67,14 @@ void ReadonlyCache::ChangeFileName(std::string new_name) {
 }
 
 void ReadonlyCache::ClearIndexNoLock() {
-  sectors_.clear();
-  empty_sectors_.clear();
+  index_.Clear();
   read_ahead_policy_.Forget();
 }
 
 void ReadonlyCache::DropLostSlotsNoLock() {
   // Sectors still on their way keep their entries, so readers waiting for
   // them are served when the data arrive; they get a slot in the new file.
-  for (auto it = sectors_.begin(); it != sectors_.end();) {
-    if (it->second.reserved) {
-      it->second.cache_offset = -1;
-      ++it;
-    } else {
-      it = sectors_.erase(it);
-    }
-  }
-  empty_sectors_.clear();
+  index_.DropSettled();
   read_ahead_policy_.Forget();
 }
 
@@ -95,7 +86,7 @@ std::shared_ptr<FILE> ReadonlyCache::OpenStream(bool index_locked) {
     if (file_created_.load(std::memory_order_relaxed) && !IsFileOrDirectory(cache_path_)) {
       std::unique_lock<std::mutex> guard(index_lock_, std::defer_lock);
       if (!index_locked) guard.lock();
-      if (!sectors_.empty()) {
+      if (!index_.empty()) {
         KORV_LOG(LOGLEVEL_WARNING, "[CACHE     ] Cache file is deleted. Clear cache information. : %s",
                  cache_path_.c_str());
         DropLostSlotsNoLock();

@@ -3,13 +3,17 @@
 // The cache file is a headerless run of 512 KiB slots. Each cached sector of
 // the origin occupies one whole slot (a short last sector is zero padded);
 // slots are handed out in fetch order, so which origin sector lies where is
-// known only from the in-memory index `sectors_`. An instance never reopens
+// known only from the in-memory index (SectorIndex). An instance never reopens
 // a file it did not create: it starts empty with a fresh UUID-named file and
 // deletes it when closed.
 //
+// The parts: the index of sectors and free slots (SectorIndex), the
+// read-ahead decision (ReadAheadPolicy), the compaction plan of an eviction
+// pass (compaction_plan.h), all pure; this class keeps the slot file, its
+// locks, and the fetch tasks (which reach it through FetchTarget).
+//
 // Locks, outermost first: index_lock_, then file_lock_, then the file
-// handle's own lock. index_lock_ guards the index, the free-slot list, the
-// read history and the read-ahead ladder; file_lock_ guards every seek and
+// handle's own lock. index_lock_ guards the index and the read-ahead policy; file_lock_ guards every seek and
 // its transfer on the one shared stream.
 #pragma once
 
@@ -24,20 +28,12 @@
 
 #include "cache/fetch_target.h"
 #include "cache/read_ahead_policy.h"
+#include "cache/sector_index.h"
 #include "cache/timed_handle.h"
 #include "common/clock.h"
 #include "korvcache.h"
 
 class WritableCache;
-
-// One cached sector. A fresh entry is all zero until its creator fills it.
-struct _SECTOR {
-  long long cache_offset = 0;  // slot position in the cache file; -1 while none is assigned
-  long long size = 0;          // valid data bytes in the slot
-  long long hits = 0;          // reads served since the sector was last queued
-  bool reserved = false;       // data on the way; readers wait while set
-  SteadyTime access_time{};    // last read, or the reservation
-};
 
 class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarget {
  public:
@@ -136,8 +132,6 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
                          std::shared_ptr<_FS_HANDLE> handle);
   unsigned int ReserveNoLock(long long offset, long long length);
   void ClearReservedNoLock(long long offset, long long length);
-  // Enters `sector_offset` as reserved, with a freed slot or none yet.
-  void InsertReservedNoLock(long long sector_offset, long long size);
   int CheckReadAhead(_READDATA* request);
   // A policy whose ladder follows the current settings of `config`.
   static ReadAheadPolicy ReadAheadFor(ICacheConfig* config);
@@ -152,10 +146,6 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   std::shared_ptr<FILE> OpenStream(bool index_locked);
   // Physical length of the file; takes file_lock_.
   long long FileLength(bool index_locked);
-  // Waits for the read phase: true when every sector of the range is present
-  // and settled. REQUIRES: index_lock_ held. On false, *stop is the sector
-  // the walk stopped at and *missing tells why.
-  bool RangeReady(long long start, long long end, long long* stop, bool* missing);
   // Copies the range out. REQUIRES: index_lock_ held.
   unsigned int CopyOut(_READDATA* request, const std::shared_ptr<FILE>& stream, long long start,
                        bool fetching);
@@ -181,8 +171,7 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   TimedHandle handle_;
 
   // State below is protected by index_lock_.
-  std::map<long long, _SECTOR> sectors_;
-  std::deque<long long> empty_sectors_;
+  SectorIndex index_;
   long long origin_size_;
 
   ICacheConfig* const config_;

@@ -19,15 +19,11 @@ ReadonlyCache::ReadonlyCache(WritableCache* source, ICacheConfig* config)
   const SteadyTime now = SteadyNow();
   long long remaining = origin_size_;
   for (long long s = 0; remaining > 0; s += kSectorSize) {
-    _SECTOR& sector = sectors_[s];
-    sector.cache_offset = s;
-    sector.size = std::min(remaining, kSectorSize);
-    sector.hits = 0;
-    sector.reserved = false;
-    sector.access_time = now;
+    const long long size = std::min(remaining, kSectorSize);
+    index_.AddSettled(s, s, size, now);
     KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] [%s] Inserted new sector %lld into sectors_.", file_name_.c_str(),
              "ReadonlyCache", s);
-    remaining -= sector.size;
+    remaining -= size;
   }
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read only cache from writable cache created", file_name_.c_str());
 }

@@ -91,7 +91,7 @@ unsigned int ReadonlyCache::Read(_READDATA* rd) {
       // Ready: keep index_lock_ through the copy so eviction cannot move a
       // slot under it. Sectors wholly past the end of the file never come,
       // so the wait stops at the end.
-      if (RangeReady(start, std::min(end_of_read, rd->file_size), &stopped_at, &missing)) break;
+      if (index_.RangeReady(start, std::min(end_of_read, rd->file_size), &stopped_at, &missing)) break;
       bool stopped_reserved = false;
       if (missing) {
         if (queued != Queued::kNothing) {
@@ -139,18 +139,6 @@ unsigned int ReadonlyCache::Read(_READDATA* rd) {
   return CopyOut(rd, stream, start, rd->fetch != nullptr);
 }
 
-bool ReadonlyCache::RangeReady(long long start, long long end, long long* stop, bool* missing) {
-  for (long long s = start; s < end; s += kSectorSize) {
-    auto it = sectors_.find(s);
-    if (it == sectors_.end() || it->second.reserved) {
-      *stop = s;
-      *missing = it == sectors_.end();
-      return false;
-    }
-  }
-  return true;
-}
-
 unsigned int ReadonlyCache::CopyOut(_READDATA* rd, const std::shared_ptr<FILE>& stream, long long start,
                                     bool fetching) {
   const std::string tag = GetFileName();
@@ -159,10 +147,10 @@ unsigned int ReadonlyCache::CopyOut(_READDATA* rd, const std::shared_ptr<FILE>& 
   for (long long s = start; remaining > 0; s += kSectorSize) {
     // With a fetcher the origin's size is known: the read ends there.
     if (fetching && s >= rd->file_size) break;
-    auto it = sectors_.find(s);
+    _SECTOR* found = index_.Find(s);
     // Without a fetcher a reserved sector holds no valid data yet: serve
     // what precedes it, as for an absent one.
-    if (it == sectors_.end() || (!fetching && it->second.reserved)) {
+    if (found == nullptr || (!fetching && found->reserved)) {
       if (fetching) {
         KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Read failed : Sector %lld not found on sector hash",
                  tag.c_str(), s);
@@ -170,7 +158,7 @@ unsigned int ReadonlyCache::CopyOut(_READDATA* rd, const std::shared_ptr<FILE>& 
       }
       break;
     }
-    _SECTOR& sector = it->second;
+    _SECTOR& sector = *found;
     long long position = sector.cache_offset + (s == start ? rd->offset % kSectorSize : 0);
     long long valid_end = sector.cache_offset + sector.size;
     long long count = std::min(valid_end - position, static_cast<long long>(remaining));
@@ -204,15 +192,14 @@ int ReadonlyCache::QueueEmptySectors(long long start, long long end, IFetch* fet
   const std::string tag = GetFileName();
   std::deque<long long> to_fetch;
   for (long long s = start; s < end; s += kSectorSize) {
-    auto it = sectors_.find(s);
-    if (it != sectors_.end()) {
+    if (_SECTOR* present = index_.Find(s)) {
       KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] [%s] Already %lld is in sectors_.", tag.c_str(),
                "QueueEmptySectors", s);
-      it->second.hits = 0;
+      present->hits = 0;
       continue;
     }
     to_fetch.push_back(s);
-    InsertReservedNoLock(s, 0);
+    index_.InsertReserved(s, 0, SteadyNow());
     KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] [%s] Inserted new sector %lld into sectors_.", tag.c_str(),
              "QueueEmptySectors", s);
   }
@@ -244,22 +231,6 @@ void ReadonlyCache::QueueEmptySectors(std::deque<long long>& offsets, IFetch* fe
   }
 }
 
-void ReadonlyCache::InsertReservedNoLock(long long sector_offset, long long size) {
-  // A freed slot if there is one; otherwise the slot is appended when the
-  // data arrive.
-  long long slot = -1;
-  if (!empty_sectors_.empty()) {
-    slot = empty_sectors_.front();
-    empty_sectors_.pop_front();
-  }
-  _SECTOR& sector = sectors_[sector_offset];
-  sector.cache_offset = slot;
-  sector.size = size;
-  sector.hits = 0;
-  sector.reserved = true;
-  sector.access_time = SteadyNow();
-}
-
 unsigned int ReadonlyCache::Reserve(long long offset, long long length) {
   std::lock_guard<std::mutex> guard(index_lock_);
   return ReserveNoLock(offset, length);
@@ -270,15 +241,7 @@ unsigned int ReadonlyCache::ReserveNoLock(long long offset, long long length) {
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Reserved blocks %lld to %lld(%lld bytes)", tag.c_str(), offset,
            offset + length, length);
   if (offset % kSectorSize != 0) return kErrUnaligned;
-  int count = 0;
-  for (long long s = offset; length > 0; s += kSectorSize) {
-    long long piece = std::min(length, kSectorSize);
-    if (sectors_.find(s) == sectors_.end()) {
-      InsertReservedNoLock(s, piece);
-      ++count;
-    }
-    length -= piece;
-  }
+  const int count = index_.Reserve(offset, length, SteadyNow());
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] %d blocks reserved", tag.c_str(), count);
   return count == 0 ? kNothingReserved : kOk;
 }
@@ -292,18 +255,7 @@ unsigned int ReadonlyCache::ClearReserved(long long offset, long long length) {
 void ReadonlyCache::ClearReservedNoLock(long long offset, long long length) {
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Clear reserved blocks %lld to %lld(%lld bytes)",
            GetFileName().c_str(), offset, offset + length, length);
-  if (length <= 0) return;
-  // One step per started sector of `length`, counted from the offset's
-  // sector: an unaligned range that spills into one more sector leaves that
-  // last sector as it is.
-  long long steps = (length + kSectorSize - 1) / kSectorSize;
-  long long s = SectorOf(offset);
-  for (long long i = 0; i < steps; ++i, s += kSectorSize) {
-    auto it = sectors_.find(s);
-    if (it == sectors_.end() || !it->second.reserved) continue;
-    if (it->second.cache_offset != -1) empty_sectors_.push_back(it->second.cache_offset);
-    sectors_.erase(it);
-  }
+  index_.ClearReserved(offset, length);
 }
 
 int ReadonlyCache::FetchWrite(long long offset, const char* data, long length, long* written) {
@@ -336,49 +288,37 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
   bool first = true;
   while (length > 0) {
     const long long chunk = std::min(static_cast<long long>(length), kSectorSize);
-    bool appended = false;  // the slot is the end of the file, claimed by this write
-    auto it = sectors_.find(sector_offset);
-    if (it == sectors_.end()) {
-      if (first && offset % kSectorSize != 0) {
-        KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Fetch write failed : Cache offset was not aligned",
-                 tag.c_str());
-        return static_cast<int>(kErrUnaligned);
-      }
-      KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Fetch write : %lld", tag.c_str(), sector_offset);
-      long long slot;
-      if (empty_sectors_.empty()) {
-        slot = FileLength(true);
-        appended = true;
-        KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Fetch write : Empty sector not found. Append cache on %lld.",
-                 tag.c_str(), slot);
-      } else {
-        slot = empty_sectors_.front();
-        empty_sectors_.pop_front();
-        KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Fetch write : Empty sector found on %lld", tag.c_str(), slot);
-      }
-      _SECTOR& sector = sectors_[sector_offset];
-      sector.cache_offset = slot;
-      sector.size = chunk;
-      sector.hits = 0;
-      // Aged from its arrival: an entry dated 0 would be cleared at once.
-      sector.access_time = SteadyNow();
-      it = sectors_.find(sector_offset);
-    } else if (it->second.reserved) {
-      if (it->second.cache_offset == -1) {
-        it->second.cache_offset = FileLength(true);
-        appended = true;
-      }
-      it->second.size = chunk;
-      KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Fetch write : Sector %lld reserved and write on %lld",
-               tag.c_str(), sector_offset, it->second.cache_offset);
-    } else {
-      KORV_LOG(LOGLEVEL_DEBUG,
-               "[CACHE     ] [%s] Fetch write : Sector %lld not reserved. Data will be overwritten on current "
-               "cache %lld",
-               tag.c_str(), sector_offset, it->second.cache_offset);
-      it->second.size = chunk;
+    if (first && offset % kSectorSize != 0 && index_.Find(sector_offset) == nullptr) {
+      KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Fetch write failed : Cache offset was not aligned", tag.c_str());
+      return static_cast<int>(kErrUnaligned);
     }
-    _SECTOR& sector = it->second;
+    const SectorIndex::Placement placed =
+        index_.PlaceFetched(sector_offset, chunk, SteadyNow(), [this] { return FileLength(true); });
+    // `appended`: the slot is the end of the file, claimed by this write.
+    const bool appended = placed.appended;
+    switch (placed.was) {
+      case SectorIndex::Placed::kNew:
+        KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Fetch write : %lld", tag.c_str(), sector_offset);
+        if (appended) {
+          KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Fetch write : Empty sector not found. Append cache on %lld.",
+                   tag.c_str(), placed.sector->cache_offset);
+        } else {
+          KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Fetch write : Empty sector found on %lld", tag.c_str(),
+                   placed.sector->cache_offset);
+        }
+        break;
+      case SectorIndex::Placed::kReserved:
+        KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Fetch write : Sector %lld reserved and write on %lld",
+                 tag.c_str(), sector_offset, placed.sector->cache_offset);
+        break;
+      case SectorIndex::Placed::kSettled:
+        KORV_LOG(LOGLEVEL_DEBUG,
+                 "[CACHE     ] [%s] Fetch write : Sector %lld not reserved. Data will be overwritten on current "
+                 "cache %lld",
+                 tag.c_str(), sector_offset, placed.sector->cache_offset);
+        break;
+    }
+    _SECTOR& sector = *placed.sector;
     // Until the slot is completely written its bytes are not the origin's:
     // keep readers off it, also when the write fails half way.
     sector.reserved = true;

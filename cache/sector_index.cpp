@@ -1,0 +1,174 @@
+#include "cache/sector_index.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include "cache/sector.h"
+
+_SECTOR* SectorIndex::Find(long long sector) {
+  auto it = sectors_.find(sector);
+  return it == sectors_.end() ? nullptr : &it->second;
+}
+
+void SectorIndex::InsertReserved(long long sector, long long size, SteadyTime now) {
+  long long slot = -1;
+  if (!empty_sectors_.empty()) {
+    slot = empty_sectors_.front();
+    empty_sectors_.pop_front();
+  }
+  _SECTOR& entry = sectors_[sector];
+  entry.cache_offset = slot;
+  entry.size = size;
+  entry.hits = 0;
+  entry.reserved = true;
+  entry.access_time = now;
+}
+
+int SectorIndex::Reserve(long long offset, long long length, SteadyTime now) {
+  int count = 0;
+  for (long long s = offset; length > 0; s += kSectorSize) {
+    const long long piece = std::min(length, kSectorSize);
+    if (sectors_.find(s) == sectors_.end()) {
+      InsertReserved(s, piece, now);
+      ++count;
+    }
+    length -= piece;
+  }
+  return count;
+}
+
+void SectorIndex::ClearReserved(long long offset, long long length) {
+  if (length <= 0) return;
+  const long long steps = (length + kSectorSize - 1) / kSectorSize;
+  long long s = SectorOf(offset);
+  for (long long i = 0; i < steps; ++i, s += kSectorSize) {
+    auto it = sectors_.find(s);
+    if (it == sectors_.end() || !it->second.reserved) continue;
+    if (it->second.cache_offset != -1) empty_sectors_.push_back(it->second.cache_offset);
+    sectors_.erase(it);
+  }
+}
+
+bool SectorIndex::RangeReady(long long start, long long end, long long* stop, bool* missing) const {
+  for (long long s = start; s < end; s += kSectorSize) {
+    auto it = sectors_.find(s);
+    if (it == sectors_.end() || it->second.reserved) {
+      *stop = s;
+      *missing = it == sectors_.end();
+      return false;
+    }
+  }
+  return true;
+}
+
+long long SectorIndex::RunEnd(long long offset, long long ramax) const {
+  const long long s = SectorOf(offset);
+  auto it = sectors_.find(s);
+  if (it == sectors_.end()) return s;
+  const long long limit = offset + ramax;
+  long long prev = s;
+  for (++it; it != sectors_.end(); ++it) {
+    if (it->first != prev + kSectorSize) return prev;
+    if (it->first > limit) return -1;
+    prev = it->first;
+  }
+  return prev;
+}
+
+SectorIndex::Placement SectorIndex::PlaceFetched(long long sector, long long size, SteadyTime now,
+                                                 const std::function<long long()>& end_of_file) {
+  auto it = sectors_.find(sector);
+  if (it == sectors_.end()) {
+    long long slot;
+    bool appended = false;
+    if (empty_sectors_.empty()) {
+      slot = end_of_file();
+      appended = true;
+    } else {
+      slot = empty_sectors_.front();
+      empty_sectors_.pop_front();
+    }
+    _SECTOR& entry = sectors_[sector];
+    entry.cache_offset = slot;
+    entry.size = size;
+    entry.hits = 0;
+    // Aged from its arrival: an entry dated 0 would be cleared at once.
+    entry.access_time = now;
+    return {&entry, Placed::kNew, appended};
+  }
+  _SECTOR& entry = it->second;
+  entry.size = size;
+  if (!entry.reserved) return {&entry, Placed::kSettled, false};
+  bool appended = false;
+  if (entry.cache_offset == -1) {
+    entry.cache_offset = end_of_file();
+    appended = true;
+  }
+  return {&entry, Placed::kReserved, appended};
+}
+
+void SectorIndex::AddSettled(long long sector, long long slot, long long size, SteadyTime now) {
+  _SECTOR& entry = sectors_[sector];
+  entry.cache_offset = slot;
+  entry.size = size;
+  entry.hits = 0;
+  entry.reserved = false;
+  entry.access_time = now;
+}
+
+std::vector<long long> SectorIndex::SelectOld(SteadyTime now, uint64_t max_used_age, uint64_t max_unused_age) const {
+  std::vector<long long> selected;
+  for (const auto& entry : sectors_) {
+    const _SECTOR& sector = entry.second;
+    if (sector.reserved) continue;  // a fetch is under way
+    // Compared unsigned, so an access time in the future counts as very old.
+    const auto age = static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::seconds>(now - sector.access_time).count());
+    if ((sector.hits > 0 && age > max_used_age) || age > max_unused_age) selected.push_back(entry.first);
+  }
+  return selected;
+}
+
+void SectorIndex::Drop(long long sector) {
+  auto it = sectors_.find(sector);
+  if (it == sectors_.end()) return;
+  if (it->second.cache_offset != -1) empty_sectors_.push_back(it->second.cache_offset);
+  sectors_.erase(it);
+}
+
+std::vector<_SECTOR_USING> SectorIndex::Kept() const {
+  std::vector<_SECTOR_USING> kept;
+  kept.reserve(sectors_.size());
+  for (const auto& entry : sectors_) kept.push_back({entry.first, entry.second.cache_offset});
+  return kept;
+}
+
+void SectorIndex::Move(long long sector, long long to) {
+  _SECTOR& entry = sectors_[sector];
+  empty_sectors_.pop_front();
+  empty_sectors_.push_back(entry.cache_offset);
+  entry.cache_offset = to;
+}
+
+void SectorIndex::RetireLowestFreeSlot() {
+  if (!empty_sectors_.empty()) empty_sectors_.pop_front();
+}
+
+void SectorIndex::SortFreeSlots() { std::sort(empty_sectors_.begin(), empty_sectors_.end()); }
+
+void SectorIndex::DropSettled() {
+  for (auto it = sectors_.begin(); it != sectors_.end();) {
+    if (it->second.reserved) {
+      it->second.cache_offset = -1;
+      ++it;
+    } else {
+      it = sectors_.erase(it);
+    }
+  }
+  empty_sectors_.clear();
+}
+
+void SectorIndex::Clear() {
+  sectors_.clear();
+  empty_sectors_.clear();
+}

@@ -1,0 +1,135 @@
+// The sector index alone: reservations, readiness, the cached run, where
+// fetched bytes go and which sectors are old. No files, no threads, no clock.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <deque>
+#include <vector>
+
+#include "cache/sector.h"
+#include "cache/sector_index.h"
+
+namespace {
+
+constexpr long long S = kSectorSize;
+const SteadyTime kStart{};
+
+SteadyTime At(long long seconds) { return kStart + std::chrono::seconds(seconds); }
+
+// An index holding settled sectors `sectors` in slots 0, S, 2S, ...
+SectorIndex Settled(const std::vector<long long>& sectors) {
+  SectorIndex index;
+  for (size_t i = 0; i < sectors.size(); ++i) index.AddSettled(sectors[i], static_cast<long long>(i) * S, S, kStart);
+  return index;
+}
+
+TEST(SectorIndex, ReservationsAndReadiness) {
+  SectorIndex index = Settled({0});
+  EXPECT_EQ(index.Reserve(0, 2 * S + 100, kStart), 2) << "sector 0 is there; S and 2S are reserved";
+  ASSERT_NE(index.Find(2 * S), nullptr);
+  EXPECT_EQ(index.Find(2 * S)->size, 100) << "the last piece is what remains of the length";
+  EXPECT_EQ(index.Find(S)->cache_offset, -1) << "no free slot: appended when the bytes come";
+
+  long long stop = -1;
+  bool missing = false;
+  EXPECT_TRUE(index.RangeReady(0, S, &stop, &missing));
+  EXPECT_FALSE(index.RangeReady(0, 3 * S, &stop, &missing));
+  EXPECT_EQ(stop, S);
+  EXPECT_FALSE(missing);
+  EXPECT_FALSE(index.RangeReady(0, 4 * S, &stop, &missing)) << "2S is reserved before 3S is absent";
+  EXPECT_EQ(stop, S);
+
+  // One step per started sector from the offset's sector: [S + 10, S + 10 + S)
+  // clears S only; the settled sector 0 never goes this way.
+  index.ClearReserved(S + 10, S);
+  EXPECT_EQ(index.Find(S), nullptr);
+  EXPECT_NE(index.Find(2 * S), nullptr);
+  index.ClearReserved(0, 3 * S);
+  EXPECT_NE(index.Find(0), nullptr);
+  EXPECT_EQ(index.Find(2 * S), nullptr);
+  EXPECT_FALSE(index.RangeReady(S, 2 * S, &stop, &missing));
+  EXPECT_TRUE(missing);
+
+  // A freed slot is taken by the next reservation.
+  index.Drop(0);
+  index.InsertReserved(7 * S, 0, kStart);
+  EXPECT_EQ(index.Find(7 * S)->cache_offset, 0);
+}
+
+TEST(SectorIndex, RunEndOfTheCachedRun) {
+  struct Case {
+    const char* what;
+    std::vector<long long> sectors;
+    long long offset;
+    long long ramax;
+    long long run_end;
+  };
+  const Case cases[] = {
+      {"an absent sector is its own run end", {0, S}, 5 * S + 7, 8 * S, 5 * S},
+      {"the last sector of an unbroken run", {0, S, 2 * S}, 10, 8 * S, 2 * S},
+      {"a gap ends the run", {0, S, 3 * S}, 0, 8 * S, S},
+      {"a run reaching beyond offset + ramax", {0, S, 2 * S, 3 * S}, 0, 2 * S, -1},
+      {"a run ending exactly at offset + ramax", {0, S, 2 * S}, 0, 2 * S, 2 * S},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(Settled(c.sectors).RunEnd(c.offset, c.ramax), c.run_end);
+  }
+}
+
+TEST(SectorIndex, FetchedBytesFindTheirSlots) {
+  int asked = 0;
+  auto end_of_file = [&asked] {
+    ++asked;
+    return 9 * S;
+  };
+  SectorIndex index = Settled({0, S});
+  index.Drop(0);  // slot 0 is free
+
+  SectorIndex::Placement placed = index.PlaceFetched(4 * S, 100, kStart, end_of_file);
+  EXPECT_EQ(placed.was, SectorIndex::Placed::kNew);
+  EXPECT_EQ(placed.sector->cache_offset, 0);
+  EXPECT_FALSE(placed.appended);
+  EXPECT_EQ(asked, 0) << "the file's end is asked for only when no slot is free";
+
+  placed = index.PlaceFetched(5 * S, S, kStart, end_of_file);
+  EXPECT_EQ(placed.sector->cache_offset, 9 * S);
+  EXPECT_TRUE(placed.appended);
+
+  index.InsertReserved(6 * S, 0, kStart);
+  placed = index.PlaceFetched(6 * S, 200, kStart, end_of_file);
+  EXPECT_EQ(placed.was, SectorIndex::Placed::kReserved);
+  EXPECT_TRUE(placed.appended);
+  EXPECT_EQ(placed.sector->size, 200);
+
+  placed = index.PlaceFetched(S, 300, kStart, end_of_file);
+  EXPECT_EQ(placed.was, SectorIndex::Placed::kSettled);
+  EXPECT_EQ(placed.sector->cache_offset, S) << "a settled sector keeps its slot";
+  EXPECT_FALSE(placed.appended);
+  EXPECT_EQ(asked, 2);
+}
+
+TEST(SectorIndex, OldSectorsAndLostSlots) {
+  SectorIndex index = Settled({0, S, 2 * S, 3 * S});
+  index.Find(0)->hits = 1;                       // read, 100 s old
+  index.Find(S)->access_time = At(50);           // never read, 50 s old at 100 s
+  index.Find(2 * S)->access_time = At(1000);     // from the future: very old
+  index.InsertReserved(4 * S, 0, kStart);        // on its way: never selected
+  // Read sectors go after 60 s, unread ones after 120 s.
+  EXPECT_EQ(index.SelectOld(At(100), 60, 120), (std::vector<long long>{0, 2 * S}));
+  EXPECT_EQ(index.SelectOld(At(200), 60, 120), (std::vector<long long>{0, S, 2 * S, 3 * S}));
+
+  index.Drop(0);
+  index.Drop(0);  // twice is harmless
+  EXPECT_EQ(index.free_slots(), (std::deque<long long>{0}));
+  index.Move(3 * S, 0);
+  EXPECT_EQ(index.Find(3 * S)->cache_offset, 0);
+  EXPECT_EQ(index.free_slots(), (std::deque<long long>{3 * S}));
+
+  index.DropSettled();
+  EXPECT_EQ(index.size(), 1u) << "only the reserved sector stays";
+  EXPECT_EQ(index.Find(4 * S)->cache_offset, -1);
+  EXPECT_TRUE(index.free_slots().empty());
+}
+
+}  // namespace
