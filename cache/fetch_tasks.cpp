@@ -5,6 +5,7 @@
 
 #include "cache/logging.h"
 #include "cache/sector.h"
+#include "common/test_point.h"
 
 namespace {
 
@@ -23,7 +24,9 @@ class CacheSink : public IFetchCallback {
  public:
   CacheSink(FetchTarget* cache, IndexLock lock) : cache_(cache), lock_(lock) {}
   int FetchWrite(long long offset, const char* data, long length, long* written) override {
-    return cache_->StoreFetched(offset, data, length, written, lock_);
+    const int result = cache_->StoreFetched(offset, data, length, written, lock_);
+    KORV_TEST_POINT("fetch: delivered");
+    return result;
   }
 
  private:
