@@ -79,13 +79,18 @@ void ReadonlyCache::DropLostSlotsNoLock() {
 }
 
 std::shared_ptr<FILE> ReadonlyCache::OpenStream(bool index_locked) {
+  if (handle_.IsValidHandle()) return handle_.GetHandle();
+  // Opening is done under the index lock, one thread at a time. Two readers
+  // opening at once would both find no file; the later one's "w+" would then
+  // cut off the slots the earlier one had written meanwhile, and the next
+  // appended sector would share a slot with one the index still points at.
+  std::unique_lock<std::mutex> guard(index_lock_, std::defer_lock);
+  if (!index_locked) guard.lock();
   if (!handle_.IsValidHandle()) {
     // A file this cache created and that is now gone was deleted behind its
     // back: the slots the index points at are gone. (Before the first open
     // there is no file yet, and reservations made then must stay.)
     if (file_created_.load(std::memory_order_relaxed) && !IsFileOrDirectory(cache_path_)) {
-      std::unique_lock<std::mutex> guard(index_lock_, std::defer_lock);
-      if (!index_locked) guard.lock();
       if (!index_.empty()) {
         KORV_LOG(LOGLEVEL_WARNING, "[CACHE     ] Cache file is deleted. Clear cache information. : %s",
                  cache_path_.c_str());
