@@ -99,17 +99,17 @@ Cache::Cache(const char* path, unsigned long long limit) : limit_(static_cast<lo
 }
 
 unsigned long long ManagerConfigLink::GetQuota() {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   return manager_ != nullptr ? manager_->GetQuota() : quota_;
 }
 
 _CACHECONFIG ManagerConfigLink::GetConfig() {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   return manager_ != nullptr ? manager_->GetConfig() : config_;
 }
 
 void ManagerConfigLink::Detach() {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   if (manager_ == nullptr) return;
   quota_ = manager_->GetQuota();
   config_ = manager_->GetConfig();
@@ -126,7 +126,7 @@ Cache::~Cache() {
 }
 
 void Cache::ApplyConfig() {
-  std::lock_guard<std::mutex> guard(settings_lock_);
+  MutexLock guard(settings_lock_);
   for (const Setting& setting : kSettings) {
     settings_.*setting.field = static_cast<uint64_t>(std::atol(registry_.GetValue(setting.name).c_str()));
   }
@@ -139,7 +139,7 @@ void Cache::ApplyConfig() {
 }
 
 _CACHECONFIG Cache::GetConfig() {
-  std::lock_guard<std::mutex> guard(settings_lock_);
+  MutexLock guard(settings_lock_);
   return settings_;
 }
 
@@ -197,13 +197,13 @@ std::vector<std::shared_ptr<CacheObj>> Cache::FilesToTend() {
 }
 
 std::unordered_map<std::string, std::shared_ptr<CacheObj>> Cache::CopyObjects() {
-  std::lock_guard<std::mutex> guard(objects_lock_);
+  MutexLock guard(objects_lock_);
   return objects_;
 }
 
 std::shared_ptr<ICacheObj> Cache::Open(const char* name, char mode, long long size, IFetch* fetch) {
   if (name == nullptr) throw static_cast<AERROR>(kErrInvalidArgument);
-  std::lock_guard<std::mutex> guard(objects_lock_);
+  MutexLock guard(objects_lock_);
   auto it = objects_.find(name);
   if (it == objects_.end()) {
     // Names that share their last component share one cache file name.
@@ -223,14 +223,14 @@ std::shared_ptr<ICacheObj> Cache::Open(const char* name, char mode, long long si
 
 unsigned int Cache::Close(const char* name) {
   if (name == nullptr) return kOk;
-  std::lock_guard<std::mutex> guard(objects_lock_);
+  MutexLock guard(objects_lock_);
   if (objects_.erase(name) > 0) KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Close cache : %s", name);
   return kOk;
 }
 
 unsigned int Cache::Rehash(const char* old_name, const char* new_name, const char* new_file_name) {
   if (old_name == nullptr || new_name == nullptr) return kErrNotOpen;
-  std::lock_guard<std::mutex> guard(objects_lock_);
+  MutexLock guard(objects_lock_);
   auto old_entry = objects_.find(old_name);
   if (old_entry == objects_.end()) return kErrNotOpen;
   std::shared_ptr<CacheObj> object = old_entry->second;

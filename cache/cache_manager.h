@@ -10,13 +10,13 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "cache/quota_thread.h"
 #include "common/config.h"
+#include "common/thread_annotations.h"
 #include "korvcache.h"
 
 class CacheObj;
@@ -33,11 +33,10 @@ class ManagerConfigLink final : public ICacheConfig {
   void Detach();
 
  private:
-  std::mutex lock_;
-  // State below is protected by lock_.
-  ICacheConfig* manager_;  // null once detached
-  unsigned long long quota_ = 0;
-  _CACHECONFIG config_{};
+  Mutex lock_;
+  ICacheConfig* manager_ GUARDED_BY(lock_);  // null once detached
+  unsigned long long quota_ GUARDED_BY(lock_) = 0;
+  _CACHECONFIG config_ GUARDED_BY(lock_){};
 };
 
 class Cache : public ICache_V2, public ICacheConfig, private QuotaDirectory {
@@ -94,19 +93,19 @@ class Cache : public ICache_V2, public ICacheConfig, private QuotaDirectory {
   std::vector<std::shared_ptr<CacheObj>> FilesToTend() override;
   long long Limit() override { return limit_.load(); }
   long long ClearPeriodMs() override { return static_cast<long long>(GetConfig().clrperiod); }
-  std::unordered_map<std::string, std::shared_ptr<CacheObj>> CopyObjects();
+  std::unordered_map<std::string, std::shared_ptr<CacheObj>> CopyObjects() EXCLUDES(objects_lock_);
 
   std::string path_;
   // Read and written without a lock by client threads and the quota manager.
   std::atomic<long long> limit_;
   std::atomic<uint64_t> used_bytes_{0};
 
-  std::mutex objects_lock_;
-  std::unordered_map<std::string, std::shared_ptr<CacheObj>> objects_;  // guarded by objects_lock_
+  Mutex objects_lock_;
+  std::unordered_map<std::string, std::shared_ptr<CacheObj>> objects_ GUARDED_BY(objects_lock_);
 
-  std::mutex settings_lock_;
+  Mutex settings_lock_;
   Config registry_;
-  _CACHECONFIG settings_{};  // guarded by settings_lock_
+  _CACHECONFIG settings_ GUARDED_BY(settings_lock_){};
 
   // Handed to every object instead of this manager itself.
   const std::shared_ptr<ManagerConfigLink> link_ = std::make_shared<ManagerConfigLink>(this);

@@ -12,12 +12,12 @@ CacheObj::CacheObj(std::string directory, std::string file_name, char mode, long
       file_name_(std::move(file_name)),
       hash_index_(std::move(hash_index)) {
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Create cache for %s:%c", file_name_.c_str(), mode);
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   CreateFile(mode, size, fetch);
 }
 
 CacheObj::~CacheObj() {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   if (file_) {
     file_->Close(true);
     file_.reset();
@@ -35,7 +35,7 @@ void CacheObj::CreateFile(char mode, long long size, IFetch* fetch) {
 }
 
 std::shared_ptr<ICacheFile> CacheObj::CurrentFile() {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   return file_;
 }
 
@@ -58,7 +58,7 @@ unsigned int CacheObj::SetMode(char mode, long long size, IFetch* fetch) {
     KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] %s : Invalid cache mode", "SetMode");
     return kErrInvalidMode;
   }
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   if (!file_) {
     KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] %s : Cache was not created. Create new cache for %s", "SetMode",
              file_name_.c_str());
@@ -79,37 +79,37 @@ unsigned int CacheObj::SetMode(char mode, long long size, IFetch* fetch) {
 }
 
 unsigned int CacheObj::Reserve(long long offset, long long length) {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   return file_ ? file_->Reserve(offset, length) : kErrInvalidArgument;
 }
 
 unsigned int CacheObj::ClearReserved(long long offset, long long length) {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   return file_ ? file_->ClearReserved(offset, length) : kErrInvalidArgument;
 }
 
 unsigned int CacheObj::Truncate(long long size) {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   return file_ ? file_->Truncate(size) : kErrInvalidArgument;
 }
 
 unsigned int CacheObj::FillEmptySectors(IFetch* fetch) {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   return file_ ? file_->FillEmptySectors(fetch) : kErrInvalidArgument;
 }
 
 std::string CacheObj::GetHashIndex() {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   return hash_index_;
 }
 
 void CacheObj::SetHashIndex(const char* hash_index) {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   hash_index_ = hash_index != nullptr ? hash_index : "";
 }
 
 unsigned int CacheObj::Close(bool force) {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   if (!file_) return kErrNotOpen;
   unsigned int result = file_->Close(force);
   if (force) file_.reset();
@@ -117,27 +117,27 @@ unsigned int CacheObj::Close(bool force) {
 }
 
 bool CacheObj::IsReadOnly() {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   return file_ ? file_->IsReadonly() : false;
 }
 
 long long CacheObj::GetFileSize() {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   return file_ ? file_->GetFileSizeForQuota() : 0;
 }
 
 bool CacheObj::CheckHandles() {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   return file_ ? file_->CheckHandles() : false;
 }
 
 void CacheObj::ClearOldCache(bool over_quota) {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   if (file_) file_->ClearOldCache(over_quota);
 }
 
 void CacheObj::ChangeFileName(std::string new_name) {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   if (!file_) return;
   file_name_ = new_name;
   file_->ChangeFileName(std::move(new_name));

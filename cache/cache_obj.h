@@ -13,9 +13,9 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "common/thread_annotations.h"
 #include "korvcache.h"
 
 class CacheObj : public ICacheObj {
@@ -59,17 +59,16 @@ class CacheObj : public ICacheObj {
   void ChangeFileName(std::string new_name);
 
  private:
-  // REQUIRES: lock_ held. Throws like the constructor.
-  void CreateFile(char mode, long long size, IFetch* fetch);
-  std::shared_ptr<ICacheFile> CurrentFile();
+  // Throws like the constructor.
+  void CreateFile(char mode, long long size, IFetch* fetch) REQUIRES(lock_);
+  std::shared_ptr<ICacheFile> CurrentFile() EXCLUDES(lock_);
 
   const std::string directory_;
   const std::shared_ptr<ICacheConfig> config_owner_;
   ICacheConfig* const config_;
 
-  std::mutex lock_;
-  // State below is protected by lock_.
-  std::string file_name_;
-  std::string hash_index_;
-  std::shared_ptr<ICacheFile> file_;
+  Mutex lock_;
+  std::string file_name_ GUARDED_BY(lock_);
+  std::string hash_index_ GUARDED_BY(lock_);
+  std::shared_ptr<ICacheFile> file_ GUARDED_BY(lock_);
 };

@@ -1,14 +1,15 @@
 #include "cache/logging.h"
 
 #include <atomic>
-#include <mutex>
+
+#include "common/thread_annotations.h"
 
 namespace {
 // Binding and unbinding are serialised by `ll`; readers load the pointer
 // without it. Release/acquire so that a reader that sees a logger also sees
 // the logger's own construction.
 std::atomic<ILog*> logger{nullptr};
-std::mutex ll;
+Mutex ll;
 }  // namespace
 
 ILog* CurrentLogger() { return logger.load(std::memory_order_acquire); }
@@ -23,12 +24,12 @@ void __LOG__A(ILog* log, LOGLEVEL level, const char* format, ...) {
 
 extern "C" KORV_EXPORT bool Cache_BindLogger(ILog* log) {
   if (log == nullptr) return false;
-  std::lock_guard<std::mutex> guard(ll);
+  MutexLock guard(ll);
   logger.store(log, std::memory_order_release);
   return true;
 }
 
 extern "C" KORV_EXPORT void Cache_UnbindLogger() {
-  std::lock_guard<std::mutex> guard(ll);
+  MutexLock guard(ll);
   logger.store(nullptr, std::memory_order_release);
 }

@@ -24,7 +24,7 @@ QuotaThread::QuotaThread(QuotaDirectory* directory) : directory_(directory) {
 
 QuotaThread::~QuotaThread() {
   {
-    std::lock_guard<std::mutex> guard(lock_);
+    MutexLock guard(lock_);
     stopping_ = true;
   }
   wake_.notify_all();
@@ -79,9 +79,11 @@ void QuotaThread::Run() {
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] Cache quota manager started");
   Chrono handle_watch;
   Chrono clear_watch;
-  std::unique_lock<std::mutex> guard(lock_);
-  while (!stopping_) {
-    guard.unlock();
+  for (;;) {
+    {
+      MutexLock guard(lock_);
+      if (stopping_) break;
+    }
     const long long period = directory_->ClearPeriodMs();
     if (handle_watch.elapsed() > kHandleCheckMs) {
       CloseIdleStreams();
@@ -96,8 +98,8 @@ void QuotaThread::Run() {
       clear_watch.reset();
     }
     KORV_TEST_POINT("quota: pass done");
-    guard.lock();
-    wake_.wait_for(guard, kCycle, [this] { return stopping_; });
+    MutexLock guard(lock_);
+    wake_.wait_for(lock_, kCycle, [this]() REQUIRES(lock_) { return stopping_; });
   }
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] Cache quota manager stopped");
 }

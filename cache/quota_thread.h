@@ -9,11 +9,11 @@
 
 #include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "common/thread_annotations.h"
 #include "korvcache.h"
 
 class CacheObj;
@@ -60,8 +60,8 @@ class QuotaThread {
   void ClearFiles(long long total);
 
   QuotaDirectory* const directory_;
-  std::mutex lock_;
-  std::condition_variable wake_;
-  bool stopping_ = false;  // guarded by lock_
+  Mutex lock_;
+  std::condition_variable_any wake_;
+  bool stopping_ GUARDED_BY(lock_) = false;
   std::thread thread_;
 };

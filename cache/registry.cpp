@@ -1,22 +1,22 @@
 // The process-wide registry of cache managers, keyed by the exact path
 // string the client passed.
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
 #include "cache/cache_manager.h"
+#include "common/thread_annotations.h"
 
 namespace {
 // Held across a manager's construction and destruction (which joins its
 // quota thread), so InitCache and ReleaseCache calls are serialised.
-std::mutex cl;
-std::unordered_map<std::string, std::shared_ptr<Cache>> caches;  // guarded by cl
+Mutex cl;
+std::unordered_map<std::string, std::shared_ptr<Cache>> caches GUARDED_BY(cl);
 }  // namespace
 
 extern "C" KORV_EXPORT unsigned int InitCache(const char* path, unsigned long long limit, ICache_V2** cache) {
   if (path == nullptr || cache == nullptr) return kErrInvalidArgument;
-  std::lock_guard<std::mutex> guard(cl);
+  MutexLock guard(cl);
   auto it = caches.find(path);
   if (it == caches.end()) {
     try {
@@ -32,7 +32,7 @@ extern "C" KORV_EXPORT unsigned int InitCache(const char* path, unsigned long lo
 extern "C" KORV_EXPORT unsigned int ReleaseCache(const char* path) {
   if (path == nullptr) return kOk;
   std::shared_ptr<Cache> released;
-  std::lock_guard<std::mutex> guard(cl);
+  MutexLock guard(cl);
   auto it = caches.find(path);
   if (it != caches.end()) {
     released = std::move(it->second);

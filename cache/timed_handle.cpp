@@ -36,7 +36,7 @@ TimedHandle::~TimedHandle() = default;
 
 TimedHandle& TimedHandle::operator=(FILE* stream) {
   std::shared_ptr<FILE> fresh(stream, CloseHandle);
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   handle_.swap(fresh);
   last_tick_.store(NowNs(), std::memory_order_relaxed);
   // `fresh` now holds the previous stream; it is released with lock_ held.
@@ -44,7 +44,7 @@ TimedHandle& TimedHandle::operator=(FILE* stream) {
 }
 
 std::shared_ptr<FILE> TimedHandle::GetHandle() {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   last_tick_.store(NowNs(), std::memory_order_relaxed);
   return handle_;
 }
@@ -52,7 +52,7 @@ std::shared_ptr<FILE> TimedHandle::GetHandle() {
 TimedHandle::operator std::shared_ptr<FILE>() { return GetHandle(); }
 
 bool TimedHandle::IsValidHandle() {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   last_tick_.store(NowNs(), std::memory_order_relaxed);
   return handle_ != nullptr;
 }
@@ -62,7 +62,7 @@ bool TimedHandle::IsValidHandle() {
 void TimedHandle::Tick() { last_tick_.store(NowNs(), std::memory_order_relaxed); }
 
 bool TimedHandle::CloseIfExpired() {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   const int64_t idle = NowNs() - last_tick_.load(std::memory_order_relaxed);
   if (idle < kIdleTimeout.count() || handle_ == nullptr) return false;
   CloseInternal();
@@ -76,7 +76,7 @@ bool TimedHandle::CloseIfExpired() {
 }
 
 void TimedHandle::Close() {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   CloseInternal();
   if (handle_ != nullptr) {
     KORV_LOG(LOGLEVEL_DEBUG,

@@ -16,8 +16,9 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <string>
+
+#include "common/thread_annotations.h"
 
 // Deleter of every stream reference a TimedHandle makes: flushes and closes
 // `stream`. Returns false, doing nothing, when `stream` is null.
@@ -71,16 +72,13 @@ class TimedHandle {
   void Close();
 
  private:
-  // REQUIRES: lock_ held.
-  void CloseInternal();
+  void CloseInternal() REQUIRES(lock_);
 
   const std::string path_;
 
-  // State below is protected by lock_.
-  std::shared_ptr<FILE> handle_;
+  Mutex lock_;
+  std::shared_ptr<FILE> handle_ GUARDED_BY(lock_);
   // Steady-clock nanoseconds (time_since_epoch) of the last use. Written
   // under lock_ except by Tick, hence atomic; relaxed, as it publishes nothing.
   std::atomic<int64_t> last_tick_;
-
-  std::mutex lock_;
 };

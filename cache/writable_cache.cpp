@@ -83,12 +83,12 @@ WritableCache::WritableCache(std::string cache_dir, std::string name, long long 
 WritableCache::~WritableCache() { Close(true); }
 
 std::string WritableCache::GetFileName() const {
-  std::lock_guard<std::mutex> guard(name_lock_);
+  MutexLock guard(name_lock_);
   return file_name_;
 }
 
 void WritableCache::ChangeFileName(std::string new_name) {
-  std::lock_guard<std::mutex> guard(name_lock_);
+  MutexLock guard(name_lock_);
   file_name_ = std::move(new_name);
 }
 
@@ -156,7 +156,7 @@ unsigned int WritableCache::Read(_READDATA* rd) {
   const long long end = rd->offset + static_cast<long long>(rd->size);
 
   if (rd->fetch != nullptr) {
-    std::lock_guard<std::mutex> guard(index_lock_);
+    MutexLock guard(index_lock_);
     if (rd->offset < file_size_.load(std::memory_order_relaxed)) {
       // Holes the read covers whole are fetched too: the local file has
       // nothing there but zeros.
@@ -169,7 +169,7 @@ unsigned int WritableCache::Read(_READDATA* rd) {
   int error = 0;
   unsigned int result = kOk;
   {
-    std::lock_guard<std::mutex> guard(file_lock_);
+    MutexLock guard(file_lock_);
     // Closed with deletion or handed to a read-only cache.
     if (fp_ == nullptr) return kErrRead;
     if (CacheFileIo().Seek(fp_, rd->offset) != 0) {
@@ -215,7 +215,7 @@ unsigned int WritableCache::Write(_WRITEDATA* wd) {
   // A write of the whole file leaves nothing of the origin's worth keeping.
   const bool whole_file = offset == 0 && end == wd->file_size;
   if (wd->fetch != nullptr && !whole_file) {
-    std::lock_guard<std::mutex> guard(index_lock_);
+    MutexLock guard(index_lock_);
     if (offset < file_size_.load(std::memory_order_relaxed)) {
       // Only the sectors the write covers in part need their origin bytes.
       // The tail is the sector of the end offset, not of the last byte
@@ -224,7 +224,7 @@ unsigned int WritableCache::Write(_WRITEDATA* wd) {
       // this cache has behaved, so it stays.
       const long long head = SectorOf(offset);
       const long long tail = SectorOf(end);
-      auto partly_covered = [&](long long s) {
+      auto partly_covered = [&](long long s) REQUIRES(index_lock_) {
         return std::binary_search(empty_sectors_.begin(), empty_sectors_.end(), s) &&
                !(offset <= s && end >= s + kSectorSize);
       };
@@ -239,7 +239,7 @@ unsigned int WritableCache::Write(_WRITEDATA* wd) {
   int error = 0;
   bool failed = false;
   {
-    std::lock_guard<std::mutex> guard(file_lock_);
+    MutexLock guard(file_lock_);
     // Closed with deletion or handed to a read-only cache.
     if (fp_ == nullptr) return kErrFileWrite;
     if (CacheFileIo().Seek(fp_, offset) != 0) {
@@ -263,7 +263,7 @@ unsigned int WritableCache::Write(_WRITEDATA* wd) {
   wd->transferred = count;
 
   {
-    std::lock_guard<std::mutex> guard(index_lock_);
+    MutexLock guard(index_lock_);
     EraseHoles(SectorOf(offset), end);
   }
   GrowToPhysicalLength();
@@ -298,7 +298,7 @@ int WritableCache::FetchWrite(long long offset, const char* data, long length, l
   int error = 0;
   bool failed = false;
   {
-    std::lock_guard<std::mutex> guard(file_lock_);
+    MutexLock guard(file_lock_);
     if (fp_ == nullptr) return static_cast<int>(kErrFileWrite);
     if (CacheFileIo().Seek(fp_, offset) != 0) {
       error = errno;
@@ -330,7 +330,7 @@ int WritableCache::FetchWrite(long long offset, const char* data, long length, l
 
 unsigned int WritableCache::FillEmptySectors(IFetch* fetch) {
   if (fetch == nullptr) return kErrInvalidArgument;
-  std::lock_guard<std::mutex> guard(index_lock_);
+  MutexLock guard(index_lock_);
   // The cache's own handle: type 2 marks whole-file fetches of the cache,
   // state 1 an open handle. The fetcher names it.
   auto handle = std::make_shared<_FS_HANDLE>(_FS_HANDLE{2, 1, 0, std::string()});
@@ -344,9 +344,9 @@ unsigned int WritableCache::FillEmptySectors(IFetch* fetch) {
 }
 
 unsigned int WritableCache::Truncate(long long length) {
-  std::lock_guard<std::mutex> guard(index_lock_);
+  MutexLock guard(index_lock_);
   {
-    std::lock_guard<std::mutex> file_guard(file_lock_);
+    MutexLock file_guard(file_lock_);
     // Flush first: bytes still buffered in the stream would otherwise land
     // after the cut and grow the file again.
     if (fp_ == nullptr || CacheFileIo().Flush(fp_) != 0 || CacheFileIo().Truncate(fp_, length) != 0) {
@@ -364,11 +364,11 @@ unsigned int WritableCache::Truncate(long long length) {
 
 unsigned int WritableCache::Close(bool remove) {
   delete_on_close_.store(remove, std::memory_order_relaxed);
-  std::lock_guard<std::mutex> guard(index_lock_);
+  MutexLock guard(index_lock_);
   if (!delete_on_close_.load(std::memory_order_relaxed)) return kOk;
   FILE* stream;
   {
-    std::lock_guard<std::mutex> file_guard(file_lock_);
+    MutexLock file_guard(file_lock_);
     stream = fp_;
     fp_ = nullptr;
   }
@@ -384,14 +384,14 @@ unsigned int WritableCache::Close(bool remove) {
 long long WritableCache::GetFileSize() {
   // Under file_lock_: the seek moves the position another thread may be
   // about to read or write at.
-  std::lock_guard<std::mutex> guard(file_lock_);
+  MutexLock guard(file_lock_);
   if (fp_ == nullptr) return 0;
   const long long end = CacheFileIo().Size(fp_);
   return end < 0 ? 0 : end;
 }
 
 FILE* WritableCache::ReleaseStream() {
-  std::lock_guard<std::mutex> guard(file_lock_);
+  MutexLock guard(file_lock_);
   FILE* stream = fp_;
   fp_ = nullptr;
   // The new owner may read the file through its descriptor: nothing may stay

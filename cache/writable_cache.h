@@ -20,10 +20,10 @@
 #include <cstdio>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "common/thread_annotations.h"
 #include "korvcache.h"
 
 class WritableCache : public ICacheFile, public IFetchCallback {
@@ -82,7 +82,7 @@ class WritableCache : public ICacheFile, public IFetchCallback {
   void ClearOldCache(bool) override {}
   // The physical length of the local file; 0 without a stream or when the
   // seek fails. Takes file_lock_.
-  long long GetFileSize() override;
+  long long GetFileSize() override EXCLUDES(file_lock_);
   long long GetFileSizeForQuota() override { return GetFileSize(); }
   long long GetLargestEmptyOffset(long long) override { return -1; }
   // Fetches every remaining hole, in runs of adjacent sectors, under a handle
@@ -97,56 +97,56 @@ class WritableCache : public ICacheFile, public IFetchCallback {
 
   // Stores origin bytes at their own offset and clears the hole that starts
   // exactly at `offset`. During a fetch of this object only the part within
-  // the run asked for is stored. REQUIRES: index_lock_ held by the thread
-  // that called the fetcher (only fetches started here deliver to this
-  // object). Returns: kOk, kErrFileWrite (also when not all of it could be
-  // written).
-  int FetchWrite(long long offset, const char* data, long length, long* written) override;
+  // the run asked for is stored. index_lock_ is held by the thread that
+  // called the fetcher (only fetches started here deliver to this object).
+  // Returns: kOk, kErrFileWrite (also when not all of it could be written).
+  int FetchWrite(long long offset, const char* data, long length, long* written) override
+      REQUIRES(index_lock_);
 
   // The log tag. A copy: ChangeFileName may replace it on another thread.
-  std::string GetFileName() const;
+  std::string GetFileName() const EXCLUDES(name_lock_);
   const std::string& GetCacheDir() const { return cache_dir_; }
   const std::string& GetCachePath() const { return cache_path_; }
   // Hands the open stream to the caller and forgets it: afterwards this
   // object has no file, and Close(true) and destruction leave it on disk.
   // Null when no stream is held.
-  FILE* ReleaseStream();
+  FILE* ReleaseStream() EXCLUDES(file_lock_);
 
  private:
   // Fetches `sectors` (hole starts, ascending) in runs of adjacent sectors.
-  // A failed run is logged and the next one tried. REQUIRES: index_lock_ held.
+  // A failed run is logged and the next one tried.
   void FetchEmptySectors(const std::vector<long long>& sectors, IFetch* fetch,
-                         const std::shared_ptr<_FS_HANDLE>& handle);
-  // The holes in [from, to). REQUIRES: index_lock_ held.
-  std::vector<long long> HolesIn(long long from, long long to) const;
-  // Forgets the holes in [from, to). REQUIRES: index_lock_ held.
-  void EraseHoles(long long from, long long to);
+                         const std::shared_ptr<_FS_HANDLE>& handle) REQUIRES(index_lock_);
+  // The holes in [from, to).
+  std::vector<long long> HolesIn(long long from, long long to) const REQUIRES(index_lock_);
+  // Forgets the holes in [from, to).
+  void EraseHoles(long long from, long long to) REQUIRES(index_lock_);
   // file_size_ = max(file_size_, GetFileSize()).
   void GrowToPhysicalLength();
 
   // Written by Close before it takes index_lock_.
   std::atomic<bool> delete_on_close_{true};
   const std::string cache_dir_;
-  mutable std::mutex name_lock_;
-  std::string file_name_;  // guarded by name_lock_
+  mutable Mutex name_lock_ ACQUIRED_AFTER(file_lock_);
+  std::string file_name_ GUARDED_BY(name_lock_);
   std::string cache_path_;  // set once by the constructor
 
-  std::mutex index_lock_;
-  std::mutex file_lock_;
+  Mutex index_lock_;
+  Mutex file_lock_ ACQUIRED_AFTER(index_lock_);
 
-  // Guarded by file_lock_ (Close and ReleaseStream hold it to clear it).
-  FILE* fp_ = nullptr;
+  // Close and ReleaseStream hold file_lock_ to clear it.
+  FILE* fp_ GUARDED_BY(file_lock_) = nullptr;
 
   // The logical size. Changed under index_lock_ by Truncate; raised without
   // it after writes (only ever towards the physical length), hence atomic.
   std::atomic<long long> file_size_;
   // Starts of the sectors below the logical size that have been neither
   // fetched nor written. Ascending: filled in order, only ever erased from.
-  std::deque<long long> empty_sectors_;  // guarded by index_lock_
-  // The run a fetch of this object is bringing; -1 outside fetches. Guarded
-  // by index_lock_ (held by the thread whose fetch delivers).
-  long long fetching_from_ = -1;
-  long long fetching_to_ = -1;
+  std::deque<long long> empty_sectors_ GUARDED_BY(index_lock_);
+  // The run a fetch of this object is bringing; -1 outside fetches. Under
+  // index_lock_, held by the thread whose fetch delivers.
+  long long fetching_from_ GUARDED_BY(index_lock_) = -1;
+  long long fetching_to_ GUARDED_BY(index_lock_) = -1;
 
   ICacheConfig* const config_;
 };

@@ -10,7 +10,7 @@ Config::~Config() = default;
 
 void Config::Parse(std::string text) {
   if (text.empty()) return;
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   JsonObject document(text.c_str(), static_cast<unsigned int>(text.size()));
   for (auto& entry : entries_) {
     _CONFIGURATION& setting = entry.second;
@@ -21,7 +21,7 @@ void Config::Parse(std::string text) {
 }
 
 void Config::AddConfiguration(std::string name, std::string path, std::string value) {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   _CONFIGURATION& setting = entries_[name];
   setting.json_path = std::move(path);
   setting.default_value = value;
@@ -33,7 +33,7 @@ void Config::AddConfiguration(std::string name, std::string path, unsigned int v
 }
 
 std::string Config::GetValue(std::string name) {
-  std::lock_guard<std::mutex> guard(lock_);
+  MutexLock guard(lock_);
   // The subscript registers an unknown name with empty fields. That is
   // long-standing, visible behaviour (Parse then gives such a name the whole
   // document) and is kept.

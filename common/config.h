@@ -2,11 +2,12 @@
 // JSON documents.
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <unordered_map>
 
 #include "korvcache.h"
+// By its own name: installed beside this header.
+#include "thread_annotations.h"
 
 // One registered setting.
 struct _CONFIGURATION {
@@ -47,7 +48,6 @@ class KORV_EXPORT Config {
   std::string GetValue(std::string name);
 
  private:
-  std::mutex lock_;
-  // State below is protected by lock_.
-  std::unordered_map<std::string, _CONFIGURATION> entries_;
+  Mutex lock_;
+  std::unordered_map<std::string, _CONFIGURATION> entries_ GUARDED_BY(lock_);
 };

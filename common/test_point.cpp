@@ -2,15 +2,16 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
+
+#include "common/thread_annotations.h"
 
 namespace {
 
 using Hook = std::function<void(const char*)>;
 
 std::atomic<bool> listening{false};
-std::mutex hook_lock;
-std::shared_ptr<Hook> installed;  // guarded by hook_lock
+Mutex hook_lock;
+std::shared_ptr<Hook> installed GUARDED_BY(hook_lock);
 
 }  // namespace
 
@@ -18,7 +19,7 @@ void ReachTestPoint(const char* name) {
   if (!listening.load(std::memory_order_relaxed)) return;
   std::shared_ptr<Hook> hook;
   {
-    std::lock_guard<std::mutex> guard(hook_lock);
+    MutexLock guard(hook_lock);
     hook = installed;
   }
   // Called without the lock: the hook may block until the test lets go.
@@ -26,7 +27,7 @@ void ReachTestPoint(const char* name) {
 }
 
 void SetTestPointHook(std::function<void(const char* name)> hook) {
-  std::lock_guard<std::mutex> guard(hook_lock);
+  MutexLock guard(hook_lock);
   installed = hook ? std::make_shared<Hook>(std::move(hook)) : nullptr;
   listening.store(installed != nullptr, std::memory_order_relaxed);
 }
