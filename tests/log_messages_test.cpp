@@ -254,7 +254,10 @@ const Row kRows[] = {
        handle.Close();
        held.reset();
        handle.Close();
+       TimedHandle from_stream(std::fopen(path.c_str(), "a"));  // no path: an empty tag
+       from_stream.Close();
        return Lines{
+           {LOGLEVEL_DEBUG, "[CACHE     ] [] Cache handle closed : force close"},
            {LOGLEVEL_DEBUG, "[CACHE     ] [" + path + "] Trying to close cache handle but there are references"},
            {LOGLEVEL_DEBUG,
             "[CACHE     ] [" + path + "] Trying to close cache handle but there are references : force close"},

@@ -72,22 +72,26 @@ TEST(ProcessTest, ChronoCountsWholeMillisecondsOnTheSteadyClock) {
   ResetClockForTesting();
 }
 
-TEST(ProcessTest, OctalToDecimal) {
-  EXPECT_EQ(0, octalToDecimal(0));
-  EXPECT_EQ(8, octalToDecimal(10));
-  EXPECT_EQ(493, octalToDecimal(755));
-  EXPECT_EQ(134217728, octalToDecimal(1000000000));  // 8^9
-  EXPECT_EQ(17, octalToDecimal(19));                   // 9 passes as a digit
-  EXPECT_EQ(-15, octalToDecimal(-17));
-}
+TEST(ProcessTest, OctalToDecimalAndPexecOutput) {
+  const struct {
+    int octal;
+    int decimal;
+  } kOctal[] = {{0, 0}, {10, 8}, {755, 493}, {1000000000, 134217728}, {19, 17} /* 9 passes as a digit */,
+                {-17, -15}};
+  for (const auto& c : kOctal) EXPECT_EQ(c.decimal, octalToDecimal(c.octal)) << c.octal;
 
-TEST(ProcessTest, PexecReturnsWholeStandardOutput) {
-  EXPECT_EQ("", pexec("true"));
-  EXPECT_EQ("no newline", pexec("printf 'no newline'"));
-  EXPECT_EQ("out\n", pexec("echo out; echo err-not-captured >&2"));
-  EXPECT_EQ("", pexec("/nonexistent/command 2>/dev/null"));
-  std::string a(300, 'a'), b(127, 'b');
-  EXPECT_EQ(a + "\n" + b + "\n" + a, pexec("printf '%s\\n%s\\n%s' " + a + " " + b + " " + a));
+  const std::string a(300, 'a'), b(127, 'b');
+  const struct {
+    std::string command;
+    std::string output;
+  } kPexec[] = {
+      {"true", ""},
+      {"printf 'no newline'", "no newline"},
+      {"echo out; echo err-not-captured >&2", "out\n"},
+      {"/nonexistent/command 2>/dev/null", ""},
+      {"printf '%s\\n%s\\n%s' " + a + " " + b + " " + a, a + "\n" + b + "\n" + a},  // across buffer refills
+  };
+  for (const auto& c : kPexec) EXPECT_EQ(c.output, pexec(c.command)) << c.command;
   EXPECT_EQ(1000000u, pexec("head -c 1000000 /dev/zero | tr '\\0' z").size());
 }
 

@@ -13,17 +13,14 @@
 #include <memory>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "common/clock.h"
-#include "support/recording_log.h"
 #include "support/temp_dir.h"
 
 namespace {
 
 using std::chrono::seconds;
-using LogLines = std::vector<std::pair<LOGLEVEL, std::string>>;
 
 constexpr seconds kIdle{11};
 
@@ -36,12 +33,7 @@ class TimedHandleTest : public ::testing::Test {
     return stream;
   }
   TempDir dir_;
-  RecordingLog log_;
 };
-
-LogLines Debug(const std::string& path, const std::string& text) {
-  return {{LOGLEVEL_DEBUG, "[CACHE     ] [" + path + "] " + text}};
-}
 
 std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -59,7 +51,6 @@ TEST_F(TimedHandleTest, ClosedUntilAStreamIsInstalledThenIdleExpiryFlushesAndClo
   EXPECT_EQ(handle.GetHandle(), nullptr);
   AdvanceClockForTesting(kIdle);
   EXPECT_FALSE(handle.CloseIfExpired());
-  EXPECT_TRUE(log_.Lines().empty());
 
   FILE* stream = Open("a.cache");
   const int fd = fileno(stream);
@@ -69,7 +60,6 @@ TEST_F(TimedHandleTest, ClosedUntilAStreamIsInstalledThenIdleExpiryFlushesAndClo
   EXPECT_TRUE(handle.CloseIfExpired());
   EXPECT_FALSE(FdOpen(fd));
   EXPECT_EQ(ReadFile(path), "hello");
-  EXPECT_EQ(log_.Lines(), Debug(path, "Cache handle closed"));
   EXPECT_FALSE(handle.IsValidHandle());
 }
 
@@ -101,7 +91,6 @@ TEST_F(TimedHandleTest, UsesPushTheElevenSecondDeadlineAndClosersDoNot) {
   handle.Close();                         // referenced
   held.reset();
   EXPECT_TRUE(handle.CloseIfExpired());  // neither closer counted as a use
-  EXPECT_EQ(log_.Lines().back(), Debug("", "Cache handle closed")[0]);  // made from a stream: empty tag
 }
 
 TEST_F(TimedHandleTest, HeldReferenceBlocksBothClosersUntilAnotherCloseAfterItsRelease) {
@@ -112,18 +101,14 @@ TEST_F(TimedHandleTest, HeldReferenceBlocksBothClosersUntilAnotherCloseAfterItsR
   const int fd = fileno(held.get());
   AdvanceClockForTesting(kIdle);
   EXPECT_FALSE(handle.CloseIfExpired());
-  log_.Clear();
   handle.Close();
-  EXPECT_EQ(log_.Lines(), Debug(path, "Trying to close cache handle but there are references : force close"));
 
   EXPECT_GE(std::fputs("still mine", held.get()), 0);
   held.reset();
   EXPECT_TRUE(FdOpen(fd));  // letting go closes nothing: the handle still owns it
-  log_.Clear();
   handle.Close();
   EXPECT_FALSE(FdOpen(fd));
   EXPECT_EQ(ReadFile(path), "still mine");
-  EXPECT_EQ(log_.Lines(), Debug(path, "Cache handle closed : force close"));
   EXPECT_FALSE(handle.IsValidHandle());
 }
 
