@@ -27,11 +27,12 @@ TEST(IniTest, LookupsInAReadableFile) {
                   "spaced = 7\ntwice=8=9\nempty=\nnegative=-1\npadded= 42abc\nfiller=" +
                       std::string(2040, 'a') + "hidden=9\n" + std::string(2047, 'b') + "[next]\ny=2\n" +
                       "[cache]\nlater=6\n");
+  // The number from GetPrivateProfileInt (default 3), the text from
+  // GetPrivateProfileString (default "dflt").
   const struct {
-    const char* section;
-    const char* key;
-    unsigned int number;  // from GetPrivateProfileInt, default 3
-    const char* text;     // from GetPrivateProfileString, default "dflt"
+    const char *section, *key;
+    unsigned int number;
+    const char* text;
   } kCases[] = {
       {" CACHE\t", "RA_HIT_STREAK", 5, "5"},  // sections trimmed, both folded
       {"cache", " ra_hit_streak", 0, "dflt"},  // the key is not trimmed
@@ -69,8 +70,7 @@ TEST(IniTest, StringBufferSizeRules) {
   const std::string file = dir.Write("s.ini", "[cache]\nkey=abcd\n");
   const struct {
     const char* default_value;
-    int size;
-    int result;
+    int size, result;
     const char* text;  // null: the buffer is untouched
   } kCases[] = {
       {"xy", 5, 4, "abcd"},  // the value and its zero must fit

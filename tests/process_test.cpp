@@ -12,6 +12,8 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "common/clock.h"
 #include "common/platform.h"
@@ -73,25 +75,21 @@ TEST(ProcessTest, ChronoCountsWholeMillisecondsOnTheSteadyClock) {
 }
 
 TEST(ProcessTest, OctalToDecimalAndPexecOutput) {
-  const struct {
-    int octal;
-    int decimal;
-  } kOctal[] = {{0, 0}, {10, 8}, {755, 493}, {1000000000, 134217728}, {19, 17} /* 9 passes as a digit */,
-                {-17, -15}};
-  for (const auto& c : kOctal) EXPECT_EQ(c.decimal, octalToDecimal(c.octal)) << c.octal;
-
+  // 9 passes as a digit; the sign is kept.
+  for (auto c : std::vector<std::pair<int, int>>{{0, 0}, {10, 8}, {755, 493}, {1000000000, 134217728}, {19, 17},
+                                                  {-17, -15}}) {
+    EXPECT_EQ(c.second, octalToDecimal(c.first)) << c.first;
+  }
   const std::string a(300, 'a'), b(127, 'b');
-  const struct {
-    std::string command;
-    std::string output;
-  } kPexec[] = {
-      {"true", ""},
-      {"printf 'no newline'", "no newline"},
-      {"echo out; echo err-not-captured >&2", "out\n"},
-      {"/nonexistent/command 2>/dev/null", ""},
-      {"printf '%s\\n%s\\n%s' " + a + " " + b + " " + a, a + "\n" + b + "\n" + a},  // across buffer refills
-  };
-  for (const auto& c : kPexec) EXPECT_EQ(c.output, pexec(c.command)) << c.command;
+  for (auto c : std::vector<std::pair<std::string, std::string>>{
+           {"true", ""},
+           {"printf 'no newline'", "no newline"},
+           {"echo out; echo err-not-captured >&2", "out\n"},
+           {"/nonexistent/command 2>/dev/null", ""},
+           {"printf '%s\\n%s\\n%s' " + a + " " + b + " " + a, a + "\n" + b + "\n" + a},  // across buffer refills
+       }) {
+    EXPECT_EQ(c.second, pexec(c.first)) << c.first;
+  }
   EXPECT_EQ(1000000u, pexec("head -c 1000000 /dev/zero | tr '\\0' z").size());
 }
 

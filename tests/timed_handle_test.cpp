@@ -7,15 +7,14 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "common/clock.h"
+#include "support/file_helpers.h"
 #include "support/temp_dir.h"
 
 namespace {
@@ -34,11 +33,6 @@ class TimedHandleTest : public ::testing::Test {
   }
   TempDir dir_;
 };
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 // Whether `fd` is still open. Checked before anything else is opened, so that
 // a closed descriptor's number cannot have been reused.
@@ -59,7 +53,7 @@ TEST_F(TimedHandleTest, ClosedUntilAStreamIsInstalledThenIdleExpiryFlushesAndClo
   AdvanceClockForTesting(kIdle);
   EXPECT_TRUE(handle.CloseIfExpired());
   EXPECT_FALSE(FdOpen(fd));
-  EXPECT_EQ(ReadFile(path), "hello");
+  EXPECT_EQ(FileContents(path), "hello");
   EXPECT_FALSE(handle.IsValidHandle());
 }
 
@@ -108,7 +102,7 @@ TEST_F(TimedHandleTest, HeldReferenceBlocksBothClosersUntilAnotherCloseAfterItsR
   EXPECT_TRUE(FdOpen(fd));  // letting go closes nothing: the handle still owns it
   handle.Close();
   EXPECT_FALSE(FdOpen(fd));
-  EXPECT_EQ(ReadFile(path), "still mine");
+  EXPECT_EQ(FileContents(path), "still mine");
   EXPECT_FALSE(handle.IsValidHandle());
 }
 
@@ -129,14 +123,14 @@ TEST_F(TimedHandleTest, ReplacedOrOrphanedStreamClosesWithItsLastReference) {
     EXPECT_GE(std::fputs("two", old.get()), 0);  // the replaced stream works for its holder
     old.reset();
     EXPECT_FALSE(FdOpen(fd_two));
-    EXPECT_EQ(ReadFile(dir_.File("two")), "two");
+    EXPECT_EQ(FileContents(dir_.File("two")), "two");
     survivor = handle.GetHandle();
   }
   EXPECT_TRUE(FdOpen(fd_three));  // a holder may outlive the handle itself
   EXPECT_GE(std::fputs("three", survivor.get()), 0);
   survivor.reset();
   EXPECT_FALSE(FdOpen(fd_three));
-  EXPECT_EQ(ReadFile(dir_.File("three")), "three");
+  EXPECT_EQ(FileContents(dir_.File("three")), "three");
   EXPECT_FALSE(CloseHandle(nullptr));
 }
 
@@ -175,7 +169,7 @@ TEST_F(TimedHandleTest, ConcurrentUseAndClosingLoseNoWrites) {
   EXPECT_FALSE(handle.IsValidHandle());
   EXPECT_GT(written.load(), 0);
   // Every stream, replaced or closed, was flushed by its last holder.
-  EXPECT_EQ(ReadFile(path).size(), static_cast<size_t>(written.load()));
+  EXPECT_EQ(FileContents(path).size(), static_cast<size_t>(written.load()));
 }
 
 }  // namespace

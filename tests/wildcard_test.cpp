@@ -31,10 +31,8 @@ bool Match(const std::string& expression, const std::string& name, bool ignore_c
 
 TEST(WildcardTest, MatchesByTable) {
   const struct {
-    const char* expression;
-    const char* name;
-    bool ignore_case;
-    bool match;
+    const char *expression, *name;
+    bool ignore_case, match;
   } kCases[] = {
       {"*", "", false, true},
       {"*.txt", "a.txt", false, true},
