@@ -42,11 +42,6 @@ std::unique_ptr<JsonObject> Parse(const std::string& text, bool zero_terminated)
   }
 }
 
-void CheckRoundTrip(const JsonObject& doc) {
-  std::unique_ptr<JsonObject> again = Parse(doc.ToText(), false);
-  Check(again != nullptr && again->ToText() == doc.ToText(), "printed JSON does not read back the same");
-}
-
 // Member paths below `path`, depth first, at most 24 in all.
 void CollectPaths(JsonObject& doc, const std::string& path, int depth, std::vector<std::string>* out) {
   std::vector<std::string> names;
@@ -59,17 +54,6 @@ void CollectPaths(JsonObject& doc, const std::string& path, int depth, std::vect
     if (out->size() >= 24 || name.find('/') != std::string::npos || name.find('\0') != std::string::npos) continue;
     out->push_back(path + "/" + name);
     CollectPaths(doc, out->back(), depth + 1, out);
-  }
-}
-
-// Every conversion; jsoncpp's refusals and malformed UTF-8 are the
-// documented failures.
-template <typename T>
-void Convert(const JsonObject& value) {
-  try {
-    (void)static_cast<T>(value);
-  } catch (const Json::Exception&) {
-  } catch (const std::range_error&) {
   }
 }
 
@@ -116,38 +100,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (doc == nullptr) return 0;
 
   const std::string original = doc->ToText();
-  CheckRoundTrip(*doc);
+  std::unique_ptr<JsonObject> again = Parse(original, false);
+  Check(again != nullptr && again->ToText() == original, "printed JSON does not read back the same");
   for (const std::string& path : paths) {
     const bool has = doc->HasObject(path.c_str());
     try {
       JsonObject view = doc->GetObject(path.c_str());
       Check(has, "GetObject found a path HasObject denies");
-      Convert<std::string>(view);
-      Convert<std::wstring>(view);
-      Convert<long long>(view);
-      Convert<unsigned long long>(view);
-      Convert<AERROR>(view);
-      Convert<double>(view);
-      Convert<bool>(view);
-      (void)view.ToStyledText();
+      (void)static_cast<std::wstring>(view);  // jsoncpp's refusals and malformed UTF-8 are the failures
     } catch (AERROR error) {
       Check(!has && error == kErrInvalidArgument, "GetObject threw for a path that is there");
+    } catch (const Json::Exception&) {
+    } catch (const std::range_error&) {
     }
   }
   Check(doc->ToText() == original && !doc->HasObject(nullptr), "walking changed the document");
-
-  // Edits through views must keep the document printable.
-  for (size_t i = 0; i < paths.size() && i < 8; ++i) {
-    if (!doc->HasObject(paths[i].c_str())) continue;
-    JsonObject view = doc->GetObject(paths[i].c_str());
-    try {
-      if (i % 3 == 0) view = "edited";
-      if (i % 3 == 1 && doc->ToText().size() < 4096) view.Insert("copy", doc->Copy());
-      if (i % 3 == 2) view.InsertArrayItem(std::string(1, input[i % size]));
-    } catch (const Json::Exception&) {
-      // jsoncpp refuses edits that do not fit the value's type.
-    }
-    CheckRoundTrip(*doc);
-  }
   return 0;
 }

@@ -49,31 +49,22 @@ bool IsAscii(const std::string& s) {
 // Classic glob by dynamic programming: "*" any run, "?" exactly one
 // character, anything else itself (after toupper when ignoring case).
 bool ReferenceMatch(const std::string& expression, const std::string& name, bool ignore_case) {
-  const size_t n = name.size();
+  auto fold = [&](char c) { return ignore_case ? std::toupper(static_cast<unsigned char>(c)) : c; };
   // row[j]: the expression so far matches the first j characters of name.
-  std::vector<char> row(n + 1, 0);
+  std::vector<char> row(name.size() + 1, 0);
   row[0] = 1;
   for (char c : expression) {
-    std::vector<char> next(n + 1, 0);
-    if (c == '*') {
-      char any = 0;
-      for (size_t j = 0; j <= n; ++j) {
-        any = static_cast<char>(any | row[j]);
-        next[j] = any;
-      }
-    } else {
-      for (size_t j = 1; j <= n; ++j) {
-        if (!row[j - 1]) continue;
-        const char d = name[j - 1];
-        const bool same = c == '?' || (ignore_case ? std::toupper(static_cast<unsigned char>(c)) ==
-                                                         std::toupper(static_cast<unsigned char>(d))
-                                                   : c == d);
-        next[j] = same ? 1 : 0;
+    std::vector<char> next(name.size() + 1, 0);
+    for (size_t j = 0; j <= name.size(); ++j) {
+      if (c == '*') {
+        next[j] = row[j] || (j > 0 && next[j - 1]);
+      } else {
+        next[j] = j > 0 && row[j - 1] && (c == '?' || fold(c) == fold(name[j - 1]));
       }
     }
     row.swap(next);
   }
-  return row[n] != 0;
+  return row.back() != 0;
 }
 
 }  // namespace
