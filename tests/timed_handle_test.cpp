@@ -38,25 +38,6 @@ class TimedHandleTest : public ::testing::Test {
 // a closed descriptor's number cannot have been reused.
 bool FdOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
-TEST_F(TimedHandleTest, ClosedUntilAStreamIsInstalledThenIdleExpiryFlushesAndCloses) {
-  const std::string path = dir_.File("a.cache");
-  TimedHandle handle(path);
-  EXPECT_FALSE(handle.IsValidHandle());
-  EXPECT_EQ(handle.GetHandle(), nullptr);
-  AdvanceClockForTesting(kIdle);
-  EXPECT_FALSE(handle.CloseIfExpired());
-
-  FILE* stream = Open("a.cache");
-  const int fd = fileno(stream);
-  handle = stream;
-  std::fputs("hello", handle.GetHandle().get());
-  AdvanceClockForTesting(kIdle);
-  EXPECT_TRUE(handle.CloseIfExpired());
-  EXPECT_FALSE(FdOpen(fd));
-  EXPECT_EQ(FileContents(path), "hello");
-  EXPECT_FALSE(handle.IsValidHandle());
-}
-
 TEST_F(TimedHandleTest, UsesPushTheElevenSecondDeadlineAndClosersDoNot) {
   TimedHandle handle(Open("c.cache"));
   // The real clock runs on under the offset; 50 ms short stays short.
@@ -87,23 +68,32 @@ TEST_F(TimedHandleTest, UsesPushTheElevenSecondDeadlineAndClosersDoNot) {
   EXPECT_TRUE(handle.CloseIfExpired());  // neither closer counted as a use
 }
 
-TEST_F(TimedHandleTest, HeldReferenceBlocksBothClosersUntilAnotherCloseAfterItsRelease) {
+TEST_F(TimedHandleTest, ClosedUntilInstalledAndAHeldStreamOutlivesBothClosers) {
   const std::string path = dir_.File("d.cache");
   TimedHandle handle(path);
+  EXPECT_FALSE(handle.IsValidHandle());
+  EXPECT_EQ(handle.GetHandle(), nullptr);
+  AdvanceClockForTesting(kIdle);
+  EXPECT_FALSE(handle.CloseIfExpired());
+
   handle = Open("d.cache");
   std::shared_ptr<FILE> held = handle.GetHandle();
   const int fd = fileno(held.get());
   AdvanceClockForTesting(kIdle);
   EXPECT_FALSE(handle.CloseIfExpired());
   handle.Close();
-
   EXPECT_GE(std::fputs("still mine", held.get()), 0);
   held.reset();
   EXPECT_TRUE(FdOpen(fd));  // letting go closes nothing: the handle still owns it
-  handle.Close();
+  EXPECT_TRUE(handle.CloseIfExpired());
   EXPECT_FALSE(FdOpen(fd));
-  EXPECT_EQ(FileContents(path), "still mine");
+  EXPECT_EQ(FileContents(path), "still mine");  // flushed
   EXPECT_FALSE(handle.IsValidHandle());
+
+  handle = Open("e.cache");
+  const int other = fileno(handle.GetHandle().get());
+  handle.Close();  // unheld: closed at once, idle or not
+  EXPECT_FALSE(FdOpen(other));
 }
 
 TEST_F(TimedHandleTest, ReplacedOrOrphanedStreamClosesWithItsLastReference) {
