@@ -270,7 +270,9 @@ const Row kRows[] = {
              "unusedblock":10}}}})"), kOk);
          const std::string total = "[CACHE     ] [CACHE] [" + cache.path() + "] Total cache : 0(limits : " +
                                    std::to_string(cache.GetLimit()) + ")";
-         EXPECT_TRUE(WaitFor([&] { return e.log.Count(total) > 0; }));
+         // A settings file beside the program may have let one pass run before.
+         const int earlier = e.log.Count(total);
+         EXPECT_TRUE(WaitFor([&] { return e.log.Count(total) > earlier; }));
          EXPECT_EQ(cache.SetLimit(64 * kMiB - 1), kErrLimitTooSmall);
          EXPECT_EQ(cache.SetLimit(64 * kMiB), kOk);
          cache.Open("x/a.bin", 'r', e.origin.size(), &e.origin);
