@@ -38,7 +38,7 @@ void Query(const std::string& file, const std::string& section, const std::strin
   std::vector<char> buffer(static_cast<size_t>(std::max(size, 0)) + 2, '#');  // guard bytes around it
   const int result = GetPrivateProfileString(section, key, default_value, buffer.data() + 1, size, file);
   Check(buffer.front() == '#' && buffer.back() == '#', "GetPrivateProfileString wrote outside the buffer");
-  Check(result == 0 || (result < size && std::strlen(buffer.data() + 1) == static_cast<size_t>(result)),
+  Check(result == 0 || (result < size && buffer[static_cast<size_t>(result) + 1] == '\0'),
         "GetPrivateProfileString returned a count other than the length it wrote");
 
   // "\x01" as the default tells a found value from the default.
