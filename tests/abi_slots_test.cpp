@@ -19,7 +19,7 @@ namespace client_side {
 class MyLog {
  public:
   virtual ~MyLog() {}
-  virtual void Write(int level, const char* format, va_list args) {
+  __attribute__((format(printf, 3, 0))) virtual void Write(int level, const char* format, va_list args) {
     char text[256];
     std::vsnprintf(text, sizeof text, format, args);
     last_level = level;
