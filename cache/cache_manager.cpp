@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <regex>
 #include <vector>
 
 #include "cache/cache_obj.h"
@@ -47,16 +46,11 @@ const Setting kSettings[] = {
      &_CACHECONFIG::clroverunused, kDefaultCacheConfig.clroverunused},
 };
 
-const std::regex& Slash() {
-  static const std::regex slash("/");
-  return slash;
-}
-
 // Creates every component of `path` from the root; the result has a leading
 // and a trailing "/" and no empty components.
 std::string MakeDirectories(const std::string& path) {
   std::string built = "/";
-  for (const std::string& piece : split(path, Slash())) {
+  for (const std::string& piece : split(path, '/')) {
     if (piece.empty()) continue;
     built += piece + "/";
     if (mkdir(built.c_str(), 0755) != 0 && errno != EEXIST) {
@@ -207,7 +201,7 @@ std::shared_ptr<ICacheObj> Cache::Open(const char* name, char mode, long long si
   auto it = objects_.find(name);
   if (it == objects_.end()) {
     // Names that share their last component share one cache file name.
-    std::vector<std::string> pieces = split(name, Slash());
+    std::vector<std::string> pieces = split(name, '/');
     if (pieces.empty() || pieces.back().empty()) throw static_cast<AERROR>(kErrInvalidArgument);
     auto object = std::make_shared<CacheObj>(path_, pieces.back(), mode, size, fetch, link_.get(), name, link_);
     it = objects_.emplace(name, std::move(object)).first;

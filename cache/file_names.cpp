@@ -2,7 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <regex>
 #include <vector>
 
 #include "common/file_io.h"
@@ -13,7 +12,6 @@ bool IsFileOrDirectory(const std::string& path) {
 }
 
 std::string TagFromName(const std::string& name) {
-  static const std::regex kColon(":");
-  std::vector<std::string> parts = split(name, kColon);
+  std::vector<std::string> parts = split(name, ':');
   return parts.size() >= 2 ? parts[1] : name;
 }

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <regex>
 #include <thread>
 
 #include "cache/default_settings.h"

@@ -9,7 +9,6 @@
 #include <climits>
 #include <cstring>
 #include <map>
-#include <regex>
 #include <utility>
 
 #include "cache/default_settings.h"
@@ -28,8 +27,7 @@ namespace {
 // stem, so its numbered forms are "[0].noext", ...: numbered names of other
 // builds of this cache look the same, and the rule is kept for that.
 void StemAndExtension(const std::string& name, std::string* stem, std::string* extension) {
-  static const std::regex kDot("\\.");
-  std::vector<std::string> parts = split(name, kDot);
+  std::vector<std::string> parts = split(name, '.');
   *extension = parts.empty() ? std::string() : parts.back();
   stem->clear();
   for (size_t i = 0; i + 1 < parts.size(); ++i) {

@@ -4,7 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <regex>
 #include <utility>
 #include <vector>
 
@@ -35,7 +34,6 @@ bool FindValue(const std::string& section, std::string key, const std::string& f
   *opened = stream != nullptr;
   if (stream == nullptr) return false;
 
-  static const std::regex kEquals("=");
   bool found = false;
   bool in_section = false;
   char buffer[kLineBufferSize];
@@ -64,7 +62,7 @@ bool FindValue(const std::string& section, std::string key, const std::string& f
     // "key " and so never matches, and settings files must not have blanks
     // before the "=". A line that ends at its "=" yields one piece and is
     // skipped, so a found value is never empty.
-    std::vector<std::string> pieces = split(line, kEquals);
+    std::vector<std::string> pieces = split(line, '=');
     if (pieces.size() < 2) continue;
     if (ToLower(pieces[0]) == key) {
       *value = pieces[1];

@@ -2,7 +2,6 @@
 
 #include <codecvt>
 #include <locale>
-#include <regex>
 
 #include "common/ini.h"
 #include "common/split.h"
@@ -95,9 +94,8 @@ JsonObject& JsonObject::operator=(const JsonObject& other) {
 
 Json::Value* JsonObject::Find(const char* path) const {
   if (path == nullptr) return nullptr;
-  static const std::regex kSlash("/");
   Json::Value* value = current_;
-  for (const std::string& name : split(path, kSlash)) {
+  for (const std::string& name : split(path, '/')) {
     if (name.empty()) continue;
     // jsoncpp's isMember throws for anything but an object or null; a value
     // without members simply ends the walk.

@@ -20,3 +20,14 @@ std::vector<std::string> split(const std::string& text, const std::regex& patter
 std::vector<std::wstring> split(const std::wstring& text, const std::wregex& pattern) {
   return SplitPieces(text, pattern);
 }
+
+std::vector<std::string> split(const std::string& text, char separator) {
+  std::vector<std::string> pieces;
+  size_t start = 0;
+  for (size_t at = text.find(separator); at != std::string::npos; at = text.find(separator, start)) {
+    pieces.push_back(text.substr(start, at - start));
+    start = at + 1;
+  }
+  if (start < text.size() || pieces.empty()) pieces.push_back(text.substr(start));
+  return pieces;
+}

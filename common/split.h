@@ -1,4 +1,5 @@
-// Cutting a string at the matches of a regular expression.
+// Cutting a string at a separator character or at the matches of a regular
+// expression.
 #pragma once
 
 #include <regex>
@@ -18,3 +19,10 @@ KORV_EXPORT std::vector<std::string> split(const std::string& text, const std::r
 
 // The same on wide strings.
 KORV_EXPORT std::vector<std::wstring> split(const std::wstring& text, const std::wregex& pattern);
+
+// The pieces of `text` between occurrences of `separator`, by the same rules:
+// empty pieces inside are kept, a separator at the very end adds no empty
+// piece, and a text without the separator (the empty text included) is one
+// piece. For callers that cut at one literal character, without the cost of
+// a regular expression. Safe on any thread.
+KORV_EXPORT std::vector<std::string> split(const std::string& text, char separator);

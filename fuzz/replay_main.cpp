@@ -17,26 +17,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace {
 
-bool IsDirectory(const std::string& path) {
-  struct stat st {};
-  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
-bool IsRegularFile(const std::string& path) {
-  struct stat st {};
-  return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
-}
-
-// The regular files directly inside `dir`, sorted so that runs are repeatable.
-std::vector<std::string> FilesIn(const std::string& dir) {
+// `path` itself when it is a regular file, the regular files directly inside
+// it (sorted, so that runs are repeatable) when it is a directory.
+std::vector<std::string> Inputs(const std::string& path) {
   std::vector<std::string> files;
-  DIR* stream = opendir(dir.c_str());
-  if (stream == nullptr) return files;
-  while (dirent* entry = readdir(stream)) {
-    std::string path = dir + "/" + entry->d_name;
-    if (entry->d_name[0] != '.' && IsRegularFile(path)) files.push_back(path);
+  struct stat st {};
+  if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) files.push_back(path);
+  if (DIR* dir = opendir(path.c_str())) {
+    while (dirent* entry = readdir(dir)) {
+      const std::string file = path + "/" + entry->d_name;
+      if (entry->d_name[0] != '.' && stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode)) files.push_back(file);
+    }
+    closedir(dir);
   }
-  closedir(stream);
   std::sort(files.begin(), files.end());
   return files;
 }
@@ -44,26 +37,14 @@ std::vector<std::string> FilesIn(const std::string& dir) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) {
-    std::fprintf(stderr, "usage: %s FILE_OR_DIRECTORY...\n", argv[0]);
-    return 2;
-  }
   std::vector<std::string> inputs;
   for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    if (IsDirectory(arg)) {
-      std::vector<std::string> files = FilesIn(arg);
-      inputs.insert(inputs.end(), files.begin(), files.end());
-    } else if (IsRegularFile(arg)) {
-      inputs.push_back(arg);
-    } else {
-      std::fprintf(stderr, "%s: no such file or directory\n", arg.c_str());
-      return 2;
-    }
+    std::vector<std::string> files = Inputs(argv[i]);
+    inputs.insert(inputs.end(), files.begin(), files.end());
   }
   // An empty corpus would make the test pass without running anything.
   if (inputs.empty()) {
-    std::fprintf(stderr, "no inputs found\n");
+    std::fprintf(stderr, "usage: %s FILE_OR_DIRECTORY... (no inputs found)\n", argv[0]);
     return 2;
   }
   for (const std::string& path : inputs) {

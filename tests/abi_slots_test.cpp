@@ -15,29 +15,11 @@
 
 namespace client_side {
 
-class Log {
+// ILog: a virtual destructor, then Write.
+class MyLog {
  public:
-  virtual ~Log() {}
-  virtual void Write(int level, const char* format, va_list args) = 0;
-};
-
-class Queue {
- public:
-  virtual void NeverCalled() { ++never_called; }
-  virtual void Enqueue(void* work, void* param) = 0;
-  int never_called = 0;
-};
-
-class Fetch {
- public:
-  virtual long long Get(long long offset, long length, std::shared_ptr<_FS_HANDLE> handle,
-                        IFetchCallback* callback) = 0;
-  virtual std::string Describe(_FS_HANDLE* handle) = 0;
-};
-
-class MyLog : public Log {
- public:
-  void Write(int level, const char* format, va_list args) override {
+  virtual ~MyLog() {}
+  __attribute__((format(printf, 3, 0))) virtual void Write(int level, const char* format, va_list args) {
     char text[256];
     std::vsnprintf(text, sizeof text, format, args);
     last_level = level;
@@ -47,24 +29,28 @@ class MyLog : public Log {
   std::string last_line;
 };
 
-class MyQueue : public Queue {
+// The queue: a slot the library never calls, then Enqueue.
+class MyQueue {
  public:
-  void Enqueue(void* work, void* param) override {
+  virtual void NeverCalled() { ++never_called; }
+  virtual void Enqueue(void* work, void* param) {
     last_work = work;
     last_param = param;
   }
+  int never_called = 0;
   void* last_work = nullptr;
   void* last_param = nullptr;
 };
 
-class MyFetch : public Fetch {
+// IFetch: Get, then Describe.
+class MyFetch {
  public:
-  long long Get(long long offset, long length, std::shared_ptr<_FS_HANDLE>, IFetchCallback*) override {
+  virtual long long Get(long long offset, long length, std::shared_ptr<_FS_HANDLE>, IFetchCallback*) {
     got_offset = offset;
     got_length = length;
     return 0;
   }
-  std::string Describe(_FS_HANDLE*) override { return "described"; }
+  virtual std::string Describe(_FS_HANDLE*) { return "described"; }
   long long got_offset = -1;
   long got_length = -1;
 };

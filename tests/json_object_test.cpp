@@ -29,6 +29,10 @@ TEST(JsonObjectTest, Parsing) {
   EXPECT_EQ(ThrownCode([] { JsonObject("{\"a\":"); }), kErrJson);
   EXPECT_EQ(ThrownCode([] { JsonObject(""); }), kErrJson);
   EXPECT_EQ(ThrownCode([] { JsonObject(nullptr, 3); }), kErrJson);
+  // Nesting past the reader's depth limit is malformed input like any other.
+  const std::string deep(2000, '[');
+  EXPECT_EQ(ThrownCode([&] { JsonObject(deep.c_str()); }), kErrJson);
+  EXPECT_EQ(ThrownCode([&] { JsonObject(deep.data(), static_cast<unsigned int>(deep.size())); }), kErrJson);
 
   // Only `length` bytes are parsed, and nothing past them is read (the
   // vector holds no terminating zero).

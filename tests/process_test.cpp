@@ -6,12 +6,14 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <chrono>
 #include <cstdlib>
+#include <regex>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "common/clock.h"
 #include "common/platform.h"
@@ -29,15 +31,12 @@ TEST(PlatformTest, ExecutablePathNamesThisProgram) {
 }
 
 TEST(PlatformTest, UUIDsAreDistinctRandomVersion4Text) {
+  // Version 4: random, not time-based.
+  const std::regex form("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[0-9a-f]{4}-[0-9a-f]{12}");
   std::set<std::string> seen;
   for (int i = 0; i < 1000; ++i) {
     std::string uuid = NewUUID();
-    ASSERT_EQ(36u, uuid.size()) << uuid;
-    for (size_t k = 0; k < uuid.size(); ++k) {
-      bool dash = k == 8 || k == 13 || k == 18 || k == 23;
-      ASSERT_TRUE(dash ? uuid[k] == '-' : isxdigit(uuid[k]) && !isupper(uuid[k])) << uuid;
-    }
-    ASSERT_EQ('4', uuid[14]) << uuid;  // random, not time-based
+    ASSERT_TRUE(std::regex_match(uuid, form)) << uuid;
     seen.insert(uuid);
   }
   EXPECT_EQ(1000u, seen.size());
@@ -72,22 +71,22 @@ TEST(ProcessTest, ChronoCountsWholeMillisecondsOnTheSteadyClock) {
   ResetClockForTesting();
 }
 
-TEST(ProcessTest, OctalToDecimal) {
-  EXPECT_EQ(0, octalToDecimal(0));
-  EXPECT_EQ(8, octalToDecimal(10));
-  EXPECT_EQ(493, octalToDecimal(755));
-  EXPECT_EQ(134217728, octalToDecimal(1000000000));  // 8^9
-  EXPECT_EQ(17, octalToDecimal(19));                   // 9 passes as a digit
-  EXPECT_EQ(-15, octalToDecimal(-17));
-}
-
-TEST(ProcessTest, PexecReturnsWholeStandardOutput) {
-  EXPECT_EQ("", pexec("true"));
-  EXPECT_EQ("no newline", pexec("printf 'no newline'"));
-  EXPECT_EQ("out\n", pexec("echo out; echo err-not-captured >&2"));
-  EXPECT_EQ("", pexec("/nonexistent/command 2>/dev/null"));
-  std::string a(300, 'a'), b(127, 'b');
-  EXPECT_EQ(a + "\n" + b + "\n" + a, pexec("printf '%s\\n%s\\n%s' " + a + " " + b + " " + a));
+TEST(ProcessTest, OctalToDecimalAndPexecOutput) {
+  // 9 passes as a digit; the sign is kept.
+  for (auto c : std::vector<std::pair<int, int>>{{0, 0}, {10, 8}, {755, 493}, {1000000000, 134217728}, {19, 17},
+                                                  {-17, -15}}) {
+    EXPECT_EQ(c.second, octalToDecimal(c.first)) << c.first;
+  }
+  const std::string a(300, 'a'), b(127, 'b');
+  for (auto c : std::vector<std::pair<std::string, std::string>>{
+           {"true", ""},
+           {"printf 'no newline'", "no newline"},
+           {"echo out; echo err-not-captured >&2", "out\n"},
+           {"/nonexistent/command 2>/dev/null", ""},
+           {"printf '%s\\n%s\\n%s' " + a + " " + b + " " + a, a + "\n" + b + "\n" + a},  // across buffer refills
+       }) {
+    EXPECT_EQ(c.second, pexec(c.first)) << c.first;
+  }
   EXPECT_EQ(1000000u, pexec("head -c 1000000 /dev/zero | tr '\\0' z").size());
 }
 
@@ -112,12 +111,6 @@ TEST(ProcessTest, PexecThrowsWhenNoPipeCanBeOpened) {
   EXPECT_EQ("popen() failed!", message);
 }
 
-TEST(ProcessTest, IsRunningPID) {
-  EXPECT_TRUE(IsRunningPID(getpid()));
-  EXPECT_FALSE(IsRunningPID(0x7ffffff0));                // beyond any pid_max
-  EXPECT_FALSE(IsRunningPID((1LL << 32) + getpid()));  // not truncated to ours
-}
-
 TEST(ProcessTest, ResourcePathIsResolvedWhenItExists) {
   const std::string resources = GetCurrentPath() + "/../Resources";
   struct stat info;
@@ -134,7 +127,10 @@ TEST(ProcessTest, ResourcePathIsResolvedWhenItExists) {
   if (created) rmdir(resources.c_str());
 }
 
-TEST(ProcessTest, UserPaths) {
+TEST(ProcessTest, ProcessesAndUserPaths) {
+  EXPECT_TRUE(IsRunningPID(getpid()));
+  EXPECT_FALSE(IsRunningPID(0x7ffffff0));                // beyond any pid_max
+  EXPECT_FALSE(IsRunningPID((1LL << 32) + getpid()));  // not truncated to ours
   UserAccount account;
   if (CurrentUserAccount(&account)) {
     EXPECT_EQ(account.name + "\n", pexec("id -un"));

@@ -7,23 +7,19 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "common/clock.h"
-#include "support/recording_log.h"
+#include "support/file_helpers.h"
 #include "support/temp_dir.h"
 
 namespace {
 
 using std::chrono::seconds;
-using LogLines = std::vector<std::pair<LOGLEVEL, std::string>>;
 
 constexpr seconds kIdle{11};
 
@@ -36,42 +32,11 @@ class TimedHandleTest : public ::testing::Test {
     return stream;
   }
   TempDir dir_;
-  RecordingLog log_;
 };
-
-LogLines Debug(const std::string& path, const std::string& text) {
-  return {{LOGLEVEL_DEBUG, "[CACHE     ] [" + path + "] " + text}};
-}
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
 
 // Whether `fd` is still open. Checked before anything else is opened, so that
 // a closed descriptor's number cannot have been reused.
 bool FdOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
-
-TEST_F(TimedHandleTest, ClosedUntilAStreamIsInstalledThenIdleExpiryFlushesAndCloses) {
-  const std::string path = dir_.File("a.cache");
-  TimedHandle handle(path);
-  EXPECT_FALSE(handle.IsValidHandle());
-  EXPECT_EQ(handle.GetHandle(), nullptr);
-  AdvanceClockForTesting(kIdle);
-  EXPECT_FALSE(handle.CloseIfExpired());
-  EXPECT_TRUE(log_.Lines().empty());
-
-  FILE* stream = Open("a.cache");
-  const int fd = fileno(stream);
-  handle = stream;
-  std::fputs("hello", handle.GetHandle().get());
-  AdvanceClockForTesting(kIdle);
-  EXPECT_TRUE(handle.CloseIfExpired());
-  EXPECT_FALSE(FdOpen(fd));
-  EXPECT_EQ(ReadFile(path), "hello");
-  EXPECT_EQ(log_.Lines(), Debug(path, "Cache handle closed"));
-  EXPECT_FALSE(handle.IsValidHandle());
-}
 
 TEST_F(TimedHandleTest, UsesPushTheElevenSecondDeadlineAndClosersDoNot) {
   TimedHandle handle(Open("c.cache"));
@@ -101,30 +66,34 @@ TEST_F(TimedHandleTest, UsesPushTheElevenSecondDeadlineAndClosersDoNot) {
   handle.Close();                         // referenced
   held.reset();
   EXPECT_TRUE(handle.CloseIfExpired());  // neither closer counted as a use
-  EXPECT_EQ(log_.Lines().back(), Debug("", "Cache handle closed")[0]);  // made from a stream: empty tag
 }
 
-TEST_F(TimedHandleTest, HeldReferenceBlocksBothClosersUntilAnotherCloseAfterItsRelease) {
+TEST_F(TimedHandleTest, ClosedUntilInstalledAndAHeldStreamOutlivesBothClosers) {
   const std::string path = dir_.File("d.cache");
   TimedHandle handle(path);
+  EXPECT_FALSE(handle.IsValidHandle());
+  EXPECT_EQ(handle.GetHandle(), nullptr);
+  AdvanceClockForTesting(kIdle);
+  EXPECT_FALSE(handle.CloseIfExpired());
+
   handle = Open("d.cache");
   std::shared_ptr<FILE> held = handle.GetHandle();
   const int fd = fileno(held.get());
   AdvanceClockForTesting(kIdle);
   EXPECT_FALSE(handle.CloseIfExpired());
-  log_.Clear();
   handle.Close();
-  EXPECT_EQ(log_.Lines(), Debug(path, "Trying to close cache handle but there are references : force close"));
-
   EXPECT_GE(std::fputs("still mine", held.get()), 0);
   held.reset();
   EXPECT_TRUE(FdOpen(fd));  // letting go closes nothing: the handle still owns it
-  log_.Clear();
-  handle.Close();
+  EXPECT_TRUE(handle.CloseIfExpired());
   EXPECT_FALSE(FdOpen(fd));
-  EXPECT_EQ(ReadFile(path), "still mine");
-  EXPECT_EQ(log_.Lines(), Debug(path, "Cache handle closed : force close"));
+  EXPECT_EQ(FileContents(path), "still mine");  // flushed
   EXPECT_FALSE(handle.IsValidHandle());
+
+  handle = Open("e.cache");
+  const int other = fileno(handle.GetHandle().get());
+  handle.Close();  // unheld: closed at once, idle or not
+  EXPECT_FALSE(FdOpen(other));
 }
 
 TEST_F(TimedHandleTest, ReplacedOrOrphanedStreamClosesWithItsLastReference) {
@@ -144,14 +113,14 @@ TEST_F(TimedHandleTest, ReplacedOrOrphanedStreamClosesWithItsLastReference) {
     EXPECT_GE(std::fputs("two", old.get()), 0);  // the replaced stream works for its holder
     old.reset();
     EXPECT_FALSE(FdOpen(fd_two));
-    EXPECT_EQ(ReadFile(dir_.File("two")), "two");
+    EXPECT_EQ(FileContents(dir_.File("two")), "two");
     survivor = handle.GetHandle();
   }
   EXPECT_TRUE(FdOpen(fd_three));  // a holder may outlive the handle itself
   EXPECT_GE(std::fputs("three", survivor.get()), 0);
   survivor.reset();
   EXPECT_FALSE(FdOpen(fd_three));
-  EXPECT_EQ(ReadFile(dir_.File("three")), "three");
+  EXPECT_EQ(FileContents(dir_.File("three")), "three");
   EXPECT_FALSE(CloseHandle(nullptr));
 }
 
@@ -190,7 +159,7 @@ TEST_F(TimedHandleTest, ConcurrentUseAndClosingLoseNoWrites) {
   EXPECT_FALSE(handle.IsValidHandle());
   EXPECT_GT(written.load(), 0);
   // Every stream, replaced or closed, was flushed by its last holder.
-  EXPECT_EQ(ReadFile(path).size(), static_cast<size_t>(written.load()));
+  EXPECT_EQ(FileContents(path).size(), static_cast<size_t>(written.load()));
 }
 
 }  // namespace

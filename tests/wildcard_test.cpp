@@ -29,56 +29,63 @@ bool Match(const std::string& expression, const std::string& name, bool ignore_c
 
 }  // namespace
 
-TEST(WildcardTest, StarQuestionMarkAndLiterals) {
-  EXPECT_TRUE(Match("*", ""));
-  EXPECT_TRUE(Match("*.txt", "a.txt"));
-  EXPECT_TRUE(Match("*.txt", ".txt"));
-  EXPECT_FALSE(Match("*.txt", "a.txt.bak"));
-  EXPECT_TRUE(Match("*.txt", "a.txt.txt"));  // must not settle on the first ".txt"
-  EXPECT_TRUE(Match("a*b*c", "aXbYbZc"));
-  EXPECT_TRUE(Match("a?c", "abc"));
-  EXPECT_FALSE(Match("a?c", "ac"));
-  EXPECT_FALSE(Match("a?", "a"));
-  EXPECT_TRUE(Match("", ""));
-  EXPECT_FALSE(Match("", "a"));
-  EXPECT_FALSE(Match("abc", "abcd"));
-
-  EXPECT_TRUE(Match("A*C", "abxc", true));
-  EXPECT_FALSE(Match("ABC", "abc", false));
+TEST(WildcardTest, MatchesByTable) {
+  const struct {
+    const char *expression, *name;
+    bool ignore_case, match;
+  } kCases[] = {
+      {"*", "", false, true},
+      {"*.txt", "a.txt", false, true},
+      {"*.txt", ".txt", false, true},
+      {"*.txt", "a.txt.bak", false, false},
+      {"*.txt", "a.txt.txt", false, true},  // must not settle on the first ".txt"
+      {"a*b*c", "aXbYbZc", false, true},
+      {"a*.c", "a.c", false, true},  // a star inside matches nothing too
+      {"a?c", "abc", false, true},
+      {"a?c", "ac", false, false},
+      {"a?", "a", false, false},
+      {"", "", false, true},
+      {"", "a", false, false},
+      {"abc", "abcd", false, false},
+      {"A*C", "abxc", true, true},
+      {"ABC", "abc", false, false},
+      {"ABC", "abc", true, true},
+      // DOS dot: a "." or nothing.
+      {"a\"", "a", false, true},
+      {"a\"", "a.", false, true},
+      {"a\"", "ab", false, false},
+      // DOS star: up to the last dot, never swallowing it.
+      {"<.txt", "a.b.txt", false, true},
+      {"<.txt", "a.txt", false, true},
+      {"<.<", "a.b.c", false, true},
+      {"<", "a.b", false, false},
+      {"a<", "abc", false, true},
+      {"<", "abc", false, false},  // nothing at the start of a dotless name
+      // DOS question mark: nothing at the last dot, an earlier dot is consumed.
+      {"a>c", "abc", false, true},
+      {"a>.b", "a.b", false, true},
+      {"a>b.c", "a.b.c", false, true},
+      {"a>", "a", false, false},
+      // An expression outlasting the name never reads past it; only these
+      // may match nothing: * < "
+      {"a*<\"*", "a", false, true},
+      {"abc?", "abc", false, false},
+      {"abc>", "abc", false, false},
+      {"a?b", "a", false, false},
+      {"a>b", "a", false, false},
+      {"a?>", "a", false, false},
+      {"a??????????????????", "ab", false, false},
+      {"*?*?*?*?*?*?*?*?", "abc", false, false},
+      {"<>>>>>>>>>>>>>>>>>", "x.y", false, false},
+      {"a.txt.with.a.longer.tail", "a.txt", false, false},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(std::string(c.expression) + " ~ " + c.name);
+    EXPECT_EQ(Match(c.expression, c.name, c.ignore_case), c.match);
+  }
 }
 
-TEST(WildcardTest, DosWildcards) {
-  EXPECT_TRUE(Match("a\"", "a"));  // DOS dot: a "." or nothing
-  EXPECT_TRUE(Match("a\"", "a."));
-  EXPECT_FALSE(Match("a\"", "ab"));
-
-  EXPECT_TRUE(Match("<.txt", "a.b.txt"));  // DOS star: up to the last dot
-  EXPECT_TRUE(Match("<.txt", "a.txt"));
-  EXPECT_TRUE(Match("<.<", "a.b.c"));
-  EXPECT_FALSE(Match("<", "a.b"));  // never swallows the last dot
-  EXPECT_TRUE(Match("a<", "abc"));
-  EXPECT_FALSE(Match("<", "abc"));  // matches nothing at the start of a dotless name
-
-  EXPECT_TRUE(Match("a>c", "abc"));      // DOS question mark
-  EXPECT_TRUE(Match("a>.b", "a.b"));     // nothing at the last dot
-  EXPECT_TRUE(Match("a>b.c", "a.b.c"));  // an earlier dot is consumed
-  EXPECT_FALSE(Match("a>", "a"));
-}
-
-TEST(WildcardTest, ExpressionOutlastingNameNeverReadsPastIt) {
-  EXPECT_TRUE(Match("a*<\"*", "a"));  // only these may match nothing
-  EXPECT_FALSE(Match("abc?", "abc"));
-  EXPECT_FALSE(Match("abc>", "abc"));
-  EXPECT_FALSE(Match("a?b", "a"));  // a step past the end must stop the walk
-  EXPECT_FALSE(Match("a>b", "a"));
-  EXPECT_FALSE(Match("a?>", "a"));
-  EXPECT_FALSE(Match("a??????????????????", "ab"));
-  EXPECT_FALSE(Match("*?*?*?*?*?*?*?*?", "abc"));
-  EXPECT_FALSE(Match("<>>>>>>>>>>>>>>>>>", "x.y"));
-  EXPECT_FALSE(Match("a.txt.with.a.longer.tail", "a.txt"));
-}
-
-TEST(WildcardTest, ManyStarsFinishQuickly) {
+TEST(WildcardTest, ManyStarsFinishQuicklyAndNullsNeverMatch) {
   // Plain backtracking takes exponential time on these.
   std::string name(100, 'a');
   std::string stars;
@@ -86,9 +93,7 @@ TEST(WildcardTest, ManyStarsFinishQuickly) {
   EXPECT_FALSE(Match(stars + "*b", name));
   EXPECT_TRUE(Match(stars + "*", name));
   EXPECT_FALSE(Match(std::string(20, '<') + "b", name + ".c"));
-}
-
-TEST(WildcardTest, NullPointersNeverMatch) {
+  // Null pointers never match.
   EXPECT_FALSE(IsNameInExpressionA(nullptr, "a", false));
   EXPECT_FALSE(IsNameInExpressionA("*", nullptr, false));
   EXPECT_FALSE(IsNameInExpression(nullptr, L"a", false));
