@@ -273,6 +273,8 @@ int RemoteDrive::Release(std::unique_ptr<OpenHandle> handle) {
 
 int RemoteDrive::Upload(RemoteFile* file) {
   const int result = UploadRemoteFile(origin_.get(), file, &uploads_);
+  // The directory's listing from before the upload lacks the file or has its
+  // old size, and a clean file is listed only as the origin lists it.
   if (result == 0) listings_.Forget(ParentOf(file->path));
   return result;
 }

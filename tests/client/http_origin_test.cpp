@@ -9,7 +9,6 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -287,7 +286,6 @@ TEST(HttpOriginTest, ListsDirectoriesAndStatsFilesAndDirectories) {
   nginx.WriteFile("sub dir/inner file", Pattern(77, 2));
   nginx.WriteFile("html/page", "x");
   nginx.SetMtime("a.bin", 981173106);
-  ASSERT_EQ(mkfifo((nginx.Root() + "/fifo").c_str(), 0644), 0);
   std::unique_ptr<Origin> origin = Connect(nginx.Url());
 
   std::vector<OriginEntry> entries;
