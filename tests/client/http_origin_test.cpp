@@ -12,11 +12,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
 #include <thread>
 
 #include "client/support/nginx_server.h"
+#include "client/support/test_bytes.h"
 #include "http_listing.h"
 #include "support/file_helpers.h"
 
@@ -36,18 +36,6 @@ class CurlEnvironment : public ::testing::Environment {
     if (!NginxServer::Installed(&why_)) GTEST_SKIP() << why_; \
     ASSERT_TRUE((server).Start(&why_)) << why_;               \
   } while (0)
-
-// Bytes that differ from their neighbours and do not repeat with a short
-// period, so a range delivered from the wrong offset cannot compare equal.
-std::string Pattern(size_t size, uint32_t seed) {
-  std::string out(size, '\0');
-  uint32_t x = seed * 2654435761u + 1;
-  for (size_t i = 0; i < size; ++i) {
-    x = x * 1664525u + 1013904223u;
-    out[i] = static_cast<char>(x >> 24);
-  }
-  return out;
-}
 
 std::unique_ptr<Origin> Connect(const std::string& url, long long timeout_ms = 5000) {
   OriginOptions options;
@@ -212,7 +200,7 @@ TEST(HttpListingTest, ParsesAutoindexJsonAndDatesAndRejectsOtherAnswers) {
 }
 
 TEST(HttpOriginTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
-  const std::string body = Pattern(1000, 9);
+  const std::string body = RandomBytes(1000, 9);
   // A 206 answer for [first, last] of which `sent` bytes arrive.
   auto partial = [&](long long first, long long last, size_t sent, const std::string& headers = "") {
     return "HTTP/1.1 206 Partial Content\r\n" + headers + "Content-Range: bytes " + std::to_string(first) + "-" +
@@ -280,10 +268,10 @@ TEST(HttpOriginTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
 TEST(HttpOriginTest, ListsDirectoriesAndStatsFilesAndDirectories) {
   NginxServer nginx("location /html/ { autoindex_format html; }\nlocation = /boom { return 500; }");
   START_NGINX(nginx);
-  nginx.WriteFile("a.bin", Pattern(1000, 1));
+  nginx.WriteFile("a.bin", RandomBytes(1000, 1));
   nginx.WriteFile("with space.txt", "hello");
   nginx.WriteFile("we?ird #name%.bin", "x");
-  nginx.WriteFile("sub dir/inner file", Pattern(77, 2));
+  nginx.WriteFile("sub dir/inner file", RandomBytes(77, 2));
   nginx.WriteFile("html/page", "x");
   nginx.SetMtime("a.bin", 981173106);
   std::unique_ptr<Origin> origin = Connect(nginx.Url());
@@ -331,13 +319,13 @@ TEST(HttpOriginTest, ListsDirectoriesAndStatsFilesAndDirectories) {
   ASSERT_EQ(prefixed->List("/", &entries, &error), OriginStatus::kOk) << error;
   ASSERT_EQ(entries.size(), 1u);
   EXPECT_EQ(entries[0].name, "inner file");
-  EXPECT_EQ(ReadRange(prefixed.get(), "/inner file", 0, 77).bytes, Pattern(77, 2));
+  EXPECT_EQ(ReadRange(prefixed.get(), "/inner file", 0, 77).bytes, RandomBytes(77, 2));
 }
 
 TEST(HttpOriginTest, ReadsExactRangesOverOneConnection) {
   NginxServer nginx;
   START_NGINX(nginx);
-  const std::string data = Pattern(100000, 3);
+  const std::string data = RandomBytes(100000, 3);
   const long long size = static_cast<long long>(data.size());
   nginx.WriteFile("dir/f.bin", data);
   std::unique_ptr<Origin> origin = Connect(nginx.Url());
@@ -388,8 +376,8 @@ TEST(HttpOriginTest, UploadsStoreTheWholeFileOrLeaveTheOldOne) {
   START_NGINX(nginx);
   nginx.WriteFile("sub dir/keep", "x");
   std::unique_ptr<Origin> origin = Connect(nginx.Url());
-  const std::string first = Pattern((3 << 20) + 7, 10);
-  const std::string second = Pattern(5000, 11);
+  const std::string first = RandomBytes((3 << 20) + 7, 10);
+  const std::string second = RandomBytes(5000, 11);
   const std::string path = "/new dir/deep/f #1.bin";
   const long long first_size = static_cast<long long>(first.size());
   std::string error;

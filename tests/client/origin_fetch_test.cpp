@@ -7,6 +7,8 @@
 
 #include <map>
 
+#include "client/support/test_bytes.h"
+
 namespace {
 
 constexpr long long kSector = 512 * 1024;
@@ -64,14 +66,8 @@ class RecordingCache : public IFetchCallback {
   long long refuse_at = -1;
 };
 
-std::string Pattern(size_t size) {
-  std::string bytes(size, '\0');
-  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 7 + i / 4096);
-  return bytes;
-}
-
 TEST(OriginFetch, DeliversWholeSectorsWhileTheOriginSends) {
-  const std::string bytes = Pattern(3 * kSector + 1000);
+  const std::string bytes = RandomBytes(3 * kSector + 1000, 1);
   MemoryOrigin origin(bytes);
   TransferCounters drive;
   auto file = std::make_shared<TransferCounters>();
@@ -94,7 +90,7 @@ TEST(OriginFetch, DeliversWholeSectorsWhileTheOriginSends) {
 }
 
 TEST(OriginFetch, ResumesAfterADropAndFailsWhenItCannotFinish) {
-  const std::string bytes = Pattern(2 * kSector);
+  const std::string bytes = RandomBytes(2 * kSector, 2);
   struct Case {
     const char* what;
     int breaks;

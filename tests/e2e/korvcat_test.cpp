@@ -2,10 +2,9 @@
 // that works where FUSE does not.
 #include <gtest/gtest.h>
 
-#include <random>
-
 #include "client/support/child_process.h"
 #include "client/support/nginx_server.h"
+#include "client/support/test_bytes.h"
 #include "sha256.h"
 #include "support/temp_dir.h"
 
@@ -22,9 +21,7 @@ TEST(Korvcat, ReadsVerifiesAndReportsErrors) {
   if (!NginxServer::Installed(&why)) GTEST_SKIP() << why;
   NginxServer nginx;
   ASSERT_TRUE(nginx.Start(&why)) << why;
-  std::mt19937 random(7);
-  std::string bytes(5 * 1024 * 1024 + 17, '\0');
-  for (char& c : bytes) c = static_cast<char>(random());
+  const std::string bytes = RandomBytes(5 * 1024 * 1024 + 17, 7);
   nginx.WriteFile("dir/file one.bin", bytes);
   TempDir cache;
   const std::string url = nginx.Url() + "/dir/file%20one.bin";
@@ -45,7 +42,7 @@ TEST(Korvcat, ReadsVerifiesAndReportsErrors) {
     argv.insert(argv.end(), c.args.begin(), c.args.end());
     std::string out, err;
     EXPECT_EQ(RunProgram(argv, &out, &err), c.status) << err;
-    EXPECT_TRUE(out == c.out) << out.size() << " bytes written";
+    EXPECT_TRUE(Same(out, c.out));
   }
   // A file cached by an earlier run is not served without asking the origin.
   nginx.Stop();

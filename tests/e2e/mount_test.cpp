@@ -18,21 +18,12 @@
 
 #include "client/support/child_process.h"
 #include "client/support/nginx_server.h"
+#include "client/support/test_bytes.h"
 #include "client/support/volume_mount.h"
 
 namespace {
 
 constexpr long long kMiB = 1 << 20;
-
-std::string RandomBytes(size_t size, unsigned seed) {
-  std::mt19937_64 random(seed);
-  std::string bytes(size, '\0');
-  for (size_t i = 0; i + 8 <= size; i += 8) {
-    const uint64_t word = random();
-    memcpy(&bytes[i], &word, 8);
-  }
-  return bytes;
-}
 
 // The whole file through read(2) in 1 MiB calls; errno of a failed read in
 // *error (0 when none). `first_read` is set once the first call returned.
@@ -146,7 +137,7 @@ TEST_F(MountTest, EveryFileMatchesTheOriginAndWarmReadsStayLocal) {
   for (auto& reader : readers) reader.join();
   EXPECT_EQ(mismatches, 0);
   EXPECT_EQ(failures, 0) << mount_->Messages();
-  for (auto& [name, bytes] : files) EXPECT_TRUE(ReadFile(mount_->Path(name)) == bytes) << name;
+  for (auto& [name, bytes] : files) EXPECT_TRUE(Same(ReadFile(mount_->Path(name)), bytes)) << name;
   struct stat st;
   ASSERT_EQ(stat(mount_->Path("big.bin").c_str(), &st), 0);
   EXPECT_EQ(st.st_size, static_cast<off_t>(big.size()));
@@ -156,7 +147,7 @@ TEST_F(MountTest, EveryFileMatchesTheOriginAndWarmReadsStayLocal) {
   EXPECT_EQ(errno, ENOENT);
 
   const int cold_gets = Gets();
-  for (auto& [name, bytes] : files) EXPECT_TRUE(ReadFile(mount_->Path(name)) == bytes) << name;
+  for (auto& [name, bytes] : files) EXPECT_TRUE(Same(ReadFile(mount_->Path(name)), bytes)) << name;
   // Opens ask the origin whether the file changed (HEAD), never for bytes.
   EXPECT_EQ(Gets(), cold_gets) << "a warm re-read fetched from the origin";
 
@@ -180,7 +171,7 @@ TEST_F(MountTest, WritesTruncatesAndNewFilesReachTheOrigin) {
   nginx_->WriteFile("docs/doc.bin", doc);
   const std::string fresh = RandomBytes(kMiB + 3, 4);
   ASSERT_TRUE(WriteFile(mount_->Path("docs/new.bin"), fresh));
-  EXPECT_TRUE(nginx_->ReadFile("docs/new.bin") == fresh) << "the upload at close did not arrive";
+  EXPECT_TRUE(Same(nginx_->ReadFile("docs/new.bin"), fresh)) << "the upload at close did not arrive";
 
   const int fd = open(mount_->Path("docs/doc.bin").c_str(), O_RDWR);
   ASSERT_GE(fd, 0);
@@ -189,12 +180,12 @@ TEST_F(MountTest, WritesTruncatesAndNewFilesReachTheOrigin) {
   ASSERT_EQ(pwrite(fd, "end", 3, static_cast<off_t>(doc.size())), 3);
   doc += "end";
   ASSERT_EQ(close(fd), 0);
-  EXPECT_TRUE(nginx_->ReadFile("docs/doc.bin") == doc);
+  EXPECT_TRUE(Same(nginx_->ReadFile("docs/doc.bin"), doc));
 
   ASSERT_EQ(truncate(mount_->Path("docs/doc.bin").c_str(), 700000), 0);
   doc.resize(700000);
-  EXPECT_TRUE(nginx_->ReadFile("docs/doc.bin") == doc);
-  EXPECT_TRUE(ReadFile(mount_->Path("docs/doc.bin")) == doc);
+  EXPECT_TRUE(Same(nginx_->ReadFile("docs/doc.bin"), doc));
+  EXPECT_TRUE(Same(ReadFile(mount_->Path("docs/doc.bin")), doc));
 }
 
 TEST_F(MountTest, CacheDirectoryStaysWithinTheLimit) {
@@ -208,7 +199,7 @@ TEST_F(MountTest, CacheDirectoryStaysWithinTheLimit) {
   // All files are there before the first listing: a listing is trusted for a second.
   for (int i = 0; i < 4; ++i) nginx_->WriteFile("f" + std::to_string(i), RandomBytes(40 * kMiB, 20 + i));
   for (int i = 0; i < 4; ++i) {
-    EXPECT_TRUE(ReadFile(mount_->Path("f" + std::to_string(i))) == RandomBytes(40 * kMiB, 20 + i)) << i;
+    EXPECT_TRUE(Same(ReadFile(mount_->Path("f" + std::to_string(i))), RandomBytes(40 * kMiB, 20 + i))) << i;
   }
   // The directory may run over between two clearing passes (100 ms apart),
   // never after one: korvmount's quota thread is waited for, up to 3 s.
@@ -240,7 +231,7 @@ TEST_F(MountTest, OriginDyingMidReadGivesAnErrorThenRecovers) {
 
   std::string why;
   ASSERT_TRUE(nginx_->Start(&why)) << why;
-  EXPECT_TRUE(ReadFile(mount_->Path("slow.bin"), &error) == bytes);
+  EXPECT_TRUE(Same(ReadFile(mount_->Path("slow.bin"), &error), bytes));
   EXPECT_EQ(error, 0);
 }
 
