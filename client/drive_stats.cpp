@@ -1,5 +1,8 @@
 #include "drive_stats.h"
 
+#include <dirent.h>
+#include <sys/stat.h>
+
 #include <json/json.h>
 
 namespace {
@@ -33,4 +36,25 @@ std::string RenderDriveStats(const DriveStatsInput& input) {
   Json::StreamWriterBuilder writer;
   writer["indentation"] = "  ";
   return Json::writeString(writer, root) + "\n";
+}
+
+unsigned long long DirectoryBytes(const std::string& dir) {
+  unsigned long long total = 0;
+  std::vector<std::string> pending = {dir};
+  while (!pending.empty()) {
+    const std::string current = pending.back();
+    pending.pop_back();
+    DIR* handle = opendir(current.c_str());
+    if (handle == nullptr) continue;
+    while (struct dirent* entry = readdir(handle)) {
+      const std::string name = entry->d_name;
+      if (name == "." || name == "..") continue;
+      struct stat st;
+      if (lstat((current + "/" + name).c_str(), &st) != 0) continue;
+      if (S_ISDIR(st.st_mode)) pending.push_back(current + "/" + name);
+      if (S_ISREG(st.st_mode)) total += static_cast<unsigned long long>(st.st_blocks) * 512;
+    }
+    closedir(handle);
+  }
+  return total;
 }

@@ -21,3 +21,7 @@ struct DriveStatsInput {
 };
 
 std::string RenderDriveStats(const DriveStatsInput& input);
+
+// Bytes the files under `dir` hold on disk: their allocated blocks, so the
+// unwritten slots of sparse files do not count.
+unsigned long long DirectoryBytes(const std::string& dir);

@@ -4,15 +4,21 @@
 // one file through it.
 //
 // Thread safety: every public operation may be called from many threads.
-// Lock order: a RemoteFile's io_lock, then files_lock_. Under files_lock_ the
-// only library calls are the manager's Open and Close of a name, which touch
-// its table; reads, writes and uploads run with at most an io_lock held.
+// Lock order: a RemoteFile's io_lock, then files_lock_, then the listings'
+// lock. Under files_lock_ the only library calls are the manager's Open and
+// Close of a name, which touch its table; reads, writes and uploads run with
+// at most an io_lock held.
+//
+// The work is divided: remote_file_io.* reads, writes and cuts one file
+// through its cache object, remote_file_upload.* saves what was written,
+// listing_cache.* keeps directory listings, drive_stats.* renders the
+// statistics file; this class keeps the table of open files, checks an
+// opened file against the origin's version and ties the parts together.
 #pragma once
 
 #include <fcntl.h>
 
 #include <atomic>
-#include <chrono>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -20,6 +26,7 @@
 #include <vector>
 
 #include "korvcache.h"
+#include "listing_cache.h"
 #include "origin.h"
 #include "origin_fetch.h"
 #include "remote_file.h"
@@ -92,24 +99,14 @@ class RemoteDrive {
   Origin* origin() const { return origin_.get(); }
 
  private:
-  struct Listing {
-    std::chrono::steady_clock::time_point taken;
-    std::vector<OriginEntry> entries;
-  };
-
   std::shared_ptr<RemoteFile> FindFile(const std::string& path);
   std::shared_ptr<RemoteFile> NewFile(const std::string& path, const OriginFileInfo& seen, bool on_origin,
                                       char mode, std::string* error);
   int OpenFile(const std::string& path, int flags, std::shared_ptr<RemoteFile>* file);
-  int MakeWritable(RemoteFile* file);
-  int TruncateFile(RemoteFile* file, long long size);
-  void FetchSectorAt(RemoteFile* file, long long offset);
   int Upload(RemoteFile* file);
-  void KeepUnsaved(RemoteFile* file);
   // REQUIRES: files_lock_ held.
   void Forget(const std::shared_ptr<RemoteFile>& file);
   void Retire(const std::shared_ptr<RemoteFile>& file);
-  int CachedListing(const std::string& directory, std::vector<OriginEntry>* entries);
 
   const std::unique_ptr<Origin> origin_;
   const DriveOptions options_;
@@ -120,6 +117,7 @@ class RemoteDrive {
   TransferCounters counters_;
   std::atomic<bool> stopping_{false};     // set at unmount: transfers end
   std::atomic<long long> uploads_{0};     // uploads done; an open that raced one checks again
+  ListingCache listings_;
 
   std::mutex files_lock_;
   // State below is protected by files_lock_.
@@ -127,6 +125,5 @@ class RemoteDrive {
   // Fetchers of files dropped from the table, kept until their cache object
   // is gone: until then queued library work may still call them.
   std::vector<std::pair<std::weak_ptr<ICacheObj>, std::shared_ptr<OriginFetch>>> retired_;
-  std::map<std::string, Listing> listings_;
   bool shut_down_ = false;
 };

@@ -7,39 +7,70 @@
 
 namespace {
 
+bool Parse(std::vector<std::string> args, ClientOptions* options, std::string* error) {
+  std::vector<char*> argv = {const_cast<char*>("korvmount")};
+  for (std::string& arg : args) argv.push_back(&arg[0]);
+  return ParseClientOptions(static_cast<int>(argv.size()), argv.data(), options, error);
+}
+
+TEST(CommandLine, ParsesOptionsAndRejectsBadValues) {
+  ClientOptions options;
+  std::string error;
+  ASSERT_TRUE(Parse({"http://h", "--limit", "8G", "/mnt", "--threads", "2", "-f", "--timeout-ms", "250"}, &options,
+                    &error))
+      << error;
+  EXPECT_EQ(options.drive.limit, 8ULL << 30);
+  EXPECT_EQ(options.drive.threads, 2);
+  EXPECT_EQ(options.origin.timeout_ms, 250);
+  EXPECT_TRUE(options.foreground);
+  EXPECT_EQ(options.positional, (std::vector<std::string>{"http://h", "/mnt"}));
+
+  const std::pair<std::vector<std::string>, std::string> refused[] = {
+      {{"--threads", "0"}, "bad --threads 0"},
+      {{"--threads", "4x"}, "bad --threads 4x"},
+      {{"--threads", "257"}, "bad --threads 257"},
+      {{"--limit", "lots"}, "bad --limit lots"},
+      {{"--timeout-ms", "0"}, "bad --timeout-ms 0"},
+      {{"--latency-ms", "-5"}, "bad --latency-ms -5"},
+      {{"--bandwidth", "9X"}, "bad --bandwidth 9X"},
+      {{"--log-level", "loud"}, "bad --log-level loud"},
+      {{"--settings", "@/nonexistent/settings.json"}, "cannot read settings file /nonexistent/settings.json"},
+      {{"--limit"}, "--limit needs a value"},
+      {{"--bogus"}, "unknown option --bogus"},
+  };
+  for (const auto& [args, expected] : refused) {
+    error.clear();
+    EXPECT_FALSE(Parse(args, &options, &error)) << expected;
+    EXPECT_EQ(error, expected);
+  }
+}
+
 TEST(CommandLine, SizesAndOriginFiles) {
+  const std::pair<const char*, unsigned long long> sizes[] = {
+      {"4G", 4ULL << 30}, {"512MiB", 512ULL << 20}, {"64k", 64 << 10}, {"1000", 1000}, {"2TB", 2ULL << 40}};
+  for (const auto& [text, expected] : sizes) {
+    unsigned long long bytes = 0;
+    EXPECT_TRUE(ParseSize(text, &bytes)) << text;
+    EXPECT_EQ(bytes, expected) << text;
+  }
   unsigned long long bytes = 0;
-  EXPECT_TRUE(ParseSize("4G", &bytes));
-  EXPECT_EQ(bytes, 4ULL << 30);
-  EXPECT_TRUE(ParseSize("512MiB", &bytes));
-  EXPECT_EQ(bytes, 512ULL << 20);
-  EXPECT_TRUE(ParseSize("1000", &bytes));
-  EXPECT_EQ(bytes, 1000u);
   for (const char* bad : {"", "G", "-1", "4X", "99999999999T", "1.5G"}) EXPECT_FALSE(ParseSize(bad, &bytes)) << bad;
 
+  const std::tuple<const char*, const char*, const char*> splits[] = {
+      {"http://host:8080/a/b%20c.bin?x=1", "http://host:8080", "/a/b c.bin"},
+      {"/srv/data/x.bin", "/srv/data", "/x.bin"},
+      {"/top.bin", "/", "/top.bin"},
+  };
+  for (const auto& [target, expected_origin, expected_path] : splits) {
+    std::string origin, path;
+    ASSERT_TRUE(SplitOriginFile(target, &origin, &path)) << target;
+    EXPECT_EQ(origin, expected_origin);
+    EXPECT_EQ(path, expected_path);
+  }
   std::string origin, path;
-  ASSERT_TRUE(SplitOriginFile("http://host:8080/a/b%20c.bin?x=1", &origin, &path));
-  EXPECT_EQ(origin, "http://host:8080");
-  EXPECT_EQ(path, "/a/b c.bin");
-  ASSERT_TRUE(SplitOriginFile("/srv/data/x.bin", &origin, &path));
-  EXPECT_EQ(origin, "/srv/data");
-  EXPECT_EQ(path, "/x.bin");
-  ASSERT_TRUE(SplitOriginFile("/top.bin", &origin, &path));
-  EXPECT_EQ(origin, "/");
-  EXPECT_EQ(path, "/top.bin");
   for (const char* bad : {"http://host:8080", "http://host:8080/", "/srv/data/", ""}) {
     EXPECT_FALSE(SplitOriginFile(bad, &origin, &path)) << bad;
   }
-
-  const char* argv[] = {"korvmount", "http://h", "/mnt", "--limit", "8G", "--threads", "0"};
-  ClientOptions options;
-  std::string error;
-  EXPECT_FALSE(ParseClientOptions(7, const_cast<char**>(argv), &options, &error));
-  EXPECT_EQ(error, "bad --threads 0");
-  ClientOptions good;
-  EXPECT_TRUE(ParseClientOptions(5, const_cast<char**>(argv), &good, &error));
-  EXPECT_EQ(good.drive.limit, 8ULL << 30);
-  EXPECT_EQ(good.positional, (std::vector<std::string>{"http://h", "/mnt"}));
 }
 
 TEST(Sha256, KnownDigests) {

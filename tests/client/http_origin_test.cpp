@@ -1,3 +1,6 @@
+// The HTTP origin against a real nginx (listings, stats, ranges, uploads,
+// connections) and against scripted servers that misbehave in ways nginx
+// will not: whatever they answer, no wrong byte reaches the reader.
 #include "http_origin.h"
 
 #include <curl/curl.h>
@@ -6,16 +9,16 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cstring>
 #include <thread>
 
 #include "client/support/nginx_server.h"
+#include "client/support/test_bytes.h"
 #include "http_listing.h"
+#include "support/file_helpers.h"
 
 namespace {
 
@@ -23,29 +26,16 @@ class CurlEnvironment : public ::testing::Environment {
  public:
   void SetUp() override { ASSERT_EQ(curl_global_init(CURL_GLOBAL_DEFAULT), CURLE_OK); }
 };
-::testing::Environment* const kCurlEnvironment =
-    ::testing::AddGlobalTestEnvironment(new CurlEnvironment);
+::testing::Environment* const kCurlEnvironment = ::testing::AddGlobalTestEnvironment(new CurlEnvironment);
 
 // Skips when nginx is missing; a server that is installed but does not start
 // is a failure.
-#define START_NGINX(server)                                          \
-  do {                                                               \
-    std::string why_;                                                \
-    if (!NginxServer::Installed(&why_)) GTEST_SKIP() << why_;        \
-    ASSERT_TRUE((server).Start(&why_)) << why_;                      \
+#define START_NGINX(server)                                   \
+  do {                                                        \
+    std::string why_;                                         \
+    if (!NginxServer::Installed(&why_)) GTEST_SKIP() << why_; \
+    ASSERT_TRUE((server).Start(&why_)) << why_;               \
   } while (0)
-
-// Bytes that differ from their neighbours and do not repeat with a short
-// period, so a range delivered from the wrong offset cannot compare equal.
-std::string Pattern(size_t size, uint32_t seed) {
-  std::string out(size, '\0');
-  uint32_t x = seed * 2654435761u + 1;
-  for (size_t i = 0; i < size; ++i) {
-    x = x * 1664525u + 1013904223u;
-    out[i] = static_cast<char>(x >> 24);
-  }
-  return out;
-}
 
 std::unique_ptr<Origin> Connect(const std::string& url, long long timeout_ms = 5000) {
   OriginOptions options;
@@ -63,22 +53,23 @@ struct Read {
   std::string error;
 };
 
+// With `refuse` the sink takes the first bytes it is given and then stops.
 Read ReadRange(Origin* origin, const std::string& path, long long offset, long long length,
-               const std::string& validator = "") {
+               const std::string& validator = "", bool refuse = false) {
   Read read;
   read.status = origin->ReadRange(
       path, offset, length, validator,
-      [&read](const char* data, size_t size) {
+      [&](const char* data, size_t size) {
         read.bytes.append(data, size);
         ++read.calls;
-        return true;
+        return !refuse;
       },
       &read.error);
   return read;
 }
 
-// Hands `size` bytes of `data` out in pieces of changing, mostly small size,
-// to exercise partial fills of curl's upload buffer.
+// Hands the bytes out in pieces of changing, mostly small size, to exercise
+// partial fills of curl's upload buffer; fails from `fail_at` on.
 ByteSource SourceOf(const std::string& data, long long fail_at = -1) {
   return [data, fail_at](long long offset, char* buffer, size_t length) -> long long {
     if (fail_at >= 0 && offset >= fail_at) return -1;
@@ -89,13 +80,11 @@ ByteSource SourceOf(const std::string& data, long long fail_at = -1) {
   };
 }
 
-// Answers the first request on its port with `reply` and then closes the
-// connection, or with `hold` keeps it open and silent until destroyed: the
-// misbehaving servers nginx will not imitate.
+// Answers the first request on its port with `reply` and closes the
+// connection, or with `hold` keeps it open and silent until destroyed.
 class ScriptedServer {
  public:
-  explicit ScriptedServer(std::string reply, bool hold = false)
-      : reply_(std::move(reply)), hold_(hold) {
+  ScriptedServer(std::string reply, bool hold) : reply_(std::move(reply)), hold_(hold) {
     listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -111,9 +100,7 @@ class ScriptedServer {
   ~ScriptedServer() {
     if (write(stop_[1], "x", 1) != 1) ADD_FAILURE() << "cannot stop the scripted server";
     thread_.join();
-    close(listener_);
-    close(stop_[0]);
-    close(stop_[1]);
+    for (int fd : {listener_, stop_[0], stop_[1]}) close(fd);
   }
   std::string Url() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
@@ -125,12 +112,12 @@ class ScriptedServer {
   }
   void Serve() {
     if (!Wait(listener_)) return;
-    int fd = accept(listener_, nullptr, nullptr);
+    const int fd = accept(listener_, nullptr, nullptr);
     if (fd < 0) return;
     std::string request;
     char buffer[4096];
     while (request.find("\r\n\r\n") == std::string::npos && Wait(fd)) {
-      ssize_t got = recv(fd, buffer, sizeof(buffer), 0);
+      const ssize_t got = recv(fd, buffer, sizeof(buffer), 0);
       if (got <= 0) break;
       request.append(buffer, static_cast<size_t>(got));
     }
@@ -139,37 +126,42 @@ class ScriptedServer {
     close(fd);
   }
 
-  std::string reply_;
-  bool hold_;
+  const std::string reply_;
+  const bool hold_;
   int listener_ = -1;
   int port_ = 0;
   int stop_[2] = {-1, -1};
   std::thread thread_;
 };
 
-TEST(HttpOriginUrlTest, AcceptsServerUrlsAndRejectsOthersWithoutNetwork) {
+TEST(HttpOriginUrlTest, AcceptsServerUrlsRejectsOthersAndNeverConnectsEarly) {
   OriginOptions options;
   std::string error;
-  for (const char* bad : {"ftp://127.0.0.1/", "http://", "http://:80/", "127.0.0.1:8080",
-                          "http://127.0.0.1:99999", "http://ho st/", "http://h/a?b=c",
-                          "http://h/a#frag"}) {
-    error.clear();
+  for (const char* bad : {"ftp://127.0.0.1/", "http://", "http://:80/", "127.0.0.1:8080", "http://127.0.0.1:99999",
+                          "http://ho st/", "http://h/a?b=c", "http://h/a#frag"}) {
     EXPECT_EQ(MakeHttpOrigin(bad, options, &error), nullptr) << bad;
-    EXPECT_FALSE(error.empty()) << bad;
   }
   options.timeout_ms = 0;
   EXPECT_EQ(MakeHttpOrigin("http://127.0.0.1:1", options, &error), nullptr);
 
-  // Port 1 has no server: construction must not connect.
+  // Port 1 has no server: construction must not connect, and every request
+  // is refused as a failure worth retrying.
   options.timeout_ms = 1000;
   for (const char* good : {"http://127.0.0.1:1", "http://127.0.0.1:1/", "HTTP://localhost:1/a/b/"}) {
     std::unique_ptr<Origin> origin = MakeHttpOrigin(good, options, &error);
     ASSERT_NE(origin, nullptr) << good << ": " << error;
     EXPECT_EQ(origin->Describe(), good);
   }
+  std::unique_ptr<Origin> refused = Connect("http://127.0.0.1:1");
+  OriginFileInfo info;
+  std::vector<OriginEntry> entries;
+  EXPECT_EQ(refused->Stat("/f", &info, &error), OriginStatus::kUnreachable);
+  EXPECT_EQ(refused->List("/", &entries, &error), OriginStatus::kUnreachable);
+  EXPECT_EQ(ReadRange(refused.get(), "/f", 0, 10).status, OriginStatus::kUnreachable);
+  EXPECT_EQ(refused->Upload("/f", 3, SourceOf("abc"), &error), OriginStatus::kUnreachable);
 }
 
-TEST(HttpListingTest, ParsesAutoindexJsonAndRejectsOtherAnswers) {
+TEST(HttpListingTest, ParsesAutoindexJsonAndDatesAndRejectsOtherAnswers) {
   long long seconds = 0;
   EXPECT_TRUE(ParseHttpDate("Sat, 03 Feb 2001 04:05:06 GMT", &seconds));
   EXPECT_EQ(seconds, 981173106);
@@ -183,13 +175,12 @@ TEST(HttpListingTest, ParsesAutoindexJsonAndRejectsOtherAnswers) {
 
   std::vector<OriginEntry> entries;
   std::string error;
-  ASSERT_TRUE(ParseJsonListing(
-      R"([{ "name":".", "type":"directory" }, { "name":"..", "type":"directory" },
+  ASSERT_TRUE(ParseJsonListing(R"([{ "name":".", "type":"directory" }, { "name":"..", "type":"directory" },
           { "name":"d", "type":"directory", "mtime":"Sat, 03 Feb 2001 04:05:06 GMT" },
           { "name":"big \"q\".bin", "type":"file", "mtime":"bad date", "size":6000000000 },
           { "name":"fifo", "type":"other", "mtime":"Sat, 03 Feb 2001 04:05:06 GMT" },
           { "name":"a/b", "type":"file", "size":1 }])",
-      &entries, &error))
+                               &entries, &error))
       << error;
   ASSERT_EQ(entries.size(), 2u);
   EXPECT_EQ(entries[0].name, "d");
@@ -199,42 +190,99 @@ TEST(HttpListingTest, ParsesAutoindexJsonAndRejectsOtherAnswers) {
   EXPECT_FALSE(entries[1].is_directory);
   EXPECT_EQ(entries[1].size, 6000000000LL);
   EXPECT_EQ(entries[1].mtime, 0);
-
   ASSERT_TRUE(ParseJsonListing("[]", &entries, &error));
   EXPECT_TRUE(entries.empty());
   for (const char* bad : {"<html><body>Index of /</body></html>", "{\"name\":\"a\"}",
-                          "[{\"name\":\"a\",\"type\":\"file\"}]",
-                          "[{\"name\":\"a\",\"type\":\"file\",\"size\":-1}]",
+                          "[{\"name\":\"a\",\"type\":\"file\"}]", "[{\"name\":\"a\",\"type\":\"file\",\"size\":-1}]",
                           "[{\"type\":\"file\",\"size\":1}]", "[] trailing", ""}) {
-    error.clear();
     EXPECT_FALSE(ParseJsonListing(bad, &entries, &error)) << bad;
-    EXPECT_FALSE(error.empty()) << bad;
+  }
+}
+
+TEST(HttpOriginTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
+  const std::string body = RandomBytes(1000, 9);
+  // A 206 answer for [first, last] of which `sent` bytes arrive.
+  auto partial = [&](long long first, long long last, size_t sent, const std::string& headers = "") {
+    return "HTTP/1.1 206 Partial Content\r\n" + headers + "Content-Range: bytes " + std::to_string(first) + "-" +
+           std::to_string(last) + "/1000\r\nContent-Length: " + std::to_string(last - first + 1) + "\r\n\r\n" +
+           body.substr(first, sent);
+  };
+  // A server ignoring Range: the whole file, of which `sent` bytes arrive.
+  auto whole = [&](size_t sent, const std::string& headers = "") {
+    return "HTTP/1.1 200 OK\r\n" + headers + "Content-Length: 1000\r\n\r\n" + body.substr(0, sent);
+  };
+  const std::string date = "Sat, 03 Feb 2001 04:05:06 GMT";
+  enum Twist { kPlain, kServerStalls, kReaderRefuses };
+  struct Case {
+    const char* what;
+    std::string reply;
+    long long offset, length;
+    std::string validator;
+    Twist twist;
+    OriginStatus status;
+    size_t from, count;  // the bytes expected: body.substr(from, count)
+  };
+  const Case cases[] = {
+      {"exact range", partial(100, 299, 200), 100, 200, "", kPlain, OriginStatus::kOk, 100, 200},
+      {"connection closed mid-range", partial(0, 999, 300), 0, 1000, "", kPlain, OriginStatus::kUnreachable, 0, 300},
+      {"range from elsewhere", partial(0, 99, 100), 50, 100, "", kPlain, OriginStatus::kFailed, 0, 0},
+      {"multipart answer",
+       "HTTP/1.1 206 Partial Content\r\nContent-Type: multipart/byteranges; boundary=x\r\nContent-Length: 100\r\n\r\n" +
+           body.substr(0, 100),
+       0, 100, "", kPlain, OriginStatus::kFailed, 0, 0},
+      {"Range ignored", whole(1000), 123, 400, "", kPlain, OriginStatus::kOk, 123, 400},
+      {"Range ignored, range past the end", whole(1000), 900, 500, "", kPlain, OriginStatus::kOk, 900, 100},
+      {"Range ignored, closed early", whole(300), 200, 500, "", kPlain, OriginStatus::kUnreachable, 200, 100},
+      {"changed ETag", partial(0, 99, 100, "ETag: \"v2\"\r\n"), 0, 100, "\"v1\"", kPlain, OriginStatus::kChanged, 0, 0},
+      {"changed ETag, Range ignored", whole(1000, "ETag: \"v2\"\r\n"), 0, 100, "\"v1\"", kPlain,
+       OriginStatus::kChanged, 0, 0},
+      {"changed Last-Modified", partial(0, 99, 100, "Last-Modified: Sat, 03 Feb 2001 04:05:07 GMT\r\n"), 0, 100,
+       date, kPlain, OriginStatus::kChanged, 0, 0},
+      {"same ETag", partial(0, 99, 100, "ETag: \"v1\"\r\n"), 0, 100, "\"v1\"", kPlain, OriginStatus::kOk, 0, 100},
+      {"same Last-Modified", partial(0, 99, 100, "Last-Modified: " + date + "\r\n"), 0, 100, date, kPlain,
+       OriginStatus::kOk, 0, 100},
+      {"no validator in the answer", partial(0, 99, 100), 0, 100, "\"v1\"", kPlain, OriginStatus::kOk, 0, 100},
+      {"not found", "HTTP/1.1 404 Not Found\r\nContent-Length: 9\r\n\r\nnot here!", 0, 100, "", kPlain,
+       OriginStatus::kNotFound, 0, 0},
+      {"error page", "HTTP/1.1 500 Oops\r\nContent-Length: 5\r\n\r\noops!", 0, 100, "", kPlain,
+       OriginStatus::kFailed, 0, 0},
+      {"range not satisfiable", "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Length: 0\r\n\r\n", 2000, 10, "",
+       kPlain, OriginStatus::kFailed, 0, 0},
+      // The bytes that came before the stall reach the reader before it ends.
+      {"stall after some bytes", partial(0, 999, 100), 0, 1000, "", kServerStalls, OriginStatus::kUnreachable, 0,
+       100},
+      {"reader stops mid-range", partial(0, 999, 100), 0, 1000, "", kReaderRefuses, OriginStatus::kFailed, 0, 100},
+      {"reader stops after the last byte", partial(100, 199, 100), 100, 100, "", kReaderRefuses, OriginStatus::kOk,
+       100, 100},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    ScriptedServer server(c.reply, c.twist == kServerStalls);
+    const Read read = ReadRange(Connect(server.Url(), 300).get(), "/f", c.offset, c.length, c.validator,
+                                c.twist == kReaderRefuses);
+    EXPECT_EQ(read.status, c.status) << read.error;
+    EXPECT_EQ(read.bytes, body.substr(c.from, c.count));
   }
 }
 
 TEST(HttpOriginTest, ListsDirectoriesAndStatsFilesAndDirectories) {
-  NginxServer nginx("location /html/ { autoindex_format html; }\n"
-                    "location = /boom { return 500; }");
+  NginxServer nginx("location /html/ { autoindex_format html; }\nlocation = /boom { return 500; }");
   START_NGINX(nginx);
-  nginx.WriteFile("a.bin", Pattern(1000, 1));
+  nginx.WriteFile("a.bin", RandomBytes(1000, 1));
   nginx.WriteFile("with space.txt", "hello");
   nginx.WriteFile("we?ird #name%.bin", "x");
-  nginx.WriteFile("sub dir/inner file", Pattern(77, 2));
+  nginx.WriteFile("sub dir/inner file", RandomBytes(77, 2));
   nginx.WriteFile("html/page", "x");
   nginx.SetMtime("a.bin", 981173106);
-  ASSERT_EQ(mkfifo((nginx.Root() + "/fifo").c_str(), 0644), 0);
   std::unique_ptr<Origin> origin = Connect(nginx.Url());
-  ASSERT_NE(origin, nullptr);
 
   std::vector<OriginEntry> entries;
   std::string error;
   ASSERT_EQ(origin->List("/", &entries, &error), OriginStatus::kOk) << error;
-  std::sort(entries.begin(), entries.end(),
-            [](const OriginEntry& a, const OriginEntry& b) { return a.name < b.name; });
+  std::sort(entries.begin(), entries.end(), [](const OriginEntry& a, const OriginEntry& b) { return a.name < b.name; });
   std::vector<std::string> names;
   for (const OriginEntry& entry : entries) names.push_back(entry.name);
-  EXPECT_EQ(names, (std::vector<std::string>{"a.bin", "html", "sub dir", "we?ird #name%.bin",
-                                             "with space.txt"}));
+  EXPECT_EQ(names, (std::vector<std::string>{"a.bin", "html", "sub dir", "we?ird #name%.bin", "with space.txt"}));
   ASSERT_EQ(entries.size(), 5u);
   EXPECT_FALSE(entries[0].is_directory);
   EXPECT_EQ(entries[0].size, 1000);
@@ -242,7 +290,6 @@ TEST(HttpOriginTest, ListsDirectoriesAndStatsFilesAndDirectories) {
   EXPECT_TRUE(entries[2].is_directory);
   EXPECT_EQ(entries[2].size, 0);
   EXPECT_EQ(entries[3].size, 1);
-
   ASSERT_EQ(origin->List("/sub dir", &entries, &error), OriginStatus::kOk) << error;
   ASSERT_EQ(entries.size(), 1u);
   EXPECT_EQ(entries[0].name, "inner file");
@@ -250,7 +297,6 @@ TEST(HttpOriginTest, ListsDirectoriesAndStatsFilesAndDirectories) {
   EXPECT_EQ(origin->List("/missing", &entries, &error), OriginStatus::kNotFound);
   EXPECT_EQ(origin->List("/a.bin", &entries, &error), OriginStatus::kNotFound);
   EXPECT_EQ(origin->List("/html", &entries, &error), OriginStatus::kFailed);
-  EXPECT_NE(error.find("JSON"), std::string::npos) << error;
 
   OriginFileInfo info;
   ASSERT_EQ(origin->Stat("/a.bin", &info, &error), OriginStatus::kOk) << error;
@@ -267,65 +313,47 @@ TEST(HttpOriginTest, ListsDirectoriesAndStatsFilesAndDirectories) {
   }
   EXPECT_EQ(origin->Stat("/missing", &info, &error), OriginStatus::kNotFound);
   EXPECT_EQ(origin->Stat("/boom", &info, &error), OriginStatus::kFailed);
-  EXPECT_NE(error.find("HTTP 500"), std::string::npos) << error;
 
   // A URL with a path prefix serves that directory as the root.
   std::unique_ptr<Origin> prefixed = Connect(nginx.Url() + "/sub%20dir/");
-  ASSERT_NE(prefixed, nullptr);
   ASSERT_EQ(prefixed->List("/", &entries, &error), OriginStatus::kOk) << error;
   ASSERT_EQ(entries.size(), 1u);
   EXPECT_EQ(entries[0].name, "inner file");
-  EXPECT_EQ(ReadRange(prefixed.get(), "/inner file", 0, 77).bytes, Pattern(77, 2));
+  EXPECT_EQ(ReadRange(prefixed.get(), "/inner file", 0, 77).bytes, RandomBytes(77, 2));
 }
 
 TEST(HttpOriginTest, ReadsExactRangesOverOneConnection) {
   NginxServer nginx;
   START_NGINX(nginx);
-  const std::string data = Pattern(100000, 3);
+  const std::string data = RandomBytes(100000, 3);
   const long long size = static_cast<long long>(data.size());
   nginx.WriteFile("dir/f.bin", data);
   std::unique_ptr<Origin> origin = Connect(nginx.Url());
-  ASSERT_NE(origin, nullptr);
 
   struct Case {
     long long offset, length, expected;
   };
-  for (const Case& c : {Case{0, 100, 100}, Case{12345, 4096, 4096}, Case{size - 10, 10, 10},
-                        Case{size - 10, 100, 10}, Case{0, size, size}, Case{1, size + 5, size - 1}}) {
-    Read read = ReadRange(origin.get(), "/dir/f.bin", c.offset, c.length);
+  for (const Case& c : {Case{0, 100, 100}, Case{12345, 4096, 4096}, Case{size - 10, 10, 10}, Case{size - 10, 100, 10},
+                        Case{0, size, size}, Case{1, size + 5, size - 1}}) {
+    const Read read = ReadRange(origin.get(), "/dir/f.bin", c.offset, c.length);
     ASSERT_EQ(read.status, OriginStatus::kOk) << c.offset << "+" << c.length << ": " << read.error;
     EXPECT_EQ(read.bytes, data.substr(c.offset, c.expected)) << c.offset << "+" << c.length;
   }
-  OriginFileInfo info;
-  std::string error;
-  ASSERT_EQ(origin->Stat("/dir/f.bin", &info, &error), OriginStatus::kOk) << error;
-
-  ASSERT_TRUE(nginx.WaitForRequests(7));
-  std::vector<NginxServer::Request> requests = nginx.Requests();
-  ASSERT_EQ(requests.size(), 7u);
-  EXPECT_EQ(requests[1].range, "bytes=12345-16440");
-  for (const NginxServer::Request& request : requests) {
-    EXPECT_EQ(request.connection, requests[0].connection)
-        << "every request of a thread reuses its connection";
-  }
-
   Read read = ReadRange(origin.get(), "/dir/f.bin", size + 5, 10);
   EXPECT_EQ(read.status, OriginStatus::kFailed);
-  EXPECT_NE(read.error.find("not satisfiable"), std::string::npos) << read.error;
-  EXPECT_TRUE(read.bytes.empty());
+  EXPECT_EQ(read.calls, 0);
   EXPECT_EQ(ReadRange(origin.get(), "/dir/missing", 0, 10).status, OriginStatus::kNotFound);
   read = ReadRange(origin.get(), "/dir/f.bin", 5, 0);
   EXPECT_EQ(read.status, OriginStatus::kOk);
   EXPECT_EQ(read.calls, 0);
-
   // After the thread's connection is closed, the next request opens another.
   CloseHttpConnectionsOfThisThread();
-  read = ReadRange(origin.get(), "/dir/f.bin", 7, 7);
-  EXPECT_EQ(read.bytes, data.substr(7, 7)) << read.error;
-  ASSERT_TRUE(nginx.WaitForRequests(10));
-  requests = nginx.Requests();
-  EXPECT_EQ(requests[8].connection, requests[0].connection);
-  EXPECT_NE(requests[9].connection, requests[0].connection);
+  EXPECT_EQ(ReadRange(origin.get(), "/dir/f.bin", 7, 7).bytes, data.substr(7, 7));
+  ASSERT_TRUE(nginx.WaitForRequests(9));
+  std::vector<NginxServer::Request> requests = nginx.Requests();
+  EXPECT_EQ(requests[1].range, "bytes=12345-16440");
+  for (size_t i = 0; i < 8; ++i) EXPECT_EQ(requests[i].connection, requests[0].connection) << i;
+  EXPECT_NE(requests[8].connection, requests[0].connection);
 
   // A sink that starts a request of its own mid-transfer.
   read = Read();
@@ -343,262 +371,31 @@ TEST(HttpOriginTest, ReadsExactRangesOverOneConnection) {
   EXPECT_EQ(read.bytes, data.substr(500, 50000));
 }
 
-TEST(HttpOriginTest, StreamsIntoTheSinkAndStopsWhenItRefuses) {
-  // nginx sends one 32 KiB buffer and then waits half a second per buffer:
-  // the whole 4 MiB would take a minute, so only a read that streams gets
-  // bytes to the sink before the test times out.
-  NginxServer nginx("location /slow/ { limit_rate 64k; }");
-  START_NGINX(nginx);
-  const std::string data = Pattern(4 << 20, 4);
-  nginx.WriteFile("slow/big.bin", data);
-  nginx.WriteFile("small.bin", data.substr(0, 1000));
-  std::unique_ptr<Origin> origin = Connect(nginx.Url());
-  ASSERT_NE(origin, nullptr);
-
-  std::string received;
-  int calls = 0;
-  std::string error;
-  OriginStatus status = origin->ReadRange(
-      "/slow/big.bin", 0, static_cast<long long>(data.size()), "",
-      [&](const char* bytes, size_t length) {
-        received.append(bytes, length);
-        ++calls;
-        return received.size() < 20000;
-      },
-      &error);
-  EXPECT_EQ(status, OriginStatus::kFailed) << "the sink stopped a read it had not finished";
-  EXPECT_GT(calls, 1);
-  EXPECT_GE(received.size(), 20000u);
-  EXPECT_LT(received.size(), data.size());
-  EXPECT_EQ(received, data.substr(0, received.size()));
-
-  // Refusing more after the last byte of the range is no failure.
-  received.clear();
-  status = origin->ReadRange(
-      "/small.bin", 10, 100, "",
-      [&](const char* bytes, size_t length) {
-        received.append(bytes, length);
-        return false;
-      },
-      &error);
-  EXPECT_EQ(status, OriginStatus::kOk) << error;
-  EXPECT_EQ(received, data.substr(10, 100));
-}
-
-TEST(HttpOriginTest, ChangedFilesDeliverNothing) {
-  NginxServer nginx("location /whole/ { max_ranges 0; }");
-  START_NGINX(nginx);
-  std::unique_ptr<Origin> origin = Connect(nginx.Url());
-  ASSERT_NE(origin, nullptr);
-  const std::string date = "Sat, 03 Feb 2001 04:05:06 GMT";
-
-  // The same checks for a server that answers the range and one that ignores
-  // it and sends the whole file.
-  for (const std::string path : {"f.bin", "whole/f.bin"}) {
-    SCOPED_TRACE(path);
-    nginx.WriteFile(path, Pattern(5000, 5));
-    nginx.SetMtime(path, 981173106);
-    OriginFileInfo before;
-    std::string error;
-    ASSERT_EQ(origin->Stat("/" + path, &before, &error), OriginStatus::kOk) << error;
-    Read read = ReadRange(origin.get(), "/" + path, 100, 200, before.validator);
-    EXPECT_EQ(read.status, OriginStatus::kOk) << read.error;
-    EXPECT_EQ(read.bytes, Pattern(5000, 5).substr(100, 200));
-    EXPECT_EQ(ReadRange(origin.get(), "/" + path, 100, 200, date).status, OriginStatus::kOk)
-        << "a Last-Modified validator compares with Last-Modified";
-
-    nginx.WriteFile(path, Pattern(5001, 6));  // nginx's ETag is mtime and size
-    nginx.SetMtime(path, 981173107);
-    for (const std::string& stale : {before.validator, date}) {
-      read = ReadRange(origin.get(), "/" + path, 100, 200, stale);
-      EXPECT_EQ(read.status, OriginStatus::kChanged) << stale << ": " << read.error;
-      EXPECT_EQ(read.calls, 0) << stale;
-    }
-    OriginFileInfo after;
-    ASSERT_EQ(origin->Stat("/" + path, &after, &error), OriginStatus::kOk) << error;
-    EXPECT_NE(after.validator, before.validator);
-    read = ReadRange(origin.get(), "/" + path, 100, 200, after.validator);
-    EXPECT_EQ(read.status, OriginStatus::kOk) << read.error;
-    EXPECT_EQ(read.bytes, Pattern(5001, 6).substr(100, 200));
-  }
-}
-
-TEST(HttpOriginTest, ServerIgnoringRangeStillGivesExactBytes) {
-  NginxServer nginx("location /whole/ { max_ranges 0; }");
-  START_NGINX(nginx);
-  const std::string data = Pattern(300000, 7);
-  const long long size = static_cast<long long>(data.size());
-  nginx.WriteFile("whole/f.bin", data);
-  std::unique_ptr<Origin> origin = Connect(nginx.Url());
-  ASSERT_NE(origin, nullptr);
-
-  struct Case {
-    long long offset, length, expected;
-  };
-  for (const Case& c : {Case{0, 10, 10}, Case{123457, 5000, 5000}, Case{size - 7, 100, 7},
-                        Case{70000, size, size - 70000}}) {
-    Read read = ReadRange(origin.get(), "/whole/f.bin", c.offset, c.length);
-    ASSERT_EQ(read.status, OriginStatus::kOk) << c.offset << "+" << c.length << ": " << read.error;
-    EXPECT_EQ(read.bytes, data.substr(c.offset, c.expected)) << c.offset << "+" << c.length;
-  }
-  ASSERT_TRUE(nginx.WaitForRequests(4));
-  for (const NginxServer::Request& request : nginx.Requests()) {
-    EXPECT_EQ(request.status, 200) << "the location must ignore Range for this test to mean much";
-  }
-}
-
-TEST(HttpOriginTest, StoppedServerIsUnreachableUntilItComesBack) {
-  NginxServer nginx;
-  START_NGINX(nginx);
-  nginx.WriteFile("f.bin", Pattern(1000, 8));
-  std::unique_ptr<Origin> origin = Connect(nginx.Url());
-  ASSERT_NE(origin, nullptr);
-  OriginFileInfo info;
-  std::string error;
-  ASSERT_EQ(origin->Stat("/f.bin", &info, &error), OriginStatus::kOk) << error;
-
-  nginx.Stop();
-  std::vector<OriginEntry> entries;
-  EXPECT_EQ(origin->Stat("/f.bin", &info, &error), OriginStatus::kUnreachable);
-  EXPECT_NE(error.find(nginx.Url()), std::string::npos) << error;
-  EXPECT_EQ(origin->List("/", &entries, &error), OriginStatus::kUnreachable);
-  Read read = ReadRange(origin.get(), "/f.bin", 0, 10);
-  EXPECT_EQ(read.status, OriginStatus::kUnreachable);
-  EXPECT_TRUE(IsTransient(read.status));
-  EXPECT_EQ(origin->Upload("/g.bin", 3, SourceOf("abc"), &error), OriginStatus::kUnreachable);
-
-  std::string why;
-  ASSERT_TRUE(nginx.Start(&why)) << why;
-  read = ReadRange(origin.get(), "/f.bin", 10, 20);
-  EXPECT_EQ(read.status, OriginStatus::kOk) << read.error;
-  EXPECT_EQ(read.bytes, Pattern(1000, 8).substr(10, 20));
-  EXPECT_EQ(origin->Upload("/g.bin", 3, SourceOf("abc"), &error), OriginStatus::kOk) << error;
-}
-
-TEST(HttpOriginTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
-  const std::string body = Pattern(1000, 9);
-  {
-    // The connection closes 300 bytes into a 1000-byte range.
-    ScriptedServer server("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-999/1000\r\n"
-                          "Content-Length: 1000\r\n\r\n" + body.substr(0, 300));
-    Read read = ReadRange(Connect(server.Url()).get(), "/f", 0, 1000);
-    EXPECT_EQ(read.status, OriginStatus::kUnreachable) << read.error;
-    EXPECT_EQ(read.bytes, body.substr(0, 300));
-  }
-  {
-    // A whole-file answer that closes before the end of the range.
-    ScriptedServer server("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n" +
-                          body.substr(0, 300));
-    Read read = ReadRange(Connect(server.Url()).get(), "/f", 200, 500);
-    EXPECT_EQ(read.status, OriginStatus::kUnreachable) << read.error;
-    EXPECT_EQ(read.bytes, body.substr(200, 100));
-  }
-  {
-    // Bytes from somewhere else than asked for.
-    ScriptedServer server("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-99/1000\r\n"
-                          "Content-Length: 100\r\n\r\n" + body.substr(0, 100));
-    Read read = ReadRange(Connect(server.Url()).get(), "/f", 50, 100);
-    EXPECT_EQ(read.status, OriginStatus::kFailed) << read.error;
-    EXPECT_EQ(read.calls, 0);
-  }
-  {
-    // A multipart answer has no Content-Range of its own.
-    ScriptedServer server("HTTP/1.1 206 Partial Content\r\nContent-Type: multipart/byteranges; "
-                          "boundary=x\r\nContent-Length: 100\r\n\r\n" + body.substr(0, 100));
-    Read read = ReadRange(Connect(server.Url()).get(), "/f", 0, 100);
-    EXPECT_EQ(read.status, OriginStatus::kFailed) << read.error;
-    EXPECT_EQ(read.calls, 0);
-  }
-  {
-    // Headers and a few bytes, then silence: the stall time-out ends it.
-    ScriptedServer server("HTTP/1.1 206 Partial Content\r\nContent-Range: bytes 0-999/1000\r\n"
-                          "Content-Length: 1000\r\n\r\n" + body.substr(0, 100),
-                          /*hold=*/true);
-    Read read = ReadRange(Connect(server.Url(), 300).get(), "/f", 0, 1000);
-    EXPECT_EQ(read.status, OriginStatus::kUnreachable) << read.error;
-    EXPECT_EQ(read.bytes, body.substr(0, 100));
-  }
-}
-
 TEST(HttpOriginTest, UploadsStoreTheWholeFileOrLeaveTheOldOne) {
   NginxServer nginx;
   START_NGINX(nginx);
   nginx.WriteFile("sub dir/keep", "x");
   std::unique_ptr<Origin> origin = Connect(nginx.Url());
-  ASSERT_NE(origin, nullptr);
-  const std::string first = Pattern((3 << 20) + 7, 10);
-  const std::string second = Pattern(5000, 11);
+  const std::string first = RandomBytes((3 << 20) + 7, 10);
+  const std::string second = RandomBytes(5000, 11);
+  const std::string path = "/new dir/deep/f #1.bin";
+  const long long first_size = static_cast<long long>(first.size());
   std::string error;
-  std::string stored;
 
-  ASSERT_EQ(origin->Upload("/new dir/deep/f #1.bin", static_cast<long long>(first.size()),
-                           SourceOf(first), &error),
-            OriginStatus::kOk)
-      << error;
-  ASSERT_TRUE(nginx.ReadFile("new dir/deep/f #1.bin", &stored));
-  EXPECT_TRUE(stored == first) << "stored " << stored.size() << " bytes";
-  EXPECT_EQ(ReadRange(origin.get(), "/new dir/deep/f #1.bin", 1 << 20, 100).bytes,
-            first.substr(1 << 20, 100));
-
-  ASSERT_EQ(origin->Upload("/new dir/deep/f #1.bin", static_cast<long long>(second.size()),
-                           SourceOf(second), &error),
-            OriginStatus::kOk)
-      << error;
-  ASSERT_TRUE(nginx.ReadFile("new dir/deep/f #1.bin", &stored));
-  EXPECT_EQ(stored, second);
-
-  // A source failing half-way, or running dry before `size`, must not
+  ASSERT_EQ(origin->Upload(path, first_size, SourceOf(first), &error), OriginStatus::kOk) << error;
+  EXPECT_TRUE(nginx.ReadFile(path.substr(1)) == first);
+  EXPECT_EQ(ReadRange(origin.get(), path, 1 << 20, 100).bytes, first.substr(1 << 20, 100));
+  ASSERT_EQ(origin->Upload(path, 5000, SourceOf(second), &error), OriginStatus::kOk) << error;
+  // A source failing half-way, or running dry before the size, must not
   // replace the file with a prefix.
-  EXPECT_EQ(origin->Upload("/new dir/deep/f #1.bin", static_cast<long long>(first.size()),
-                           SourceOf(first, 1 << 20), &error),
-            OriginStatus::kFailed);
-  EXPECT_FALSE(error.empty());
-  EXPECT_EQ(origin->Upload("/new dir/deep/f #1.bin", static_cast<long long>(first.size()) + 10,
-                           SourceOf(first), &error),
-            OriginStatus::kFailed);
-  ASSERT_TRUE(nginx.ReadFile("new dir/deep/f #1.bin", &stored));
-  EXPECT_EQ(stored, second);
+  EXPECT_EQ(origin->Upload(path, first_size, SourceOf(first, 1 << 20), &error), OriginStatus::kFailed);
+  EXPECT_EQ(origin->Upload(path, first_size + 10, SourceOf(first), &error), OriginStatus::kFailed);
+  EXPECT_EQ(nginx.ReadFile(path.substr(1)), second);
 
   ASSERT_EQ(origin->Upload("/empty", 0, SourceOf(""), &error), OriginStatus::kOk) << error;
-  ASSERT_TRUE(nginx.ReadFile("empty", &stored));
-  EXPECT_EQ(stored, "");
+  EXPECT_TRUE(Exists(nginx.Root() + "/empty"));
+  EXPECT_EQ(nginx.ReadFile("empty"), "");
   EXPECT_EQ(origin->Upload("/sub dir", 1, SourceOf("x"), &error), OriginStatus::kFailed);
-  EXPECT_NE(error.find("HTTP 4"), std::string::npos) << error;
-}
-
-TEST(HttpOriginTest, ThreadsReadConcurrentlyEachOnItsOwnConnection) {
-  NginxServer nginx;
-  START_NGINX(nginx);
-  const std::string data = Pattern(200000, 12);
-  nginx.WriteFile("f.bin", data);
-  std::unique_ptr<Origin> origin = Connect(nginx.Url());
-  ASSERT_NE(origin, nullptr);
-
-  constexpr int kThreads = 4;
-  constexpr int kReads = 25;
-  std::vector<std::string> failures(kThreads);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < kReads; ++i) {
-        long long offset = (t * 7919 + i * 104729) % static_cast<long long>(data.size());
-        Read read = ReadRange(origin.get(), "/f.bin", offset, 3000 + i);
-        if (read.status != OriginStatus::kOk || read.bytes != data.substr(offset, 3000 + i)) {
-          failures[t] += "read at " + std::to_string(offset) + ": " + read.error + "\n";
-        }
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  for (const std::string& failure : failures) EXPECT_EQ(failure, "");
-  ASSERT_TRUE(nginx.WaitForRequests(kThreads * kReads));
-  std::vector<NginxServer::Request> requests = nginx.Requests();
-  EXPECT_EQ(requests.size(), static_cast<size_t>(kThreads * kReads));
-  std::vector<long long> connections;
-  for (const NginxServer::Request& request : requests) connections.push_back(request.connection);
-  std::sort(connections.begin(), connections.end());
-  connections.erase(std::unique(connections.begin(), connections.end()), connections.end());
-  EXPECT_EQ(connections.size(), static_cast<size_t>(kThreads));
 }
 
 }  // namespace

@@ -7,12 +7,13 @@
 
 #include <map>
 
+#include "client/support/test_bytes.h"
+
 namespace {
 
 constexpr long long kSector = 512 * 1024;
 
-// An origin serving one file from memory in 64 KiB pieces; it records how
-// many deliveries the cache had seen when each piece was sent.
+// An origin serving one file ("v1") from memory in 64 KiB pieces.
 class MemoryOrigin : public Origin {
  public:
   explicit MemoryOrigin(std::string bytes) : bytes_(std::move(bytes)) {}
@@ -26,26 +27,24 @@ class MemoryOrigin : public Origin {
     return OriginStatus::kFailed;
   }
   OriginStatus ReadRange(const std::string&, long long offset, long long length, const std::string& validator,
-                         const ByteSink& sink, std::string* error) override {
+                         const ByteSink& sink, std::string*) override {
     if (!validator.empty() && validator != "v1") return OriginStatus::kChanged;
     const long long end = std::min<long long>(offset + length, static_cast<long long>(bytes_.size()));
-    long long sent = 0;
     for (long long at = offset; at < end; at += 65536) {
-      if (fail_after >= 0 && sent >= fail_after) {
-        fail_after = -1;
-        *error = "reset";
+      if (breaks > 0 && at - offset >= break_after) {
+        --breaks;
         return OriginStatus::kUnreachable;
       }
       const long long piece = std::min<long long>(65536, end - at);
       if (!sink(bytes_.data() + at, static_cast<size_t>(piece))) return OriginStatus::kFailed;
-      sent += piece;
       if (on_piece) on_piece(at + piece);
     }
     return OriginStatus::kOk;
   }
 
-  long long fail_after = -1;  // one transfer breaks after this many bytes
-  std::function<void(long long)> on_piece;
+  int breaks = 0;  // the next `breaks` transfers break after `break_after` bytes
+  long long break_after = 0;
+  std::function<void(long long)> on_piece;  // told the end of each piece sent
 
  private:
   const std::string bytes_;
@@ -67,14 +66,8 @@ class RecordingCache : public IFetchCallback {
   long long refuse_at = -1;
 };
 
-std::string Pattern(size_t size) {
-  std::string bytes(size, '\0');
-  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(i * 7 + i / 4096);
-  return bytes;
-}
-
 TEST(OriginFetch, DeliversWholeSectorsWhileTheOriginSends) {
-  const std::string bytes = Pattern(3 * kSector + 1000);
+  const std::string bytes = RandomBytes(3 * kSector + 1000, 1);
   MemoryOrigin origin(bytes);
   TransferCounters drive;
   auto file = std::make_shared<TransferCounters>();
@@ -97,37 +90,48 @@ TEST(OriginFetch, DeliversWholeSectorsWhileTheOriginSends) {
 }
 
 TEST(OriginFetch, ResumesAfterADropAndFailsWhenItCannotFinish) {
-  const std::string bytes = Pattern(2 * kSector);
-  MemoryOrigin origin(bytes);
-  TransferCounters drive;
-  auto file = std::make_shared<TransferCounters>();
+  const std::string bytes = RandomBytes(2 * kSector, 2);
+  struct Case {
+    const char* what;
+    int breaks;
+    long long break_after;
+    std::string validator;
+    long long refuse_at;
+    bool closed, stop;
+    long long result;
+    size_t pieces;
+    long long requests, fetched;
+  };
+  const Case cases[] = {
+      // The retry resumes after the bytes received and never splits a sector.
+      {"one drop", 1, kSector / 2, "v1", -1, false, false, 0, 2, 2, 2 * kSector},
+      {"drops beyond the retries", 100, 0, "v1", -1, false, false, 1, 0, 4, 0},
+      {"drop on a closed handle", 1, 0, "v1", -1, true, false, 1, 0, 1, 0},
+      {"the cache refuses", 0, 0, "v1", 0, false, false, 1, 1, 1, kSector},
+      {"another version", 0, 0, "v0", -1, false, false, 1, 0, 1, 0},
+      {"unmounting", 0, 0, "v1", -1, false, true, 1, 0, 1, 0},
+  };
   RetryPolicy retry;
   retry.first_delay_ms = 1;
-  OriginFetch fetch(&origin, "/f", "v1", &drive, file, retry);
-
-  RecordingCache resumed;
-  origin.fail_after = kSector / 2;
-  EXPECT_EQ(fetch.Fetch(0, 2 * kSector, nullptr, &resumed), 0);
-  EXPECT_EQ(resumed.Joined(), bytes);
-  EXPECT_EQ(resumed.pieces.size(), 2u) << "the resumed transfer must not split a sector";
-  EXPECT_EQ(TransferCounters::Get(drive.bytes_fetched), 2 * kSector) << "nothing fetched twice";
-
-  RecordingCache refusing;
-  refusing.refuse_at = 0;
-  EXPECT_EQ(fetch.Fetch(0, 2 * kSector, nullptr, &refusing), 1);
-  EXPECT_EQ(refusing.pieces.size(), 1u) << "fetching went on after the cache refused";
-
-  OriginFetch stale(&origin, "/f", "v0", &drive, file, retry);
-  RecordingCache untouched;
-  EXPECT_EQ(stale.Fetch(0, kSector, nullptr, &untouched), 1);
-  EXPECT_TRUE(untouched.pieces.empty());
-
-  auto closed = std::make_shared<_FS_HANDLE>(_FS_HANDLE{1, 3, 1, "/f"});
-  RecordingCache gave_up;
-  origin.fail_after = 0;
-  const long long requests = TransferCounters::Get(drive.origin_requests);
-  EXPECT_EQ(fetch.Fetch(0, kSector, closed, &gave_up), 1);
-  EXPECT_EQ(TransferCounters::Get(drive.origin_requests), requests + 1) << "retried for a closed handle";
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    MemoryOrigin origin(bytes);
+    origin.breaks = c.breaks;
+    origin.break_after = c.break_after;
+    TransferCounters drive;
+    const std::atomic<bool> stop{c.stop};
+    OriginFetch fetch(&origin, "/f", c.validator, &drive, std::make_shared<TransferCounters>(), retry, &stop);
+    RecordingCache cache;
+    cache.refuse_at = c.refuse_at;
+    auto closed = std::make_shared<_FS_HANDLE>(_FS_HANDLE{1, 3, 1, "/f"});
+    EXPECT_EQ(fetch.Fetch(0, 2 * kSector, c.closed ? closed : nullptr, &cache), c.result);
+    EXPECT_EQ(fetch.failures(), c.result);
+    EXPECT_EQ(cache.pieces.size(), c.pieces);
+    EXPECT_EQ(cache.Joined(), bytes.substr(0, c.pieces * kSector));
+    EXPECT_EQ(TransferCounters::Get(drive.origin_requests), c.requests);
+    EXPECT_EQ(TransferCounters::Get(drive.bytes_fetched), c.fetched) << "bytes fetched twice or not counted";
+    EXPECT_EQ(TransferCounters::Get(drive.in_flight), 0);
+  }
 }
 
 }  // namespace

@@ -4,57 +4,125 @@
 
 #include <gtest/gtest.h>
 #include <json/json.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <fstream>
-#include <random>
+#include <condition_variable>
+#include <future>
+#include <mutex>
 #include <sstream>
 
-#include "client/support/faulty_origin.h"
+#include "client/support/test_bytes.h"
 #include "directory_origin.h"
+#include "support/file_helpers.h"
 #include "support/temp_dir.h"
 
 namespace {
 
 constexpr long long kSector = 512 * 1024;
+constexpr long long kAll = 1LL << 40;
+const char kNoReadAhead[] = R"({"cache": {"ra": {"hit": 1000}}})";
 
-std::string RandomBytes(size_t size, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string bytes(size, '\0');
-  for (char& c : bytes) c = static_cast<char>(random());
-  return bytes;
-}
+// Wraps the directory origin and makes it fail on demand: down (every
+// request is unreachable), uploads refused or held, or a drop after some
+// bytes of the next reads. Counts the reads it passes on.
+class FaultyOrigin : public Origin {
+ public:
+  explicit FaultyOrigin(std::unique_ptr<Origin> inner) : inner_(std::move(inner)) {}
 
-std::string FileContents(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream all;
-  all << in.rdbuf();
-  return all.str();
-}
+  std::atomic<bool> down{false};
+  std::atomic<bool> refuse_uploads{false};
+  // The next `drops` reads deliver at most `drop_after` bytes, then fail as
+  // a connection dropped mid-body would.
+  std::atomic<int> drops{0};
+  std::atomic<long long> drop_after{0};
+  std::atomic<int> reads{0};
+
+  // While held, an upload waits inside the origin until released.
+  void HoldUploads(bool hold) {
+    std::lock_guard<std::mutex> guard(lock_);
+    hold_ = hold;
+    changed_.notify_all();
+  }
+  bool WaitForHeldUpload() {
+    std::unique_lock<std::mutex> guard(lock_);
+    return changed_.wait_for(guard, std::chrono::seconds(10), [this] { return held_; });
+  }
+
+  std::string Describe() const override { return inner_->Describe(); }
+  OriginStatus List(const std::string& path, std::vector<OriginEntry>* entries, std::string* error) override {
+    return down ? Down(error) : inner_->List(path, entries, error);
+  }
+  OriginStatus Stat(const std::string& path, OriginFileInfo* info, std::string* error) override {
+    return down ? Down(error) : inner_->Stat(path, info, error);
+  }
+  OriginStatus ReadRange(const std::string& path, long long offset, long long length, const std::string& validator,
+                         const ByteSink& sink, std::string* error) override {
+    if (down) return Down(error);
+    ++reads;
+    if (drops.load() <= 0) return inner_->ReadRange(path, offset, length, validator, sink, error);
+    --drops;
+    const long long limit = std::min(length, drop_after.load());
+    const OriginStatus status = inner_->ReadRange(path, offset, limit, validator, sink, error);
+    return status != OriginStatus::kOk || limit == length ? status : Down(error);
+  }
+  OriginStatus Upload(const std::string& path, long long size, const ByteSource& source, std::string* error) override {
+    {
+      std::unique_lock<std::mutex> guard(lock_);
+      held_ = hold_;
+      changed_.notify_all();
+      changed_.wait(guard, [this] { return !hold_; });
+    }
+    if (refuse_uploads) return OriginStatus::kFailed;
+    return down ? Down(error) : inner_->Upload(path, size, source, error);
+  }
+
+ private:
+  static OriginStatus Down(std::string* error) {
+    *error = "connection refused (test)";
+    return OriginStatus::kUnreachable;
+  }
+
+  const std::unique_ptr<Origin> inner_;
+  std::mutex lock_;
+  std::condition_variable changed_;
+  bool hold_ = false;  // protected by lock_
+  bool held_ = false;  // protected by lock_
+};
 
 class DriveTest : public ::testing::Test {
  protected:
   void SetUp() override { Mount(""); }
 
+  // Listings are trusted for an hour: the drive lists again only when it
+  // has a reason to.
   void Mount(const std::string& settings, OriginOptions origin_options = OriginOptions()) {
     std::string error;
     auto faulty = std::make_unique<FaultyOrigin>(MakeDirectoryOrigin(origin_.path(), origin_options, &error));
     faulty_ = faulty.get();
     DriveOptions options;
-    options.cache_dir = cache_.path() + "/cache";
+    options.cache_dir = cache_.File("cache");
     options.limit = 256ULL << 20;
     options.threads = 2;
     options.log_mask = 0;
-    options.listing_ttl_ms = 0;
+    options.listing_ttl_ms = 3600 * 1000;
     options.settings_json = settings;
     options.retry.first_delay_ms = 1;
     drive_ = std::make_unique<RemoteDrive>(std::move(faulty), options);
     ASSERT_TRUE(drive_->Start(&error)) << error;
   }
 
-  std::unique_ptr<OpenHandle> OpenOrDie(const std::string& path, int flags = O_RDONLY) {
+  std::unique_ptr<OpenHandle> Open(const std::string& path, int flags = O_RDONLY) {
     std::unique_ptr<OpenHandle> handle;
     EXPECT_EQ(drive_->Open(path, flags, &handle), 0) << path;
     return handle;
+  }
+
+  int OpenStatus(const std::string& path, int flags = O_RDONLY) {
+    std::unique_ptr<OpenHandle> handle;
+    const int status = drive_->Open(path, flags, &handle);
+    drive_->Release(std::move(handle));
+    return status;
   }
 
   // Reads [offset, offset + size) in kernel-sized pieces; a negative errno
@@ -62,10 +130,10 @@ class DriveTest : public ::testing::Test {
   std::string ReadRange(OpenHandle* handle, long long offset, long long size, long long* status = nullptr) {
     std::string out;
     std::vector<char> buffer(128 * 1024);
-    while (static_cast<long long>(out.size()) < size) {
-      const size_t want = static_cast<size_t>(std::min<long long>(buffer.size(), size - static_cast<long long>(out.size())));
-      const long long got = drive_->Read(handle, buffer.data(), want, offset + static_cast<long long>(out.size()));
-      if (status != nullptr) *status = got < 0 ? got : 0;
+    for (long long done = 0; done < size; done = static_cast<long long>(out.size())) {
+      const auto want = static_cast<size_t>(std::min<long long>(buffer.size(), size - done));
+      const long long got = drive_->Read(handle, buffer.data(), want, offset + done);
+      if (status != nullptr) *status = std::min(got, 0LL);
       if (got <= 0) break;
       out.append(buffer.data(), static_cast<size_t>(got));
     }
@@ -73,18 +141,32 @@ class DriveTest : public ::testing::Test {
   }
 
   std::string ReadWhole(const std::string& path) {
-    auto handle = OpenOrDie(path);
+    auto handle = Open(path);
     if (!handle) return "";
-    std::string all = ReadRange(handle.get(), 0, 1LL << 40);
+    std::string all = ReadRange(handle.get(), 0, kAll);
     drive_->Release(std::move(handle));
     return all;
   }
 
-  Json::Value Stats() {
-    Json::Value root;
-    std::istringstream in(ReadWhole("/.korvcache-stats"));
-    in >> root;
-    return root;
+  long long Write(OpenHandle* handle, long long offset, const std::string& bytes) {
+    return drive_->Write(handle, bytes.data(), bytes.size(), offset);
+  }
+
+  std::string OnOrigin(const std::string& name) { return FileContents(origin_.File(name)); }
+
+  std::vector<std::string> Names(const std::string& directory) {
+    std::vector<OriginEntry> entries;
+    EXPECT_EQ(drive_->ListDirectory(directory, &entries), 0) << directory;
+    std::vector<std::string> names;
+    for (const OriginEntry& entry : entries) names.push_back(entry.name);
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  long long SizeOf(const std::string& path) {
+    FileAttributes attributes;
+    const int status = drive_->GetAttributes(path, &attributes);
+    return status != 0 ? status : attributes.size;
   }
 
   TempDir origin_;
@@ -94,76 +176,96 @@ class DriveTest : public ::testing::Test {
 };
 
 TEST_F(DriveTest, ReadsAreExactAndWarmReadsStayLocal) {
+  Mount(kNoReadAhead);  // every origin read is done when the read that asked for it returns
   const std::string bytes = RandomBytes(3 * kSector + 100, 1);
+  const long long size = static_cast<long long>(bytes.size());
   origin_.Write("data.bin", bytes);
-  EXPECT_EQ(ReadWhole("/data.bin"), bytes);
+  EXPECT_TRUE(Same(ReadWhole("/data.bin"), bytes));
   const int cold_reads = faulty_->reads;
   EXPECT_GT(cold_reads, 0);
 
-  auto handle = OpenOrDie("/data.bin");
-  EXPECT_EQ(ReadRange(handle.get(), 0, 1LL << 40), bytes);
-  EXPECT_EQ(ReadRange(handle.get(), kSector - 7, 20), bytes.substr(kSector - 7, 20));
+  auto handle = Open("/data.bin");
+  EXPECT_TRUE(Same(ReadRange(handle.get(), 0, kAll), bytes));
+  EXPECT_TRUE(Same(ReadRange(handle.get(), kSector - 7, 20), bytes.substr(kSector - 7, 20)));
   char byte;
-  EXPECT_EQ(drive_->Read(handle.get(), &byte, 1, static_cast<long long>(bytes.size())), 0);
+  EXPECT_EQ(drive_->Read(handle.get(), &byte, 1, size), 0);
+  EXPECT_EQ(drive_->Read(handle.get(), &byte, 1, -1), -EINVAL);
+  EXPECT_EQ(Write(handle.get(), 0, "x"), -EBADF);
   EXPECT_EQ(faulty_->reads, cold_reads) << "a warm read went to the origin";
 
-  const Json::Value stats = Stats();
+  Json::Value stats;
+  std::istringstream(ReadWhole("/.korvcache-stats")) >> stats;
   EXPECT_EQ(stats["origin_requests"].asInt64(), cold_reads);
-  EXPECT_GE(stats["bytes_fetched"].asInt64(), static_cast<long long>(bytes.size()));
-  EXPECT_GE(stats["bytes_served_from_cache"].asInt64(), static_cast<long long>(bytes.size()));
-  EXPECT_GE(stats["cache_directory_bytes"].asInt64(), static_cast<long long>(bytes.size()));
+  EXPECT_EQ(stats["bytes_fetched"].asInt64(), size);
+  EXPECT_EQ(stats["bytes_served"].asInt64(), 2 * size + 20);
+  EXPECT_GE(stats["bytes_served_from_cache"].asInt64(), size + 20);
+  EXPECT_GE(stats["cache_directory_bytes"].asInt64(), size);
+  EXPECT_EQ(stats["limit_bytes"].asInt64(), 256 << 20);
   ASSERT_EQ(stats["open_files"].size(), 1u);
   EXPECT_EQ(stats["open_files"][0]["path"].asString(), "/data.bin");
-  EXPECT_EQ(stats["open_files"][0]["size"].asInt64(), static_cast<long long>(bytes.size()));
+  EXPECT_EQ(stats["open_files"][0]["size"].asInt64(), size);
+  EXPECT_EQ(stats["open_files"][0]["bytes_served"].asInt64(), 2 * size + 20);
+  EXPECT_EQ(stats["open_files"][0]["bytes_fetched"].asInt64(), size);
   drive_->Release(std::move(handle));
 
-  std::vector<OriginEntry> entries;
-  ASSERT_EQ(drive_->ListDirectory("/", &entries), 0);
-  std::vector<std::string> names;
-  for (auto& entry : entries) names.push_back(entry.name);
-  EXPECT_NE(std::find(names.begin(), names.end(), "data.bin"), names.end());
-  EXPECT_NE(std::find(names.begin(), names.end(), kStatsFileName), names.end());
-  std::unique_ptr<OpenHandle> none;
-  EXPECT_EQ(drive_->Open("/missing.bin", O_RDONLY, &none), -ENOENT);
-  EXPECT_EQ(drive_->Open("/.korvcache-stats", O_WRONLY, &none), -EACCES);
+  ASSERT_EQ(mkdir(origin_.File("dir").c_str(), 0755), 0);
+  EXPECT_EQ(Names("/"), (std::vector<std::string>{".korvcache-stats", "data.bin", "dir"}));
+  EXPECT_EQ(SizeOf("/data.bin"), size);
+  EXPECT_EQ(SizeOf("/missing.bin"), -ENOENT);
+  FileAttributes attributes;
+  ASSERT_EQ(drive_->GetAttributes("/dir", &attributes), 0);
+  EXPECT_TRUE(attributes.is_directory);
+  ASSERT_EQ(drive_->GetAttributes("/.korvcache-stats", &attributes), 0);
+  EXPECT_TRUE(attributes.read_only);
+  EXPECT_EQ(OpenStatus("/missing.bin"), -ENOENT);
+  EXPECT_EQ(OpenStatus("/dir"), -EISDIR);
+  EXPECT_EQ(OpenStatus("/.korvcache-stats", O_WRONLY), -EACCES);
+  EXPECT_EQ(drive_->Truncate("/.korvcache-stats", nullptr, 0), -EACCES);
 }
 
-TEST_F(DriveTest, ChangedOriginFileIsFetchedAfresh) {
-  origin_.Write("doc.txt", std::string(kSector + 10, 'a'));
-  EXPECT_EQ(ReadWhole("/doc.txt"), std::string(kSector + 10, 'a'));
+TEST_F(DriveTest, ChangedOriginFileIsFetchedAfreshUnlessOpenForWriting) {
+  const std::string first(kSector + 10, 'a'), second(kSector + 10, 'b');
+  origin_.Write("doc.txt", first);
+  EXPECT_TRUE(Same(ReadWhole("/doc.txt"), first));
   // Same size, new contents: the validator (size and mtime) tells them apart.
-  origin_.Write("doc.txt", std::string(kSector + 10, 'b'));
+  origin_.Write("doc.txt", second);
   struct timespec times[2] = {{0, UTIME_OMIT}, {time(nullptr) + 5, 0}};
   utimensat(AT_FDCWD, origin_.File("doc.txt").c_str(), times, 0);
-  EXPECT_EQ(ReadWhole("/doc.txt"), std::string(kSector + 10, 'b'));
+  EXPECT_TRUE(Same(ReadWhole("/doc.txt"), second));
+
+  // While a writer has the file open, its copy is what every open sees.
+  auto writer = Open("/doc.txt", O_RDWR);
+  EXPECT_TRUE(Same(ReadRange(writer.get(), 0, kAll), second));
   origin_.Write("doc.txt", "short now");
+  EXPECT_TRUE(Same(ReadWhole("/doc.txt"), second));
+  EXPECT_EQ(drive_->Release(std::move(writer)), 0);
   EXPECT_EQ(ReadWhole("/doc.txt"), "short now");
+  EXPECT_EQ(OnOrigin("doc.txt"), "short now") << "an open without writes uploaded";
+  ASSERT_EQ(unlink(origin_.File("doc.txt").c_str()), 0);
+  EXPECT_EQ(OpenStatus("/doc.txt"), -ENOENT);
 }
 
 TEST_F(DriveTest, UnreachableOriginServesWhatIsCachedAndFailsTheRest) {
-  Mount(R"({"cache": {"ra": {"hit": 1000}}})");  // no read-ahead: only what is read is cached
+  Mount(kNoReadAhead);  // only what is read is cached
   const std::string bytes = RandomBytes(8 * kSector, 2);
   origin_.Write("big.bin", bytes);
   {
-    auto handle = OpenOrDie("/big.bin");
-    EXPECT_EQ(ReadRange(handle.get(), 0, kSector), bytes.substr(0, kSector));
+    auto handle = Open("/big.bin");
+    EXPECT_TRUE(Same(ReadRange(handle.get(), 0, kSector), bytes.substr(0, kSector)));
     drive_->Release(std::move(handle));
   }
   faulty_->down = true;
-  auto handle = OpenOrDie("/big.bin");
+  auto handle = Open("/big.bin");
   ASSERT_TRUE(handle);
-  EXPECT_EQ(ReadRange(handle.get(), 0, kSector), bytes.substr(0, kSector));
+  EXPECT_TRUE(Same(ReadRange(handle.get(), 0, kSector), bytes.substr(0, kSector)));
   long long status = 0;
   EXPECT_EQ(ReadRange(handle.get(), 6 * kSector, 1000, &status), "");
   EXPECT_EQ(status, -EIO);
-  FileAttributes attributes;
-  EXPECT_EQ(drive_->GetAttributes("/big.bin", &attributes), 0);
-  EXPECT_EQ(attributes.size, static_cast<long long>(bytes.size()));
-  std::unique_ptr<OpenHandle> other;
-  EXPECT_EQ(drive_->Open("/never-seen.bin", O_RDONLY, &other), -EIO);
+  EXPECT_EQ(SizeOf("/big.bin"), static_cast<long long>(bytes.size()));
+  EXPECT_EQ(OpenStatus("/never-seen.bin"), -EIO);
 
   faulty_->down = false;
-  EXPECT_EQ(ReadRange(handle.get(), 6 * kSector, 1000), bytes.substr(6 * kSector, 1000));
+  EXPECT_TRUE(Same(ReadRange(handle.get(), 6 * kSector, 1000), bytes.substr(6 * kSector, 1000)));
   drive_->Release(std::move(handle));
 }
 
@@ -172,70 +274,70 @@ TEST_F(DriveTest, DroppedTransfersResumeAndNeverMixBytes) {
   origin_.Write("f.bin", bytes);
   faulty_->drop_after = kSector + 1000;  // not on a sector boundary
   faulty_->drops = 3;
-  EXPECT_EQ(ReadWhole("/f.bin"), bytes);
+  EXPECT_TRUE(Same(ReadWhole("/f.bin"), bytes));
   EXPECT_EQ(faulty_->drops, 0);
 }
 
 TEST_F(DriveTest, WritesTruncatesAndNewFilesReachTheOrigin) {
   std::string expected = RandomBytes(2 * kSector + 10, 4);
   origin_.Write("w.bin", expected);
-  EXPECT_EQ(ReadWhole("/w.bin"), expected);  // cached read-only first, then converted
-
-  auto handle = OpenOrDie("/w.bin", O_RDWR);
+  auto handle = Open("/w.bin", O_RDWR);
   ASSERT_TRUE(handle);
-  ASSERT_EQ(drive_->Write(handle.get(), "12345", 5, kSector + 3), 5);
-  expected.replace(kSector + 3, 5, "12345");
-  // An append starts inside the last sector, whose origin bytes must stay.
-  ASSERT_EQ(drive_->Write(handle.get(), "tail", 4, static_cast<long long>(expected.size())), 4);
+  // An append to a file nothing of which is cached yet: the origin's bytes
+  // of the sector it starts in stay.
+  ASSERT_EQ(Write(handle.get(), static_cast<long long>(expected.size()), "tail"), 4);
   expected += "tail";
-  EXPECT_EQ(ReadRange(handle.get(), 0, 1LL << 40), expected);
+  ASSERT_EQ(Write(handle.get(), kSector + 3, "12345"), 5);
+  expected.replace(kSector + 3, 5, "12345");
+  EXPECT_TRUE(Same(ReadRange(handle.get(), 0, kAll), expected));
   EXPECT_EQ(drive_->Flush(handle.get()), 0);
-  EXPECT_EQ(FileContents(origin_.File("w.bin")), expected);
+  EXPECT_TRUE(Same(OnOrigin("w.bin"), expected));
   drive_->Release(std::move(handle));
 
   // Cut to inside a sector, then grow: the grown part reads as zeros.
   ASSERT_EQ(drive_->Truncate("/w.bin", nullptr, kSector + 6), 0);
   expected.resize(kSector + 6);
-  EXPECT_EQ(FileContents(origin_.File("w.bin")), expected);
+  EXPECT_TRUE(Same(OnOrigin("w.bin"), expected));
   ASSERT_EQ(drive_->Truncate("/w.bin", nullptr, 2 * kSector), 0);
   expected.resize(2 * kSector, '\0');
-  EXPECT_EQ(FileContents(origin_.File("w.bin")), expected);
-  EXPECT_EQ(ReadWhole("/w.bin"), expected);
+  EXPECT_TRUE(Same(OnOrigin("w.bin"), expected));
+  EXPECT_TRUE(Same(ReadWhole("/w.bin"), expected));
+  EXPECT_EQ(drive_->Truncate("/w.bin", nullptr, -1), -EINVAL);
 
-  mkdir(origin_.File("sub").c_str(), 0755);
+  // A new file is listed while it is written and after its upload.
+  ASSERT_EQ(mkdir(origin_.File("sub").c_str(), 0755), 0);
+  EXPECT_EQ(Names("/sub"), std::vector<std::string>());
   const std::string fresh = RandomBytes(kSector + 77, 5);
-  auto created = OpenOrDie("/sub/new.bin", O_WRONLY | O_CREAT);
+  auto created = Open("/sub/new.bin", O_WRONLY | O_CREAT);
   ASSERT_TRUE(created);
-  FileAttributes attributes;
-  ASSERT_EQ(drive_->Write(created.get(), fresh.data(), fresh.size(), 0), static_cast<long long>(fresh.size()));
-  EXPECT_EQ(drive_->GetAttributes("/sub/new.bin", &attributes), 0);
-  EXPECT_EQ(attributes.size, static_cast<long long>(fresh.size()));
-  std::vector<OriginEntry> entries;
-  ASSERT_EQ(drive_->ListDirectory("/sub", &entries), 0);
-  ASSERT_EQ(entries.size(), 1u);
-  EXPECT_EQ(entries[0].name, "new.bin");
+  ASSERT_EQ(Write(created.get(), 0, fresh), static_cast<long long>(fresh.size()));
+  EXPECT_EQ(SizeOf("/sub/new.bin"), static_cast<long long>(fresh.size()));
+  EXPECT_EQ(Names("/sub"), std::vector<std::string>{"new.bin"});
+  EXPECT_EQ(drive_->Flush(created.get()), 0);
+  EXPECT_EQ(Names("/sub"), std::vector<std::string>{"new.bin"}) << "the listing from before the upload";
   EXPECT_EQ(drive_->Release(std::move(created)), 0);
-  EXPECT_EQ(FileContents(origin_.File("sub/new.bin")), fresh);
-  EXPECT_EQ(ReadWhole("/sub/new.bin"), fresh);
+  EXPECT_TRUE(Same(OnOrigin("sub/new.bin"), fresh));
+  EXPECT_TRUE(Same(ReadWhole("/sub/new.bin"), fresh));
 }
 
 TEST_F(DriveTest, UnfetchableOriginBytesFailWritesAndUploadsInsteadOfBecomingZeros) {
   const std::string bytes = RandomBytes(3 * kSector, 6);
   origin_.Write("r.bin", bytes);
-  auto handle = OpenOrDie("/r.bin", O_RDWR);
+  auto handle = Open("/r.bin", O_RDWR);
   ASSERT_TRUE(handle);
-  ASSERT_EQ(drive_->Write(handle.get(), "x", 1, 0), 1);  // fetches sector 0 only
+  ASSERT_EQ(Write(handle.get(), 0, "x"), 1);  // fetches sector 0 only
   faulty_->down = true;
-  EXPECT_EQ(drive_->Write(handle.get(), "y", 1, kSector + 5), -EIO);
-  EXPECT_EQ(drive_->Write(handle.get(), "z", 1, 3 * kSector), -EIO);
+  EXPECT_EQ(Write(handle.get(), kSector + 5, "y"), -EIO);
+  EXPECT_EQ(Write(handle.get(), 3 * kSector, "z"), -EIO);
   char buffer[16];
   EXPECT_EQ(drive_->Read(handle.get(), buffer, sizeof(buffer), 2 * kSector), -EIO);
+  EXPECT_EQ(drive_->Truncate("/r.bin", handle.get(), 2 * kSector + 5), -EIO);
   EXPECT_EQ(drive_->Flush(handle.get()), -EIO);
-  EXPECT_EQ(FileContents(origin_.File("r.bin")), bytes) << "a partial upload replaced the origin's file";
+  EXPECT_TRUE(Same(OnOrigin("r.bin"), bytes)) << "a partial upload replaced the origin's file";
 
   faulty_->down = false;
   EXPECT_EQ(drive_->Flush(handle.get()), 0);
-  EXPECT_EQ(FileContents(origin_.File("r.bin")), "x" + bytes.substr(1));
+  EXPECT_TRUE(Same(OnOrigin("r.bin"), "x" + bytes.substr(1)));
   drive_->Release(std::move(handle));
 }
 
@@ -244,37 +346,54 @@ TEST_F(DriveTest, UnmountWhileFetchesRunIsClean) {
   slow.bandwidth = 4 << 20;
   Mount("", slow);
   origin_.Write("slow.bin", RandomBytes(8 * kSector, 7));
-  auto handle = OpenOrDie("/slow.bin");
+  auto handle = Open("/slow.bin");
   char buffer[100];
   ASSERT_EQ(drive_->Read(handle.get(), buffer, sizeof(buffer), 0), 100);
   drive_->Release(std::move(handle));
   drive_->Shutdown();  // the rest of the reservation is still arriving
 }
 
+TEST_F(DriveTest, AnUploadInProgressStallsNoOpen) {
+  origin_.Write("a.bin", "old a");
+  origin_.Write("b.bin", "bbb");
+  auto writer = Open("/a.bin", O_RDWR);
+  ASSERT_EQ(Write(writer.get(), 0, "new"), 3);
+  faulty_->HoldUploads(true);
+  auto flushed = std::async(std::launch::async, [&] { return drive_->Flush(writer.get()); });
+  ASSERT_TRUE(faulty_->WaitForHeldUpload());
+  auto opened = std::async(std::launch::async, [&] { return ReadWhole("/b.bin") + "|" + ReadWhole("/a.bin"); });
+  const bool in_time = opened.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+  faulty_->HoldUploads(false);
+  EXPECT_TRUE(in_time) << "opens waited for an upload";
+  EXPECT_EQ(opened.get(), "bbb|new a");
+  EXPECT_EQ(flushed.get(), 0);
+  EXPECT_EQ(OnOrigin("a.bin"), "new a");
+  drive_->Release(std::move(writer));
+}
+
 TEST_F(DriveTest, FailedUploadLosesNothing) {
   origin_.Write("keep.txt", "original");
   faulty_->refuse_uploads = true;
-  auto handle = OpenOrDie("/keep.txt", O_RDWR | O_TRUNC);
+  auto handle = Open("/keep.txt", O_RDWR | O_TRUNC);
   ASSERT_TRUE(handle);
-  ASSERT_EQ(drive_->Write(handle.get(), "changed", 7, 0), 7);
+  ASSERT_EQ(Write(handle.get(), 0, "changed"), 7);
   EXPECT_EQ(drive_->Flush(handle.get()), -EIO);
   EXPECT_EQ(drive_->Release(std::move(handle)), -EIO);
-  EXPECT_EQ(FileContents(origin_.File("keep.txt")), "original");
+  EXPECT_EQ(OnOrigin("keep.txt"), "original");
   EXPECT_EQ(ReadWhole("/keep.txt"), "changed") << "the local copy is what the volume shows";
 
   faulty_->refuse_uploads = false;
-  handle = OpenOrDie("/keep.txt", O_WRONLY);
-  EXPECT_EQ(drive_->Release(std::move(handle)), 0);
-  EXPECT_EQ(FileContents(origin_.File("keep.txt")), "changed");
+  EXPECT_EQ(drive_->Release(Open("/keep.txt", O_WRONLY)), 0);
+  EXPECT_EQ(OnOrigin("keep.txt"), "changed");
 
   // Still refused at unmount: the data is kept beside the cache.
   faulty_->refuse_uploads = true;
-  handle = OpenOrDie("/keep.txt", O_WRONLY);
-  ASSERT_EQ(drive_->Write(handle.get(), "CH", 2, 0), 2);
+  handle = Open("/keep.txt", O_WRONLY);
+  ASSERT_EQ(Write(handle.get(), 0, "CH"), 2);
   drive_->Release(std::move(handle));
   drive_->Shutdown();
-  EXPECT_EQ(FileContents(cache_.path() + "/cache/unsaved/keep.txt"), "CHanged");
-  EXPECT_EQ(FileContents(origin_.File("keep.txt")), "changed");
+  EXPECT_EQ(FileContents(cache_.File("cache/unsaved/keep.txt")), "CHanged");
+  EXPECT_EQ(OnOrigin("keep.txt"), "changed");
 }
 
 }  // namespace

@@ -49,6 +49,8 @@ TEST(WorkerQueue, RunsWorkAndCancelsWhatNeverRan) {
   for (int i = 0; i < 5; ++i) queue.Enqueue(new CountingWork(&stopped), nullptr);
   queue.CancelPending();
   open_gate.set_value();
+  // Every item is handed its call by the worker before Stop() could decide.
+  while (stopped.processed + stopped.canceled < 6) std::this_thread::yield();
   queue.Stop();
   queue.Enqueue(new CountingWork(&stopped), nullptr);
   queue.Stop();

@@ -14,7 +14,7 @@ class VolumeMount {
  public:
   // `extra` options are appended to korvmount's command line.
   VolumeMount(std::string origin, std::vector<std::string> extra = {});
-  ~VolumeMount();
+  ~VolumeMount();  // Unmount()s
   VolumeMount(const VolumeMount&) = delete;
   VolumeMount& operator=(const VolumeMount&) = delete;
 
@@ -22,37 +22,24 @@ class VolumeMount {
   // FUSE file system (no /dev/fuse, or mounting not permitted).
   static bool FuseUsable(std::string* reason);
 
-  // Starts korvmount and waits until the volume answers. On failure returns
-  // false with korvmount's messages in `reason`; `*not_permitted` tells a
-  // refused mount (skip) from a client failure.
-  bool Mount(std::string* reason, bool* not_permitted = nullptr);
+  // Starts korvmount and waits until the volume is mounted. On failure
+  // returns false with korvmount's messages in `reason`; `*not_permitted`
+  // tells a refused mount (skip) from a client failure.
+  bool Mount(std::string* reason, bool* not_permitted);
   // Unmounts and waits for korvmount to end. Returns its exit status, or -1.
   int Unmount();
 
-  std::string Path(const std::string& rel) const { return mountpoint_ + "/" + rel; }
-  const std::string& mountpoint() const { return mountpoint_; }
-  const std::string& cache_dir() const { return cache_dir_; }
-  // What korvmount wrote to standard error so far.
+  std::string Path(const std::string& rel) const { return mountpoint() + "/" + rel; }
+  std::string mountpoint() const { return dir_.File("mnt"); }
+  std::string cache_dir() const { return dir_.File("cache"); }
+  // What korvmount wrote so far, for failure messages.
   std::string Messages() const;
 
  private:
   bool Mounted() const;
 
   TempDir dir_;
-  std::string origin_;
-  std::vector<std::string> extra_;
-  std::string mountpoint_;
-  std::string cache_dir_;
-  std::string log_;
+  const std::string origin_;
+  const std::vector<std::string> extra_;
   pid_t pid_ = -1;
 };
-
-// The directory of korvmount and korvcat.
-std::string ClientBinary(const std::string& name);
-
-// Runs a program to completion with stdout into `out` and stderr into `err`
-// (either may be null). Returns its exit status, or -1.
-int RunProgram(const std::vector<std::string>& argv, std::string* out, std::string* err);
-
-// Bytes on disk under `dir` (allocated blocks, so sparse files count as held).
-long long DiskUsage(const std::string& dir);

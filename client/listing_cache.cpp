@@ -1,0 +1,44 @@
+#include "listing_cache.h"
+
+#include <cerrno>
+
+#include "stderr_log.h"
+
+int ListingCache::List(const std::string& directory, std::vector<OriginEntry>* entries) {
+  const auto now = std::chrono::steady_clock::now();
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    auto it = listings_.find(directory);
+    if (it != listings_.end() && now - it->second.taken < ttl_) {
+      *entries = it->second.entries;
+      return 0;
+    }
+  }
+  std::string error;
+  std::vector<OriginEntry> fresh;
+  const OriginStatus status = origin_->List(directory, &fresh, &error);
+  std::lock_guard<std::mutex> guard(lock_);
+  if (status == OriginStatus::kOk) {
+    listings_[directory] = Listing{now, fresh};
+    *entries = std::move(fresh);
+    return 0;
+  }
+  if (status == OriginStatus::kNotFound) {
+    listings_.erase(directory);
+    return -ENOENT;
+  }
+  // An origin out of reach keeps the last listing it gave.
+  auto it = listings_.find(directory);
+  if (it != listings_.end()) {
+    *entries = it->second.entries;
+    return 0;
+  }
+  ClientLog(LOGLEVEL_ERROR, "list %s: origin %s: %s: %s", directory.c_str(), origin_->Describe().c_str(),
+            OriginStatusText(status), error.c_str());
+  return -EIO;
+}
+
+void ListingCache::Forget(const std::string& directory) {
+  std::lock_guard<std::mutex> guard(lock_);
+  listings_.erase(directory);
+}
