@@ -58,26 +58,6 @@ class FileSizeLimit {
   void (*old_signal_)(int);
 };
 
-// Remembers the handles the cache passes to the origin.
-class HandleRecordingOrigin : public IFetch {
- public:
-  explicit HandleRecordingOrigin(FakeOrigin* origin) : origin_(origin) {}
-  long long Fetch(long long offset, long length, std::shared_ptr<_FS_HANDLE> handle,
-                  IFetchCallback* callback) override {
-    fetched_.push_back(*handle);
-    return origin_->Fetch(offset, length, handle, callback);
-  }
-  std::string HandleInfo(_FS_HANDLE* handle) override {
-    ++named_;
-    return origin_->HandleInfo(handle);
-  }
-  std::vector<_FS_HANDLE> fetched_;
-  int named_ = 0;
-
- private:
-  FakeOrigin* origin_;
-};
-
 class WritableCacheTest : public ::testing::Test {
  protected:
   std::string Dir() const { return dir_.path() + "/"; }
@@ -107,13 +87,8 @@ TEST_F(WritableCacheTest, TakenNamesAreNumberedBeforeTheLastDot) {
   EXPECT_EQ(b->GetFileName(), "b.txt");
   // A regular file where the directory should be: kErrCreateFile.
   dir_.Write("plain", "x");
-  AERROR thrown = kOk;
-  try {
-    WritableCache cache(dir_.File("plain") + "/", "f.bin", S, nullptr, &config_);
-  } catch (AERROR error) {
-    thrown = error;
-  }
-  EXPECT_EQ(thrown, kErrCreateFile);
+  EXPECT_EQ(ErrorThrownBy([&] { WritableCache cache(dir_.File("plain") + "/", "f.bin", S, nullptr, &config_); }),
+            kErrCreateFile);
 }
 
 // A read fetches every hole it touches, adjacent ones as one run, never one
@@ -294,18 +269,17 @@ TEST_F(WritableCacheTest, TruncateKeepsTheEndSectorsHoleAndGrowsWithZeros) {
 
 TEST_F(WritableCacheTest, FillEmptySectorsFetchesEveryHoleUnderItsOwnHandle) {
   FakeOrigin origin(3 * S + 12345);
-  HandleRecordingOrigin recorder(&origin);
   auto cache = Make("f.bin", origin.size());
   const std::vector<char> data(10, 'f');
   _WRITEDATA wd = WriteRequest(data, S + 5, origin.size(), nullptr);  // no fetcher: sector 1 is zeros now
   ASSERT_EQ(cache->Write(&wd), kOk);
 
-  EXPECT_EQ(cache->FillEmptySectors(&recorder), kOk);
+  EXPECT_EQ(cache->FillEmptySectors(&origin), kOk);
   EXPECT_EQ(origin.Requests(), (Requests{Span(0, S), Span(2 * S, 2 * S)}));
   // The fetcher names the handle first, then every run goes out under it.
-  EXPECT_EQ(recorder.named_, 1);
-  ASSERT_EQ(recorder.fetched_.size(), 2u);
-  for (const _FS_HANDLE& h : recorder.fetched_) {
+  EXPECT_EQ(origin.HandleInfoCalls(), 1);
+  ASSERT_EQ(origin.Handles().size(), 2u);
+  for (const _FS_HANDLE& h : origin.Handles()) {
     EXPECT_EQ(std::make_tuple(h.type, h.state, h.id, h.info),
               std::make_tuple(2, 1, int64_t{0}, std::string("origin-handle-info")));
   }
@@ -314,7 +288,7 @@ TEST_F(WritableCacheTest, FillEmptySectorsFetchesEveryHoleUnderItsOwnHandle) {
   std::fill(expected.begin() + S + 5, expected.begin() + S + 15, 'f');
   EXPECT_EQ(LocalBytes(*cache, 0, origin.size()), expected);
   origin.ClearRequests();
-  EXPECT_EQ(cache->FillEmptySectors(&recorder), kOk);
+  EXPECT_EQ(cache->FillEmptySectors(&origin), kOk);
   EXPECT_TRUE(origin.Requests().empty());
   EXPECT_EQ(cache->FillEmptySectors(nullptr), kErrInvalidArgument);
 }

@@ -242,6 +242,12 @@ TEST(FaultSweep, ClientsUnderFaultsGetExactBytesWhileTheLimitHoldsAndReleaseLeav
     std::vector<std::unique_ptr<Client>> clients;
     for (int i = 0; i < kThreads; ++i) clients.push_back(std::make_unique<Client>(i, cache, shared, tally));
     while (rounds < 3 || std::chrono::steady_clock::now() < deadline) {
+      // Every round starts clearing what is a second old, under the clients.
+      ASSERT_EQ(cache->SetConfiguration(R"({"cache":{"ra":{"hit":2,"min":1048576,"max":4194304},)"
+                                        R"("read":{"timeout":10000,"maxfetch":1048576},)"
+                                        R"("clear":{"period":100,"usedblock":1,"unusedblock":1,)"
+                                        R"("over":{"usedblock":0,"unusedblock":0}}}})"),
+                kOk);
       std::vector<std::thread> threads;
       for (auto& client : clients) threads.emplace_back([&client, rounds] { client->Round(rounds); });
       for (std::thread& thread : threads) thread.join();

@@ -160,13 +160,7 @@ TEST_F(VanishedFileTest, WritableCacheFileAndDirectoryRemovedUnderAnOpenFile) {
   write(10, 10, 'z');
   EXPECT_TRUE(Served(*file, origin, 0, expected.size(), 0, &expected)) << "directory removed";
 
-  AERROR thrown = kOk;
-  try {
-    cache_->Open("vanish/new.bin", 'w', 100, &origin);
-  } catch (AERROR error) {
-    thrown = error;
-  }
-  EXPECT_EQ(thrown, kErrCreateFile);
+  EXPECT_EQ(ErrorThrownBy([&] { cache_->Open("vanish/new.bin", 'w', 100, &origin); }), kErrCreateFile);
   FakeOrigin sector_origin(kMiB);
   std::shared_ptr<ICacheObj> sectors = cache_->Open("vanish/sectors.bin", 'r', sector_origin.size(), &sector_origin);
   EXPECT_EQ(ReadAndCheck(*sectors, sector_origin, 0, 1000, 1000).status, kErrRead);

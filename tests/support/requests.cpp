@@ -32,3 +32,12 @@ _READDATA ReadRequest(std::vector<char>& buffer, long long offset, IFetch* fetch
 _WRITEDATA WriteRequest(const std::vector<char>& data, long long offset, long long file_size, IFetch* fetch) {
   return _WRITEDATA{data.data(), offset, data.size(), 0, OpenHandle(), file_size, fetch};
 }
+
+AERROR ErrorThrownBy(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (AERROR error) {
+    return error;
+  }
+  return kOk;
+}

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -79,3 +80,6 @@ template <class File>
                                        << r.transferred << " served, wrong byte " << r.mismatch
                                        << (r.overrun ? ", past the end" : "");
 }
+
+// The AERROR `call` throws, or kOk when it returns.
+AERROR ErrorThrownBy(const std::function<void()>& call);
