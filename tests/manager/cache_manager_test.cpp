@@ -80,7 +80,10 @@ TEST(CacheManager, LimitHasAFloorAndFitsTheVolume) {
   Cache huge(dir.path().c_str(), UINT64_MAX);  // negative when signed: the floor
   EXPECT_EQ(huge.GetLimit(), 67108864u);
 
+  EXPECT_EQ(small.SetLimit(100 * kMiB), kOk);
   EXPECT_EQ(small.SetLimit(67108863), kErrLimitTooSmall);
+  EXPECT_EQ(small.GetLimit(), 100u * kMiB);
+  EXPECT_EQ(small.SetLimit(67108864), kOk);
   EXPECT_EQ(small.GetLimit(), 67108864u);
   EXPECT_EQ(small.SetLimit(100 * kMiB), kOk);
   EXPECT_EQ(small.GetLimit(), 100u * kMiB);
