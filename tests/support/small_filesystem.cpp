@@ -7,9 +7,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
-#include <vector>
 
 namespace {
 
@@ -59,17 +57,9 @@ long long SmallFilesystem::FreeBytes() const {
 
 bool SmallFilesystem::FillLeaving(long long leave) {
   const long long take = FreeBytes() - leave;
-  if (take < 0) return false;
-  int fd = open(filler_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-  if (fd < 0) return false;
-  std::vector<char> chunk(65536, 'f');
-  long long left = take;
-  bool ok = true;
-  while (left > 0 && ok) {
-    ssize_t put = write(fd, chunk.data(), static_cast<size_t>(std::min<long long>(left, 65536)));
-    ok = put > 0;
-    if (ok) left -= put;
-  }
+  const int fd = open(filler_.c_str(), O_WRONLY | O_CREAT, 0600);
+  if (take < 0 || fd < 0) return false;
+  const bool ok = posix_fallocate(fd, 0, static_cast<off_t>(take)) == 0;
   close(fd);
   return ok && FreeBytes() <= leave;
 }
