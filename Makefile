@@ -73,13 +73,14 @@ bench: build
 demo: build
 	bash scripts/demo.sh $(BUILD)
 
-# Minutes of many clients with injected faults on one manager, under the
-# sanitizers; not part of `make test`. SOAK_SECONDS=600 make soak runs longer.
+# The fault sweep (many clients with injected faults on one manager) for
+# minutes instead of its few rounds in `make test`, under the sanitizers.
+# SOAK_SECONDS=600 make soak runs longer.
 SOAK_SECONDS ?= 120
 soak: deps
 	cmake -S . -B $(SAN_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=Debug -DKORV_SANITIZE=ON
-	cmake --build $(SAN_BUILD) --target korv_soak -j $(JOBS)
-	SOAK_SECONDS=$(SOAK_SECONDS) $(SAN_BUILD)/tests/korv_soak
+	cmake --build $(SAN_BUILD) --target korv_fault_tests -j $(JOBS)
+	KORV_FAULT_SWEEP_SECONDS=$(SOAK_SECONDS) $(SAN_BUILD)/tests/korv_fault_tests --gtest_filter='FaultSweep.*'
 
 # libFuzzer on every fuzz target, FUZZ_SECONDS each, under ASan + UBSan, with
 # clang; not part of `make test`, whose builds replay the corpora only.

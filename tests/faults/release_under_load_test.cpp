@@ -8,22 +8,17 @@
 #include <thread>
 #include <vector>
 
-#include "faults/fault_support.h"
-#include "manager/settings_file.h"
 #include "support/fake_origin.h"
-#include "support/recording_log.h"
+#include "support/file_helpers.h"
+#include "support/requests.h"
+#include "support/settings_file.h"
 #include "support/temp_dir.h"
 #include "support/test_queue.h"
+#include "support/waits.h"
 
 namespace {
 
-using namespace faults;
 using namespace std::chrono_literals;
-
-struct ReleaseOnExit {
-  FakeOrigin& origin;
-  ~ReleaseOnExit() { origin.Release(); }
-};
 
 // Three files of one manager when it is released:
 //  - "dropped": the client let go of it, but a read-ahead of it hangs in the
@@ -40,7 +35,6 @@ struct ReleaseOnExit {
 TEST(ReleaseUnderLoad, ReleaseWaitsForHangingFetchesAndHeldFilesOutliveTheManager) {
   SettingsFile none("");
   TempDir dir;
-  RecordingLog log;
   Cache_UnbindAsyncQ();
   const std::string path = dir.path() + "/cache";
   ICache_V2* cache = nullptr;
@@ -56,12 +50,6 @@ TEST(ReleaseUnderLoad, ReleaseWaitsForHangingFetchesAndHeldFilesOutliveTheManage
   std::shared_ptr<ICacheObj> held = cache->Open("load/held.bin", 'r', held_origin.size(), &held_origin);
   std::shared_ptr<ICacheObj> late = cache->Open("load/late.bin", 'r', late_origin.size(), &late_origin);
   constexpr size_t kChunk = 256 * 1024;
-  auto expect_served = [](ICacheObj& file, FakeOrigin& origin, long long offset, size_t size, const char* what) {
-    ReadOutcome r = ReadAndCheck(file, origin, offset, size, 0);
-    EXPECT_EQ(r.status, kOk) << what << " at " << offset;
-    EXPECT_TRUE(r.Clean()) << what << ", wrong byte " << r.mismatch << " at " << offset;
-    EXPECT_EQ(r.transferred, size) << what << " at " << offset;
-  };
   {
     TestQueue queue(TestQueue::Mode::kRun, 3);
     Watchdog watchdog("ReleaseCache under load", 60s);
@@ -69,59 +57,56 @@ TEST(ReleaseUnderLoad, ReleaseWaitsForHangingFetchesAndHeldFilesOutliveTheManage
     // Two reads of each run make the history.
     for (auto* f : {&late, &dropped}) {
       FakeOrigin& origin = f == &late ? late_origin : dropped_origin;
-      expect_served(**f, origin, 0, kChunk, "history");
-      expect_served(**f, origin, kChunk, kChunk, "history");
+      EXPECT_TRUE(Served(**f, origin, 0, kChunk)) << "history";
+      EXPECT_TRUE(Served(**f, origin, kChunk, kChunk)) << "history";
     }
     ASSERT_TRUE(queue.WaitIdle());
 
     // The third read is served from the cache; its read-ahead hangs.
     dropped_origin.Block();
-    ReleaseOnExit release_dropped{dropped_origin};
+    OnExit release_dropped([&] { dropped_origin.Release(); });
     const size_t dropped_requests = dropped_origin.Requests().size();
-    expect_served(*dropped, dropped_origin, 2 * kChunk, kChunk, "dropped");
+    EXPECT_TRUE(Served(*dropped, dropped_origin, 2 * kChunk, kChunk)) << "dropped";
     ASSERT_TRUE(dropped_origin.WaitForRequests(dropped_requests + 1));
     dropped.reset();
 
     held_origin.Block();
-    ReleaseOnExit release_held{held_origin};
+    OnExit release_held([&] { held_origin.Release(); });
     ReadOutcome held_read;
     Background held_reader([&] { held_read = ReadAndCheck(*held, held_origin, 12345, 100000, -1); });
     ASSERT_TRUE(held_origin.WaitForRequests(1));
 
     queue.set_mode(TestQueue::Mode::kHold);
-    expect_served(*late, late_origin, 2 * kChunk, kChunk, "late");
+    EXPECT_TRUE(Served(*late, late_origin, 2 * kChunk, kChunk)) << "late";
     ASSERT_EQ(queue.Held(), 1u);
 
     {
       Background releaser([&] { EXPECT_EQ(ReleaseCache(path.c_str()), kOk); });
-      std::this_thread::sleep_for(200ms);
-      EXPECT_FALSE(releaser.Done()) << "ReleaseCache returned while a read-ahead of its file still ran";
+      EXPECT_FALSE(WaitFor([&] { return releaser.Done(); }, 200ms))
+          << "ReleaseCache returned while a read-ahead of its file still ran";
       dropped_origin.Release();
       EXPECT_TRUE(releaser.WaitDone(10s));
     }
-    EXPECT_TRUE(log.Contains("[CACHE     ] Cache uninitialized"));
     EXPECT_FALSE(held_reader.Done());
 
     // The manager is gone; the client's objects go on.
     held_origin.Release();
     EXPECT_TRUE(held_reader.WaitDone(10s));
-    EXPECT_EQ(held_read.status, kOk);
-    EXPECT_TRUE(held_read.Clean());
-    EXPECT_EQ(held_read.transferred, 100000u);
-    for (int i = 0; i < 4; ++i) expect_served(*held, held_origin, i * kChunk, kChunk, "held, after");
+    EXPECT_TRUE(held_read.status == kOk && held_read.Clean() && held_read.transferred == 100000u);
+    for (int i = 0; i < 4; ++i) EXPECT_TRUE(Served(*held, held_origin, i * kChunk, kChunk)) << "held, after";
 
     queue.RunHeld();
     queue.set_mode(TestQueue::Mode::kRun);
     ASSERT_TRUE(queue.WaitIdle());
-    for (int i = 3; i < 8; ++i) expect_served(*late, late_origin, i * kChunk, kChunk, "late, after");
+    for (int i = 3; i < 8; ++i) EXPECT_TRUE(Served(*late, late_origin, i * kChunk, kChunk)) << "late, after";
     ASSERT_TRUE(queue.WaitIdle());
     EXPECT_EQ(late->SetMode('w', late_origin.size(), &late_origin), kOk);
-    expect_served(*late, late_origin, kMiB, kChunk, "late, writable");
+    EXPECT_TRUE(Served(*late, late_origin, kMiB, kChunk)) << "late, writable";
   }
   held.reset();
   late.reset();
   EXPECT_TRUE(SectorCacheFiles(path).empty());
-  EXPECT_FALSE(std::filesystem::exists(path + "/late.bin"));
+  EXPECT_FALSE(Exists(path + "/late.bin"));
 }
 
 }  // namespace

@@ -9,10 +9,12 @@ long long FakeOrigin::FirstMismatch(const char* data, long long offset, long lon
   return -1;
 }
 
-long long FakeOrigin::Fetch(long long offset, long length, std::shared_ptr<_FS_HANDLE>, IFetchCallback* callback) {
+long long FakeOrigin::Fetch(long long offset, long length, std::shared_ptr<_FS_HANDLE> handle,
+                           IFetchCallback* callback) {
   {
     std::unique_lock<std::mutex> guard(lock_);
     requests_.emplace_back(offset, length);
+    handles_.push_back(handle ? *handle : _FS_HANDLE{});
     changed_.notify_all();
     changed_.wait(guard, [this] { return !blocked_; });
   }
@@ -41,7 +43,10 @@ long long FakeOrigin::Fetch(long long offset, long length, std::shared_ptr<_FS_H
   return 0;
 }
 
-std::string FakeOrigin::HandleInfo(_FS_HANDLE*) { return "origin-handle-info"; }
+std::string FakeOrigin::HandleInfo(_FS_HANDLE*) {
+  ++handle_infos_;
+  return "origin-handle-info";
+}
 
 void FakeOrigin::Block() {
   std::lock_guard<std::mutex> guard(lock_);
@@ -75,6 +80,12 @@ void FakeOrigin::ClearRequests() {
   std::lock_guard<std::mutex> guard(lock_);
   requests_.clear();
   write_results_.clear();
+  handles_.clear();
+}
+
+std::vector<_FS_HANDLE> FakeOrigin::Handles() const {
+  std::lock_guard<std::mutex> guard(lock_);
+  return handles_;
 }
 
 std::vector<int> FakeOrigin::WriteResults() const {

@@ -52,6 +52,9 @@ class FakeOrigin : public IFetch {
   void ClearRequests();
   // Results of the callback's FetchWrite calls, in order.
   std::vector<int> WriteResults() const;
+  // The handles Fetch was given, in order, and how often HandleInfo was asked.
+  std::vector<_FS_HANDLE> Handles() const;
+  int HandleInfoCalls() const { return handle_infos_.load(); }
 
  private:
   const long long size_;
@@ -62,4 +65,6 @@ class FakeOrigin : public IFetch {
   bool blocked_ = false;                              // guarded by lock_
   std::vector<std::pair<long long, long>> requests_;  // guarded by lock_
   std::vector<int> write_results_;                    // guarded by lock_
+  std::vector<_FS_HANDLE> handles_;                   // guarded by lock_
+  std::atomic<int> handle_infos_{0};
 };

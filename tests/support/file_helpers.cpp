@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -13,4 +14,27 @@ std::string FileContents(const std::string& path) {
 bool Exists(const std::string& path) {
   struct stat st;
   return stat(path.c_str(), &st) == 0;
+}
+
+long long FileSize(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+}
+
+std::vector<std::string> SectorCacheFiles(const std::string& directory) {
+  std::vector<std::string> files;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+    if (entry.path().extension() == ".cache" && entry.is_regular_file()) files.push_back(entry.path().string());
+  }
+  return files;
+}
+
+long long DirectoryBytes(const std::string& directory) {
+  long long total = 0;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+    total += std::max(0LL, FileSize(entry.path().string()));
+  }
+  return total;
 }

@@ -1,4 +1,4 @@
-#include "manager/settings_file.h"
+#include "support/settings_file.h"
 
 #include <sys/stat.h>
 

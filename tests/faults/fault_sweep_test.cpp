@@ -1,0 +1,288 @@
+// Many client threads on one manager, with origin faults and closed handles
+// injected at random while the quota thread clears: every byte served is the
+// origin's (or, in a writable file, the client's own), each clearing pass
+// over the limit brings the directory back within it, and ReleaseCache
+// leaves nothing behind.
+//
+// The sweep runs in rounds. In a round every thread makes a fixed number of
+// operations (seeded, so each thread's sequence is the same every run):
+// streaming reads of shared read-only files, re-reads, reads and writes of a
+// file of its own checked against a model, mode switches, renames (Rehash),
+// reopens, dropped table entries and changed settings and limits. Between
+// rounds, with the clients quiet, a sparse ballast puts the directory over
+// its limit by half the sector bytes, the clock steps past the over-limit
+// ages, and the quota thread must bring the directory back within the limit.
+// `make test` runs three rounds; KORV_FAULT_SWEEP_SECONDS=n runs rounds for
+// n seconds (`make soak`).
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/clock.h"
+#include "support/fake_origin.h"
+#include "support/file_helpers.h"
+#include "support/requests.h"
+#include "support/settings_file.h"
+#include "support/temp_dir.h"
+#include "support/test_queue.h"
+#include "support/waits.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Mode = FakeOrigin::Mode;
+constexpr int kThreads = 6;
+constexpr int kSharedFiles = 8;
+constexpr long long kSharedSize = 6 * kMiB;
+constexpr int kOperationsPerRound = 40;
+constexpr int kModes = 5;  // FakeOrigin::Mode, kNormal first
+
+struct Tally {
+  std::atomic<long long> bytes_verified{0};
+  std::atomic<long long> faulty_reads_failed{0};
+};
+
+// One client thread: a cursor in the shared files and a file of its own.
+class Client {
+ public:
+  Client(int index, ICache_V2* cache, std::vector<std::deque<FakeOrigin>>& shared, Tally& tally)
+      : index_(index), cache_(cache), shared_(shared), tally_(tally), own_origin_(2 * kMiB + 1000 * index) {
+    OpenOwn();
+  }
+
+  void Round(int round) {
+    random_.seed(static_cast<uint64_t>(index_) * 7919 + static_cast<uint64_t>(round));
+    for (int i = 0; i < kOperationsPerRound; ++i) {
+      const int pick = Uniform(0, 99);
+      if (pick < 55) {
+        SharedRead();
+      } else if (pick < 80) {
+        OwnReadOrWrite();
+      } else if (pick < 86) {
+        SwitchOwnMode();
+      } else if (pick < 90) {
+        RenameOwn();
+      } else if (pick < 93) {
+        ReopenOwn();
+      } else if (pick < 96) {
+        cache_->Close(SharedName(Uniform(0, kSharedFiles - 1)).c_str());
+      } else {
+        Tune();
+      }
+    }
+  }
+
+  void Finish() {
+    own_.reset();
+    cache_->Close(own_name_.c_str());
+  }
+
+ private:
+  long long Uniform(long long low, long long high) {
+    return std::uniform_int_distribution<long long>(low, high)(random_);
+  }
+  static std::string SharedName(long long k) { return "shared/file" + std::to_string(k) + ".bin"; }
+
+  // Held for one read only, as a client holds a file from open to release.
+  void SharedRead() {
+    if (cursor_file_ < 0 || cursor_ >= shared_[cursor_file_][0].size()) {
+      cursor_file_ = static_cast<int>(Uniform(0, kSharedFiles - 1));
+      cursor_ = Uniform(0, kSharedSize / (512 * 1024) - 2) * 512 * 1024;
+    }
+    std::deque<FakeOrigin>& origins = shared_[cursor_file_];
+    std::shared_ptr<ICacheObj> file =
+        cache_->Open(SharedName(cursor_file_).c_str(), 'r', origins[0].size(), &origins[0]);
+    const bool again = Uniform(0, 9) == 0 && cursor_ > 2 * kMiB;
+    const long long offset = again ? cursor_ - Uniform(1, 2 * kMiB) : cursor_;
+    const long long size = std::min(Uniform(64 * 1024, kMiB), origins[0].size() - offset);
+    // A read picks its fault by picking its fetcher: one origin per fault,
+    // all with the same bytes, so faults never leak into other reads.
+    const int fault = Uniform(0, 99) < 15 ? static_cast<int>(Uniform(1, kModes - 1)) : 0;
+    const bool closed = Uniform(0, 99) < 5;
+    auto handle = OpenHandle();
+    if (closed) CloseClientHandle(handle);
+    ReadOutcome r = ReadAndCheck(*file, origins[fault], offset, static_cast<size_t>(size), 0, handle);
+    // A fault fails the reads that wait for the same sectors too.
+    const bool allowed = r.status == kOk || r.status == kErrRead || (closed && r.status == kErrHandleClosed);
+    EXPECT_TRUE(allowed) << "shared read at " << offset << " gave " << r.status << ", fault " << fault;
+    if (r.status != kOk) {
+      tally_.faulty_reads_failed += fault != 0 || closed;
+      return;
+    }
+    EXPECT_TRUE(r.Clean()) << "wrong byte " << r.mismatch << " of shared read at " << offset << ", fault " << fault;
+    EXPECT_EQ(r.transferred, static_cast<unsigned long long>(size)) << "shared read at " << offset;
+    tally_.bytes_verified += static_cast<long long>(r.transferred);
+    if (!again) cursor_ += size;
+  }
+
+  void OpenOwn() {
+    own_name_ = "t" + std::to_string(index_) + (own_alternate_ ? "/own-b.bin" : "/own-a.bin");
+    own_ = cache_->Open(own_name_.c_str(), own_mode_, own_origin_.size(), &own_origin_);
+    model_ = OriginBytes(0, own_origin_.size());
+  }
+
+  void OwnReadOrWrite() {
+    const long long offset = Uniform(0, own_origin_.size() - 1);
+    const long long size = std::min(Uniform(1, 384 * 1024), own_origin_.size() - offset);
+    if (Uniform(0, 1) == 0) {
+      const std::vector<char> data = Pattern(static_cast<size_t>(size), static_cast<char>(Uniform(0, 255)));
+      _WRITEDATA wd = WriteRequest(data, offset, own_origin_.size(), &own_origin_);
+      const unsigned int status = own_->Write(&wd);
+      if (own_mode_ == 'r') {
+        EXPECT_EQ(status, kErrReadOnly);
+        return;
+      }
+      ASSERT_EQ(status, kOk) << "write at " << offset;
+      ASSERT_EQ(wd.transferred, data.size());
+      std::copy(data.begin(), data.end(), model_.begin() + offset);
+      return;
+    }
+    ReadOutcome r = ReadAndCheck(*own_, own_origin_, offset, static_cast<size_t>(size), 0, nullptr, false, &model_);
+    // A read-only file may time out under a busy origin; a writable one never fails.
+    if (r.status == kErrRead && own_mode_ == 'r') return;
+    ASSERT_EQ(r.status, kOk) << "own read (mode " << own_mode_ << ") at " << offset;
+    EXPECT_TRUE(r.Clean()) << "wrong byte " << r.mismatch << " of own read (mode " << own_mode_ << ") at " << offset;
+    EXPECT_EQ(r.transferred, static_cast<unsigned long long>(size));
+    tally_.bytes_verified += static_cast<long long>(r.transferred);
+  }
+
+  // A switch starts an empty file of the other form: nothing is carried.
+  void SwitchOwnMode() {
+    const char mode = own_mode_ == 'w' ? 'r' : 'w';
+    ASSERT_EQ(own_->SetMode(mode, own_origin_.size(), &own_origin_), kOk);
+    own_mode_ = mode;
+    model_ = OriginBytes(0, own_origin_.size());
+  }
+
+  // The same object under its other name: the contents stay.
+  void RenameOwn() {
+    const std::string prefix = "t" + std::to_string(index_);
+    const std::string next = prefix + (own_alternate_ ? "/own-a.bin" : "/own-b.bin");
+    const std::string file_name = prefix + (own_alternate_ ? "-own-a.bin" : "-own-b.bin");
+    ASSERT_EQ(cache_->Rehash(own_name_.c_str(), next.c_str(), file_name.c_str()), kOk);
+    own_alternate_ = !own_alternate_;
+    own_name_ = next;
+    EXPECT_EQ(cache_->Open(own_name_.c_str(), own_mode_, own_origin_.size(), &own_origin_), own_);
+  }
+
+  void ReopenOwn() {
+    Finish();
+    OpenOwn();
+  }
+
+  // Settings at random; the over-limit ages stay within 0-1 s.
+  void Tune() {
+    const long long age = Uniform(0, 1) == 0 ? Uniform(0, 1) : Uniform(30, 3600);
+    char json[512];
+    std::snprintf(json, sizeof json,
+                  R"({"cache":{"ra":{"hit":%lld,"min":%lld,"max":%lld},"read":{"timeout":%lld,"maxfetch":%lld},)"
+                  R"("clear":{"period":100,"usedblock":%lld,"unusedblock":%lld,)"
+                  R"("over":{"usedblock":%lld,"unusedblock":%lld}}}})",
+                  Uniform(0, 4), Uniform(1, 4) * 524288, Uniform(2, 16) * 524288, Uniform(5000, 15000),
+                  Uniform(1, 4) * 524288, age, age, Uniform(0, 1), Uniform(0, 1));
+    EXPECT_EQ(cache_->SetConfiguration(json), kOk) << json;
+    EXPECT_EQ(cache_->SetLimit(static_cast<unsigned long long>(Uniform(64, 96) * kMiB)), kOk);
+    EXPECT_EQ(cache_->SetLimit(kMiB), kErrLimitTooSmall);
+  }
+
+  const int index_;
+  ICache_V2* const cache_;
+  std::vector<std::deque<FakeOrigin>>& shared_;
+  Tally& tally_;
+  std::mt19937_64 random_;
+  int cursor_file_ = -1;
+  long long cursor_ = 0;
+  FakeOrigin own_origin_;
+  std::shared_ptr<ICacheObj> own_;
+  std::string own_name_;
+  bool own_alternate_ = false;
+  char own_mode_ = 'w';
+  std::vector<char> model_;
+};
+
+long long SectorBytes(const std::string& directory) {
+  long long total = 0;
+  for (const std::string& file : SectorCacheFiles(directory)) total += FileSize(file);
+  return total;
+}
+
+TEST(FaultSweep, ClientsUnderFaultsGetExactBytesWhileTheLimitHoldsAndReleaseLeavesNothing) {
+  const char* seconds_text = std::getenv("KORV_FAULT_SWEEP_SECONDS");
+  const long long seconds = seconds_text != nullptr ? std::atoll(seconds_text) : 0;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  SettingsFile none("");
+  TempDir dir;
+  const std::string path = dir.path() + "/cache";
+  const std::string ballast = path + "/ballast";
+  Cache_UnbindAsyncQ();
+  ICache_V2* cache = nullptr;
+  ASSERT_EQ(InitCache(path.c_str(), 64 * kMiB, &cache), kOk);
+  Watchdog watchdog("the fault sweep", std::chrono::seconds(300 + seconds));
+  std::vector<std::deque<FakeOrigin>> shared(kSharedFiles);
+  for (int k = 0; k < kSharedFiles; ++k) {
+    for (int mode = 0; mode < kModes; ++mode) {
+      shared[k].emplace_back(kSharedSize - 1000 * k);
+      shared[k].back().set_mode(static_cast<Mode>(mode));
+    }
+  }
+  Tally tally;
+  int rounds = 0;
+  int cleared_rounds = 0;
+  {
+    TestQueue queue(TestQueue::Mode::kRun, 4);
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int i = 0; i < kThreads; ++i) clients.push_back(std::make_unique<Client>(i, cache, shared, tally));
+    while (rounds < 3 || std::chrono::steady_clock::now() < deadline) {
+      // Every round starts clearing what is a second old, under the clients.
+      ASSERT_EQ(cache->SetConfiguration(R"({"cache":{"ra":{"hit":2,"min":1048576,"max":4194304},)"
+                                        R"("read":{"timeout":10000,"maxfetch":1048576},)"
+                                        R"("clear":{"period":100,"usedblock":1,"unusedblock":1,)"
+                                        R"("over":{"usedblock":0,"unusedblock":0}}}})"),
+                kOk);
+      std::vector<std::thread> threads;
+      for (auto& client : clients) threads.emplace_back([&client, rounds] { client->Round(rounds); });
+      for (std::thread& thread : threads) thread.join();
+      ASSERT_TRUE(queue.WaitIdle());
+      ++rounds;
+
+      // Quiet now: only the over-limit clearing may bring the directory down.
+      ASSERT_EQ(cache->SetConfiguration(R"({"cache":{"clear":{"period":100,"usedblock":3600,)"
+                                        R"("unusedblock":3600,"over":{"usedblock":1,"unusedblock":1}}}})"),
+                kOk);
+      const long long sectors = SectorBytes(path);
+      if (sectors == 0) continue;
+      const long long limit = static_cast<long long>(cache->GetLimit());
+      const long long others = DirectoryBytes(path) - sectors - std::max(0LL, FileSize(ballast));
+      ASSERT_GT(limit - others - sectors / 2, 0);
+      ASSERT_EQ(truncate(dir.Write("cache/ballast", "").c_str(), limit - others - sectors / 2), 0);
+      AdvanceClockForTesting(5s);
+      EXPECT_TRUE(WaitFor([&] { return DirectoryBytes(path) <= limit || SectorBytes(path) == 0; }))
+          << "round " << rounds << ": directory " << DirectoryBytes(path) << " over the limit " << limit
+          << " with " << SectorBytes(path) << " sector bytes left";
+      ++cleared_rounds;
+    }
+    for (auto& client : clients) client->Finish();
+  }
+  ResetClockForTesting();
+  EXPECT_GE(cleared_rounds, 2);
+  EXPECT_GT(tally.bytes_verified.load(), 0);
+  EXPECT_GT(tally.faulty_reads_failed.load(), 0);
+  std::remove(ballast.c_str());
+  EXPECT_EQ(ReleaseCache(path.c_str()), kOk);
+  std::vector<std::string> left;
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(path, error)) left.push_back(entry.path());
+  EXPECT_TRUE(left.empty()) << left.size() << " entries left, the first " << left[0];
+  std::printf("fault sweep: %d rounds, %lld bytes verified\n", rounds, tally.bytes_verified.load());
+}
+
+}  // namespace
