@@ -83,9 +83,8 @@ TEST(ReadPathTest, Scripts) {
             {Op::kCachedRead, 2 * kMiB, kMiB, kOk, kMiB},  // young again
             {Op::kSet, M::kClrUnused, 100},
             {Op::kBreakStream},
-            {Op::kEvict},
+            {Op::kEvict, 0, 0, 3 * kMiB},
             {Op::kMendStream},
-            {Op::kFileSize, 0, 0, 3 * kMiB},
             {Op::kCachedRead, 2 * kMiB, kMiB, kOk, kMiB},
             // Free slots are used before the file grows; a slot taken by a
             // reservation comes back when it is cleared.
@@ -153,8 +152,7 @@ TEST(ReadPathTest, Scripts) {
             {Op::kRead, 0, 100, kOk, 100, {{0, kMiB}}}}},
           {"a cache file deleted while closed for idleness starts afresh", 4 * kMiB,
            {{Op::kRead, 0, 100, kOk, 100, {{0, kMiB}}},
-            {Op::kClock, 11000},
-            {Op::kCheckHandles, 0, 0, 1},
+            {Op::kCheckHandles, 11000, 0, 1},
             {Op::kDeleteFile},
             {Op::kRead, 0, 5000, kOk, 5000, {{0, kMiB}}},
             {Op::kRead, kHalf, 100, kOk, 100, {{kMiB, kHalf}}},
@@ -169,8 +167,7 @@ TEST(ReadPathTest, Scripts) {
             {Op::kCachedRead, 0, 100, kOk, 0},
             {Op::kReopen},
             {Op::kRead, 0, 100, kOk, 100, {{0, kMiB}}},
-            {Op::kClock, 11000},
-            {Op::kCheckHandles, 0, 0, 1},
+            {Op::kCheckHandles, 11000, 0, 1},
             {Op::kCloseRemove, 0, 0, kErrNotOpen},
             {Op::kExists, 0, 0, 1}}},
           {"a cache file that cannot be opened", 4 * kMiB,

@@ -30,14 +30,11 @@ TEST(SectorEvictionTest, Scripts) {
             {Op::kFetchWrite, kHalf, kHalf, kOk},
             {Op::kReserve, kMiB, kHalf, kOk},  // sector 2 is on its way
             {Op::kClock, 100000},
-            {Op::kEvict},
-            {Op::kFileSize, 0, 0, 2 * kHalf},
+            {Op::kEvict, 0, 0, 2 * kHalf},
             {Op::kClock, 1000},
-            {Op::kEvict},
-            {Op::kFileSize, 0, 0, kHalf},
+            {Op::kEvict, 0, 0, kHalf},
             {Op::kCachedRead, 0, 100, kOk, 0},
-            {Op::kEvictOverQuota},  // shorter ages: the unread sector goes too
-            {Op::kExists, 0, 0, 0},
+            {Op::kEvictOverQuota, 0, 0, -1},  // shorter ages: the unread sector goes too
             {Op::kCachedRead, kHalf, 100, kOk, 0},
             {Op::kClock, 1000000000},  // a reservation never ages out
             {Op::kEvictOverQuota},
@@ -61,20 +58,17 @@ TEST(SectorEvictionTest, Scripts) {
             {Op::kFetchWrite, kMiB, 1000, kOk},
             {Op::kFileSize, 0, 0, 3 * kHalf},
             {Op::kSet, M::kClrUnused, 300},  // slot 0 goes: the highest slot moves into it
-            {Op::kEvict},
-            {Op::kFileSize, 0, 0, kMiB},
+            {Op::kEvict, 0, 0, kMiB},
             {Op::kSlotStart, 0, kMiB, 1000},
             {Op::kSlot, kHalf, kHalf, kHalf},
             {Op::kSet, M::kClrUnused, 150},  // the last slot goes: only the cut
-            {Op::kEvict},
-            {Op::kFileSize, 0, 0, kHalf},
+            {Op::kEvict, 0, 0, kHalf},
             {Op::kCachedRead, kMiB, 4096, kOk, 1000},
             {Op::kCachedRead, 0, 100, kOk, 0},
             {Op::kCachedRead, kHalf, 100, kOk, 0},
             {Op::kClock, 1000},
             {Op::kSet, M::kClrUsed, 0},
-            {Op::kEvict},
-            {Op::kExists, 0, 0, 0},
+            {Op::kEvict, 0, 0, -1},
             {Op::kQuotaSize, 0, 0, 0},
             {Op::kExists, 0, 0, 0},  // not recreated by asking for its size
             {Op::kRead, kHalf - 1000, 2000, kOk, 2000, {{0, 3 * kHalf}}},
@@ -96,12 +90,10 @@ TEST(SectorEvictionTest, Scripts) {
           {"a pass over a file deleted while closed for idleness drops its index once", 4 * kMiB,
            {{Op::kFetchWrite, 0, kHalf, kOk},
             {Op::kFetchWrite, kHalf, kHalf, kOk},
-            {Op::kClock, 11000},
-            {Op::kCheckHandles, 0, 0, 1},
+            {Op::kCheckHandles, 11000, 0, 1},
             {Op::kDeleteFile},
             {Op::kSet, M::kClrUnused, 0},
-            {Op::kEvict},
-            {Op::kExists, 0, 0, 0},
+            {Op::kEvict, 0, 0, -1},
             {Op::kCachedRead, 0, 100, kOk, 0},
             {Op::kReserve, 0, kMiB, kOk},  // nothing of the old index is left
             {Op::kClearReserved, 0, kMiB},

@@ -81,7 +81,7 @@ class ReadPathModel::Origin : public IFetch {
       }
       position = piece_end;
     }
-    return 0;
+    return 1LL << 32;  // only the low 32 bits are the status
   }
   std::string HandleInfo(_FS_HANDLE*) override { return "model"; }
 
@@ -187,11 +187,17 @@ void ReadPathModel::Do(const Step& step, bool strict) {
     }
     case Op::kClock: AdvanceClockForTesting(std::chrono::milliseconds(a)); break;
     case Op::kEvict:
-    case Op::kEvictOverQuota:
+    case Op::kEvictOverQuota: {
       cache().ClearOldCache(step.op == Op::kEvictOverQuota);
       CheckSlots();
+      struct stat st {};
+      got = stat(cache().GetCachePath().c_str(), &st) == 0 ? st.st_size : -1;
       break;
-    case Op::kCheckHandles: got = cache().CheckHandles(); break;
+    }
+    case Op::kCheckHandles:
+      AdvanceClockForTesting(std::chrono::milliseconds(a));
+      got = cache().CheckHandles();
+      break;
     case Op::kClose:
     case Op::kCloseRemove: {
       const unsigned int result = cache().Close(step.op == Op::kCloseRemove);
@@ -207,10 +213,7 @@ void ReadPathModel::Do(const Step& step, bool strict) {
       cache();
       break;
     case Op::kDeleteFile: std::remove(cache().GetCachePath().c_str()); break;
-    case Op::kBlockFile:
-      unopenable_ = true;
-      Expect(mkdir(cache().GetCachePath().c_str(), 0700) == 0, "mkdir failed");
-      break;
+    case Op::kBlockFile: unopenable_ = unopenable_ || mkdir(cache().GetCachePath().c_str(), 0700) == 0; break;
     case Op::kBreakStream: {
       stream_fd_ = fileno(cache().GetHandle().get());
       saved_fd_ = dup(stream_fd_);
@@ -347,7 +350,8 @@ void ReadPathModel::Read(const Step& step, bool strict) {
 
 void ReadPathModel::FetchWrite(const Step& step) {
   const long long sector = SectorOf(step.a);
-  const long long length = step.b;
+  const long long length = std::min(step.b, file_size_ - sector);
+  if (length <= 0) return;
   long written = -1;
   const int result = cache().FetchWrite(step.a, OriginBytes(file_size_) + sector, static_cast<long>(length), &written);
   ExpectValue(step.want, result, "FetchWrite returned");

@@ -36,18 +36,19 @@ class ReadPathModel {
     kWholeFileRead,
     kClosedRead,      // with a handle the client has closed
     kClosedWholeFileRead,
-    kFetchWrite,      // b origin bytes of the sector of a, from its start, at offset a; want: result
+    kFetchWrite,      // b origin bytes (at most to the end of the file) of the sector of a, from its
+                      // start, at offset a; want: result
     kReserve,         // a: offset, b: length; want: status
     kClearReserved,
     kClock,           // a: milliseconds
-    kEvict,
+    kEvict,           // want: the cache file's length after the pass, -1 once deleted
     kEvictOverQuota,
-    kCheckHandles,    // want: 1 when the idle stream was closed
+    kCheckHandles,    // after a ms more on the clock; want: 1 when the idle stream was closed
     kClose,           // want: status
     kCloseRemove,
     kReopen,          // a new cache object for the same origin file
     kDeleteFile,      // behind the cache's back
-    kBlockFile,       // a directory takes the cache file's name
+    kBlockFile,       // a directory takes the cache file's name, if it is free
     kBreakStream,     // writes through the cache's stream fail until kMendStream
     kMendStream,
     kFileSize,        // want: GetFileSize()
