@@ -36,7 +36,7 @@ constexpr Op kOps[] = {Op::kRead,       Op::kCachedRead,     Op::kWholeFileRead,
                        Op::kClosedWholeFileRead, Op::kFetchWrite, Op::kReserve,  Op::kClearReserved,
                        Op::kClock,      Op::kEvict,          Op::kEvictOverQuota, Op::kCheckHandles,
                        Op::kClose,      Op::kCloseRemove,    Op::kReopen,        Op::kDeleteFile,
-                       Op::kBlockFile,  Op::kFileSize,       Op::kQuotaSize,     Op::kExists,
+                       Op::kBlockFile,  Op::kFileSize,       Op::kQuotaSize,     Op::kLength,
                        Op::kLargestEmpty, Op::kOrigin,       Op::kTimeout,       Op::kSet};
 
 class Bytes {

@@ -70,7 +70,7 @@ TEST(SectorEvictionTest, Scripts) {
             {Op::kSet, M::kClrUsed, 0},
             {Op::kEvict, 0, 0, -1},
             {Op::kQuotaSize, 0, 0, 0},
-            {Op::kExists, 0, 0, 0},  // not recreated by asking for its size
+            {Op::kLength, 0, 0, -1},  // not recreated by asking for its size
             {Op::kRead, kHalf - 1000, 2000, kOk, 2000, {{0, 3 * kHalf}}},
             {Op::kQuotaSize, 0, 0, 3 * kHalf}}},
           {"the largest empty offset follows the run of present sectors", 16 * kMiB,

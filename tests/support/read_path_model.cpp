@@ -141,10 +141,13 @@ bool ReadPathModel::Touches(const std::set<long long>& sectors, long long from, 
   return it != sectors.end() && *it < to;
 }
 
-void ReadPathModel::CheckSlots() {
+long long ReadPathModel::Length() {
   struct stat st {};
-  Expect(stat(cache().GetCachePath().c_str(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size % kSectorSize == 0,
-         "the cache file is not a whole number of slots");
+  return stat(cache().GetCachePath().c_str(), &st) == 0 && S_ISREG(st.st_mode) ? st.st_size : -1;
+}
+
+void ReadPathModel::CheckSlots() {
+  Expect(Length() % kSectorSize <= 0, "the cache file is not a whole number of slots");
 }
 
 void ReadPathModel::Forget() {
@@ -187,13 +190,11 @@ void ReadPathModel::Do(const Step& step, bool strict) {
     }
     case Op::kClock: AdvanceClockForTesting(std::chrono::milliseconds(a)); break;
     case Op::kEvict:
-    case Op::kEvictOverQuota: {
+    case Op::kEvictOverQuota:
       cache().ClearOldCache(step.op == Op::kEvictOverQuota);
       CheckSlots();
-      struct stat st {};
-      got = stat(cache().GetCachePath().c_str(), &st) == 0 ? st.st_size : -1;
+      got = Length();
       break;
-    }
     case Op::kCheckHandles:
       AdvanceClockForTesting(std::chrono::milliseconds(a));
       got = cache().CheckHandles();
@@ -231,11 +232,7 @@ void ReadPathModel::Do(const Step& step, bool strict) {
       got = cache().GetFileSizeForQuota();
       Expect(got >= 0, "a negative size for the quota");
       break;
-    case Op::kExists: {
-      struct stat st {};
-      got = stat(cache().GetCachePath().c_str(), &st) == 0;
-      break;
-    }
+    case Op::kLength: got = Length(); break;
     case Op::kLargestEmpty:
       got = cache().GetLargestEmptyOffset(a);
       Expect(got == -1 || (got >= 0 && got % kSectorSize == 0), "GetLargestEmptyOffset is not a sector");

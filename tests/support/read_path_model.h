@@ -41,7 +41,7 @@ class ReadPathModel {
     kReserve,         // a: offset, b: length; want: status
     kClearReserved,
     kClock,           // a: milliseconds
-    kEvict,           // want: the cache file's length after the pass, -1 once deleted
+    kEvict,           // want: the cache file's length after the pass, as kLength
     kEvictOverQuota,
     kCheckHandles,    // after a ms more on the clock; want: 1 when the idle stream was closed
     kClose,           // want: status
@@ -53,7 +53,7 @@ class ReadPathModel {
     kMendStream,
     kFileSize,        // want: GetFileSize()
     kQuotaSize,       // want: GetFileSizeForQuota()
-    kExists,          // want: 1 when the cache file exists
+    kLength,          // want: the cache file's length on disk, -1 when there is none
     kLargestEmpty,    // want: GetLargestEmptyOffset(a)
     kSlot,            // slot a holds `want` bytes of the origin from offset b, then zeros
     kSlotStart,       // slot a starts with `want` bytes of the origin from offset b
@@ -106,6 +106,7 @@ class ReadPathModel {
   void Expect(bool ok, const std::string& what);
   void ExpectValue(long long want, long long got, const char* what);
   bool Touches(const std::set<long long>& sectors, long long from, long long to) const;
+  long long Length();
   void CheckSlots();
   void Forget();
 
