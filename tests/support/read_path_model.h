@@ -94,7 +94,9 @@ class ReadPathModel {
 
   // Applies each step and checks its expectations, its fetched list included.
   void Run(const std::vector<Step>& script);
-  // Applies one step and checks the expectations it gives.
+  // Applies one step and checks the expectations it gives. A fetching read
+  // over a reservation the steps made (which would never settle) reads only
+  // what is cached instead.
   void Apply(const Step& step) { Do(step, false); }
   ReadonlyCache& cache();
 
