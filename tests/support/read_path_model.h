@@ -1,0 +1,145 @@
+// Drives one sector cache (ReadonlyCache) through a script of operations
+// against an in-memory origin and checks every status, size and byte that
+// comes back. The read-path tests give each step its expected outcome; the
+// read-path fuzz target gives none and relies on what every step checks:
+//  - a read that returns kOk serves the origin's bytes only, nothing past its
+//    size and nothing past the end of the file;
+//  - a fetching read, with no queue bound, whose fetches all work and that
+//    meets no reservation or short sector the script made itself, returns
+//    kOk with every byte up to the end of the file;
+//  - every status is one the operation documents; the cache file is a whole
+//    number of slots;
+//  - fetches ask for ranges that start inside the file, with the reader's
+//    handle (a whole-file read may use the cache's own: type 2, id 0, the
+//    reader's info).
+// The origin's byte at offset x is FakeOrigin::ByteAt(x).
+#pragma once
+
+#include <climits>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "cache/readonly_cache.h"
+#include "support/fake_config.h"
+#include "support/test_queue.h"
+
+class ReadPathModel {
+ public:
+  enum class Op {
+    kRead,            // a: offset, b: size; want: status, served: bytes transferred
+    kCachedRead,      // the same without a fetcher
+    kWholeFileRead,
+    kClosedRead,      // with a handle the client has closed
+    kClosedWholeFileRead,
+    kFetchWrite,      // b origin bytes (at most to the end of the file) of the sector of a, from its
+                      // start, at offset a; want: result
+    kReserve,         // a: offset, b: length; want: status
+    kClearReserved,
+    kClock,           // a: milliseconds
+    kEvict,           // want: the cache file's length after the pass, as kLength
+    kEvictOverQuota,
+    kCheckHandles,    // after a ms more on the clock; want: 1 when the idle stream was closed
+    kClose,           // want: status
+    kCloseRemove,
+    kReopen,          // a new cache object for the same origin file
+    kDeleteFile,      // behind the cache's back
+    kBlockFile,       // a directory takes the cache file's name, if it is free
+    kBreakStream,     // writes through the cache's stream fail until kMendStream
+    kMendStream,
+    kFileSize,        // want: GetFileSize()
+    kQuotaSize,       // want: GetFileSizeForQuota()
+    kLength,          // want: the cache file's length on disk, -1 when there is none
+    kLargestEmpty,    // want: GetLargestEmptyOffset(a)
+    kSlot,            // slot a holds `want` bytes of the origin from offset b, then zeros
+    kSlotStart,       // slot a starts with `want` bytes of the origin from offset b
+    kQueue,           // a: QueueMode
+    kRunHeld,         // and waits until the queue is idle
+    kCancelHeld,
+    kHeld,            // want: tasks held
+    kOrigin,          // a: OriginMode (or kMixed + a pattern byte), b: sectors per delivery (0: 1)
+    kTimeout,         // a: the time-out of later fetching reads, ms
+    kSet,             // a: Setting, b: value
+  };
+  enum Setting { kRaHit, kRaMin, kRaMax, kReadTimeout, kReadFetchMax, kClrUsed, kClrUnused, kClrOverUsed,
+                 kClrOverUnused, kQuota };
+  enum QueueMode { kInline, kRun, kHold, kDrop };
+  // kShort delivers whole sectors up to about half the range and returns 0;
+  // kPartialThenFail delivers half of the first piece, which settles its
+  // sector short, and returns 1.
+  enum OriginMode { kNormal, kFail, kShort, kNothing, kExtra, kPartialThenFail, kShortThenFail, kMixed = 256 };
+  static constexpr long long kAny = LLONG_MIN;
+  using Range = std::pair<long long, long>;
+
+  struct Step {
+    Op op;
+    long long a = 0;
+    long long b = 0;
+    long long want = kAny;
+    long long served = kAny;
+    std::vector<Range> fetched = {};  // checked by Run only: every origin request of the step
+  };
+
+  // `fail` gets every failed check. The cache object is made at the first
+  // step that needs it, so leading kSet steps shape its read-ahead ladder.
+  ReadPathModel(std::string cache_dir, long long file_size, const _CACHECONFIG& config,
+                std::function<void(const std::string&)> fail);
+  ~ReadPathModel();
+  ReadPathModel(const ReadPathModel&) = delete;
+  ReadPathModel& operator=(const ReadPathModel&) = delete;
+
+  // Applies each step and checks its expectations, its fetched list included.
+  void Run(const std::vector<Step>& script);
+  // Applies one step and checks the expectations it gives. A fetching read
+  // over a reservation the steps made (which would never settle) reads only
+  // what is cached instead.
+  void Apply(const Step& step) { Do(step, false); }
+  ReadonlyCache& cache();
+
+ private:
+  class Origin;
+  void Do(const Step& step, bool strict);
+  void Read(const Step& step, bool strict);
+  void FetchWrite(const Step& step);
+  void Expect(bool ok, const std::string& what);
+  void ExpectValue(long long want, long long got, const char* what);
+  bool Touches(const std::set<long long>& sectors, long long from, long long to) const;
+  long long Length();
+  void CheckSlots();
+  void Forget();
+
+  const std::string dir_;
+  const long long file_size_;
+  const std::function<void(const std::string&)> fail_;
+  std::string step_;  // the step being applied, for messages
+  FakeConfig config_;
+  std::unique_ptr<Origin> origin_;
+  std::unique_ptr<ReadonlyCache> cache_;
+  std::unique_ptr<TestQueue> queue_;  // declared after the cache: goes first
+  long long timeout_ = 0;
+  bool unopenable_ = false;  // kBlockFile
+  int stream_fd_ = -1;
+  int saved_fd_ = -1;
+  std::vector<char> buffer_;
+  // What the script did that may leave sectors reserved or short; both are
+  // over-approximations, used only to decide which reads must be complete.
+  std::mutex lock_;
+  std::set<long long> maybe_reserved_;
+  std::set<long long> maybe_short_;  // guarded by lock_: the origin adds to it
+};
+
+// A named script for one origin file, for the table tests.
+struct ReadPathScript {
+  const char* name;
+  long long file_size;
+  std::vector<ReadPathModel::Step> steps;
+};
+
+// Runs each script on a fresh cache in a fresh directory, starting from
+// `config`, with no queue bound and the clock reset afterwards; every failed
+// check is a test failure naming the script and the step.
+void RunReadPathScripts(const std::vector<ReadPathScript>& scripts, const _CACHECONFIG& config);
