@@ -261,12 +261,12 @@ TEST(FaultSweep, ClientsUnderFaultsGetExactBytesWhileTheLimitHoldsAndReleaseLeav
       const long long sectors = SectorBytes(path);
       if (sectors == 0) continue;
       const long long limit = static_cast<long long>(cache->GetLimit());
-      const long long others = DirectoryBytes(path) - sectors - std::max(0LL, FileSize(ballast));
+      const long long others = BytesInDirectory(path) - sectors - std::max(0LL, FileSize(ballast));
       ASSERT_GT(limit - others - sectors / 2, 0);
       ASSERT_EQ(truncate(dir.Write("cache/ballast", "").c_str(), limit - others - sectors / 2), 0);
       AdvanceClockForTesting(5s);
-      EXPECT_TRUE(WaitFor([&] { return DirectoryBytes(path) <= limit || SectorBytes(path) == 0; }))
-          << "round " << rounds << ": directory " << DirectoryBytes(path) << " over the limit " << limit
+      EXPECT_TRUE(WaitFor([&] { return BytesInDirectory(path) <= limit || SectorBytes(path) == 0; }))
+          << "round " << rounds << ": directory " << BytesInDirectory(path) << " over the limit " << limit
           << " with " << SectorBytes(path) << " sector bytes left";
       ++cleared_rounds;
     }

@@ -30,7 +30,7 @@ std::vector<std::string> SectorCacheFiles(const std::string& directory) {
   return files;
 }
 
-long long DirectoryBytes(const std::string& directory) {
+long long BytesInDirectory(const std::string& directory) {
   long long total = 0;
   std::error_code error;
   for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {

@@ -12,4 +12,4 @@ long long FileSize(const std::string& path);
 // Regular files ending in ".cache" directly in `directory` (sector caches).
 std::vector<std::string> SectorCacheFiles(const std::string& directory);
 // Bytes of every entry of `directory` (st_size, as the manager counts them).
-long long DirectoryBytes(const std::string& directory);
+long long BytesInDirectory(const std::string& directory);
