@@ -24,6 +24,7 @@ using Call = FaultyFileIo::Call;
 
 enum class Action {
   kFetchRead,   // read-only file: a cold read that fetches
+  kWholeRead,   // read-only file: a whole-file read (no time-out)
   kCachedRead,  // read-only file: a read of sectors already cached
   kCreate,      // writable file: creating its local copy
   kWrite,       // writable file: a client write inside a hole
@@ -47,8 +48,9 @@ std::shared_ptr<_FS_HANDLE> Handle() {
   return handle;
 }
 
-unsigned int Read(ICacheObj& file, FakeOrigin& origin, long long offset, std::vector<char>* out) {
-  _READDATA rd{out->data(), offset, out->size(), 0, Handle(), origin.size(), &origin, 5000, false};
+unsigned int Read(ICacheObj& file, FakeOrigin& origin, long long offset, std::vector<char>* out,
+                  bool whole_file = false) {
+  _READDATA rd{out->data(), offset, out->size(), 0, Handle(), origin.size(), &origin, 5000, whole_file};
   const unsigned int status = file.Read(&rd);
   out->resize(status == kOk ? rd.transferred : 0);
   return status;
@@ -78,6 +80,8 @@ TEST(FileIoFaults, EachFailureGivesItsStatusAndTheSameFileRecovers) {
   const Case cases[] = {
       {"fetched sector cannot be stored: disk full", Call::kWrite, ENOSPC, S / 2, Action::kFetchRead, kErrRead},
       {"fetched sector cannot be flushed", Call::kFlush, ENOSPC, 0, Action::kFetchRead, kErrRead},
+      {"whole-file read on a full disk fails instead of waiting", Call::kWrite, ENOSPC, S / 2, Action::kWholeRead,
+       kErrRead},
       {"sector cache file cannot be opened", Call::kOpen, EACCES, 0, Action::kFetchRead, kErrRead},
       {"cached sector cannot be read back", Call::kReadAt, EIO, 0, Action::kCachedRead, kErrFileRead},
       {"local copy cannot be created", Call::kOpen, EACCES, 0, Action::kCreate, kErrCreateFile},
@@ -109,6 +113,9 @@ TEST(FileIoFaults, EachFailureGivesItsStatusAndTheSameFileRecovers) {
       }
       io.Break(c.call, c.error, c.stored);
       switch (c.action) {
+        case Action::kWholeRead:
+          EXPECT_EQ(Read(*file, origin, 2 * S, &buffer, true), c.status);
+          break;
         case Action::kFetchRead:
         case Action::kCachedRead:
         case Action::kLocalRead:
