@@ -27,3 +27,8 @@ ReadonlyCache::ReadonlyCache(WritableCache* source, ICacheConfig* config)
   }
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read only cache from writable cache created", file_name_.c_str());
 }
+
+ICacheFile* WritableCache::RebuildToReadonlyCache(IFetch*, ICacheConfig* config) {
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Writable cache to read only cache", GetFileName().c_str());
+  return new ReadonlyCache(this, config);
+}

@@ -15,7 +15,6 @@
 #include "cache/file_names.h"
 #include "cache/logging.h"
 #include "common/file_io.h"
-#include "cache/readonly_cache.h"
 #include "cache/sector.h"
 #include "cache/sync_fetch_for_writable_cache.h"
 #include "common/split.h"
@@ -398,7 +397,3 @@ FILE* WritableCache::ReleaseStream() {
   return stream;
 }
 
-ICacheFile* WritableCache::RebuildToReadonlyCache(IFetch*, ICacheConfig* config) {
-  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Writable cache to read only cache", GetFileName().c_str());
-  return new ReadonlyCache(this, config);
-}

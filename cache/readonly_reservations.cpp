@@ -1,0 +1,42 @@
+// Reservations of ReadonlyCache: marking the sectors whose bytes are on
+// their way, and forgetting those that did not come.
+#include <string>
+
+#include "cache/logging.h"
+#include "cache/readonly_cache.h"
+#include "cache/sector.h"
+
+unsigned int ReadonlyCache::Reserve(long long offset, long long length) {
+  std::lock_guard<std::mutex> guard(index_lock_);
+  return ReserveNoLock(offset, length);
+}
+
+unsigned int ReadonlyCache::ReserveNoLock(long long offset, long long length) {
+  const std::string tag = GetFileName();
+  KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Reserved blocks %lld to %lld(%lld bytes)", tag.c_str(), offset,
+           offset + length, length);
+  if (offset % kSectorSize != 0) return kErrUnaligned;
+  const int count = index_.Reserve(offset, length, SteadyNow());
+  KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] %d blocks reserved", tag.c_str(), count);
+  return count == 0 ? kNothingReserved : kOk;
+}
+
+unsigned int ReadonlyCache::ClearReserved(long long offset, long long length) {
+  std::lock_guard<std::mutex> guard(index_lock_);
+  ClearReservedNoLock(offset, length);
+  return kOk;
+}
+
+void ReadonlyCache::ClearReservedNoLock(long long offset, long long length) {
+  KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Clear reserved blocks %lld to %lld(%lld bytes)",
+           GetFileName().c_str(), offset, offset + length, length);
+  index_.ClearReserved(offset, length);
+}
+
+void ReadonlyCache::ForgetReserved(long long offset, long long length, IndexLock lock) {
+  if (lock == IndexLock::kHeld) {
+    ClearReservedNoLock(offset, length);
+  } else {
+    ClearReserved(offset, length);
+  }
+}
