@@ -64,7 +64,7 @@ int ReadonlyCache::CheckReadAhead(_READDATA* rd) {
 }
 
 long long ReadonlyCache::GetLargestEmptyOffset(long long offset) {
-  std::lock_guard<std::mutex> guard(index_lock_);
+  MutexLock guard(index_lock_);
   return LargestEmptyOffsetNoLock(offset);
 }
 

@@ -56,12 +56,12 @@ _CACHECONFIG ReadonlyCache::GetConfig() {
 }
 
 std::string ReadonlyCache::GetFileName() const {
-  std::lock_guard<std::mutex> guard(name_lock_);
+  MutexLock guard(name_lock_);
   return file_name_;
 }
 
 void ReadonlyCache::ChangeFileName(std::string new_name) {
-  std::lock_guard<std::mutex> guard(name_lock_);
+  MutexLock guard(name_lock_);
   file_name_ = std::move(new_name);
 }
 
@@ -83,7 +83,7 @@ std::shared_ptr<FILE> ReadonlyCache::OpenStream(bool index_locked) {
   // opening at once would both find no file; the later one's "w+" would then
   // cut off the slots the earlier one had written meanwhile, and the next
   // appended sector would share a slot with one the index still points at.
-  std::unique_lock<std::mutex> guard(index_lock_, std::defer_lock);
+  std::unique_lock<Mutex> guard(index_lock_, std::defer_lock);
   if (!index_locked) guard.lock();
   if (!handle_.IsValidHandle()) {
     // A file this cache created and that is now gone was deleted behind its
@@ -117,7 +117,7 @@ long long ReadonlyCache::FileLength(bool index_locked) {
   if (!stream) return 0;
   // Under file_lock_: the seek moves the position another thread may be
   // about to read or write at.
-  std::lock_guard<std::mutex> guard(file_lock_);
+  MutexLock guard(file_lock_);
   const long long end = CacheFileIo().Size(stream.get());
   return end < 0 ? 0 : end;
 }
@@ -153,7 +153,7 @@ unsigned int ReadonlyCache::Close(bool remove) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
 
-  std::lock_guard<std::mutex> guard(index_lock_);
+  MutexLock guard(index_lock_);
   if (!delete_on_close_.load(std::memory_order_relaxed)) return kOk;
   // A stream closed for idleness means the file is kept on disk.
   if (!handle_.IsValidHandle()) return kErrNotOpen;

@@ -30,6 +30,7 @@
 #include "cache/read_ahead_policy.h"
 #include "cache/sector_index.h"
 #include "cache/timed_handle.h"
+#include "common/thread_annotations.h"
 #include "common/clock.h"
 #include "korvcache.h"
 
@@ -63,7 +64,9 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   // Without a fetcher it serves only what is cached, possibly 0 bytes.
   // Returns: kOk, kErrInvalidArgument, kErrRead (no stream, sector missing,
   // time-out), kErrHandleClosed, kErrFileRead.
-  unsigned int Read(_READDATA* request) override;
+  // Locks and unlocks index_lock_ around its polls: beyond what the analysis
+  // can follow.
+  unsigned int Read(_READDATA* request) override NO_THREAD_SAFETY_ANALYSIS;
   // Returns: kErrReadOnly, always.
   unsigned int Write(_WRITEDATA* request) override;
   // Marks the missing sectors of the range as on their way.
@@ -99,7 +102,7 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
 
   // Stores fetched bytes. REQUIRES: index_lock_ held.
   // Returns: kOk, kErrRead (no stream), kErrUnaligned, kErrFileWrite.
-  virtual int FetchWriteNoLock(long long offset, const char* data, long length, long* written);
+  virtual int FetchWriteNoLock(long long offset, const char* data, long length, long* written) REQUIRES(index_lock_);
   // Takes index_lock_ and calls FetchWriteNoLock.
   int FetchWrite(long long offset, const char* data, long length, long* written) override;
   // The current settings of the owning manager.
@@ -115,8 +118,10 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   const std::string& GetCachePath() const { return cache_path_; }
 
   // What the fetch tasks call (see FetchTarget).
-  int StoreFetched(long long offset, const char* data, long length, long* written, IndexLock lock) override;
-  void ForgetReserved(long long offset, long long length, IndexLock lock) override;
+  // The lock `lock` says the caller holds is taken here otherwise.
+  int StoreFetched(long long offset, const char* data, long length, long* written, IndexLock lock) override
+      NO_THREAD_SAFETY_ANALYSIS;
+  void ForgetReserved(long long offset, long long length, IndexLock lock) override NO_THREAD_SAFETY_ANALYSIS;
   void TaskStarted() override { read_ahead_count_.fetch_add(1, std::memory_order_relaxed); }
   void TaskEnded() override { read_ahead_count_.fetch_sub(1, std::memory_order_release); }
   void LargeFetchEnded(const IAsyncObj* task) override;
@@ -126,29 +131,31 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   enum class Queued { kNothing, kReadAhead, kFetch };
 
   // REQUIRES: index_lock_ held (for all below).
-  int QueueEmptySectors(long long start, long long end, IFetch* fetch,
-                        std::shared_ptr<_FS_HANDLE> handle);
+  int QueueEmptySectors(long long start, long long end, IFetch* fetch, std::shared_ptr<_FS_HANDLE> handle)
+      REQUIRES(index_lock_);
   void QueueEmptySectors(std::deque<long long>& offsets, IFetch* fetch,
-                         std::shared_ptr<_FS_HANDLE> handle);
-  unsigned int ReserveNoLock(long long offset, long long length);
-  void ClearReservedNoLock(long long offset, long long length);
-  int CheckReadAhead(_READDATA* request);
+                         std::shared_ptr<_FS_HANDLE> handle) REQUIRES(index_lock_);
+  unsigned int ReserveNoLock(long long offset, long long length) REQUIRES(index_lock_);
+  void ClearReservedNoLock(long long offset, long long length) REQUIRES(index_lock_);
+  int CheckReadAhead(_READDATA* request) REQUIRES(index_lock_);
   // A policy whose ladder follows the current settings of `config`.
   static ReadAheadPolicy ReadAheadFor(ICacheConfig* config);
-  long long LargestEmptyOffsetNoLock(long long offset);
-  void ClearIndexNoLock();
+  long long LargestEmptyOffsetNoLock(long long offset) REQUIRES(index_lock_);
+  void ClearIndexNoLock() REQUIRES(index_lock_);
   // After the file vanished: forgets every settled sector and every slot.
-  void DropLostSlotsNoLock();
+  void DropLostSlotsNoLock() REQUIRES(index_lock_);
 
   // Opens the stream on demand. When the file has vanished behind the
   // cache's back the index is dropped first, taking index_lock_ unless the
   // caller says it holds it.
-  std::shared_ptr<FILE> OpenStream(bool index_locked);
+  // Takes index_lock_ unless `index_locked` says the caller holds it: beyond
+  // what the analysis can follow.
+  std::shared_ptr<FILE> OpenStream(bool index_locked) NO_THREAD_SAFETY_ANALYSIS;
   // Physical length of the file; takes file_lock_.
-  long long FileLength(bool index_locked);
+  long long FileLength(bool index_locked) NO_THREAD_SAFETY_ANALYSIS;
   // Copies the range out. REQUIRES: index_lock_ held.
   unsigned int CopyOut(_READDATA* request, const std::shared_ptr<FILE>& stream, long long start,
-                       bool fetching);
+                       bool fetching) REQUIRES(index_lock_);
 
   // The single large read-ahead that may run for this file. Set under
   // index_lock_, cleared by the finishing task without it.
@@ -161,20 +168,20 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   // not a lost one.
   std::atomic<bool> file_created_{false};
 
-  std::mutex index_lock_;
-  std::mutex file_lock_;
+  Mutex index_lock_;
+  Mutex file_lock_ ACQUIRED_AFTER(index_lock_);
 
   const std::string cache_dir_;
-  mutable std::mutex name_lock_;
-  std::string file_name_;  // guarded by name_lock_
+  mutable Mutex name_lock_;
+  std::string file_name_ GUARDED_BY(name_lock_);
   std::string cache_path_;
   TimedHandle handle_;
 
   // State below is protected by index_lock_.
-  SectorIndex index_;
-  long long origin_size_;
+  SectorIndex index_ GUARDED_BY(index_lock_);
+  long long origin_size_ GUARDED_BY(index_lock_);
 
   ICacheConfig* const config_;
   // The read history and the block-size ladder; protected by index_lock_.
-  ReadAheadPolicy read_ahead_policy_;
+  ReadAheadPolicy read_ahead_policy_ GUARDED_BY(index_lock_);
 };

@@ -11,7 +11,7 @@
 #include "common/file_io.h"
 
 int ReadonlyCache::FetchWrite(long long offset, const char* data, long length, long* written) {
-  std::lock_guard<std::mutex> guard(index_lock_);
+  MutexLock guard(index_lock_);
   return FetchWriteNoLock(offset, data, length, written);
 }
 
@@ -67,7 +67,7 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
     // keep readers off it, also when the write fails half way.
     sector.reserved = true;
     {
-      std::lock_guard<std::mutex> guard(file_lock_);
+      MutexLock guard(file_lock_);
       FileIo& io = CacheFileIo();
       bool failed = io.Seek(stream.get(), sector.cache_offset) != 0;
       if (!failed) {
@@ -104,7 +104,7 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
   {
     // Every transfer seeks first, so this position means nothing; a stream
     // that cannot seek any more is reported all the same.
-    std::lock_guard<std::mutex> guard(file_lock_);
+    MutexLock guard(file_lock_);
     if (CacheFileIo().Seek(stream.get(), sector_offset) != 0) {
       KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Fetch write failed : %s", tag.c_str(), strerror(errno));
       return static_cast<int>(kErrFileWrite);

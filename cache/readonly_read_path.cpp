@@ -48,7 +48,7 @@ unsigned int ReadonlyCache::Read(_READDATA* rd) {
   Queued queued = Queued::kNothing;
 
   if (rd->fetch != nullptr) {
-    std::lock_guard<std::mutex> guard(index_lock_);
+    MutexLock guard(index_lock_);
     if (rd->file_size != origin_size_) origin_size_ = rd->file_size;
     if (timeout == 0) timeout = static_cast<long long>(conf.readtimeout);
 
@@ -83,7 +83,7 @@ unsigned int ReadonlyCache::Read(_READDATA* rd) {
     }
   }
 
-  std::unique_lock<std::mutex> index(index_lock_, std::defer_lock);
+  std::unique_lock<Mutex> index(index_lock_, std::defer_lock);
   if (rd->fetch != nullptr) {
     SteadyTime waiting_since = SteadyNow();
     for (;;) {

@@ -7,7 +7,7 @@
 #include "cache/sector.h"
 
 unsigned int ReadonlyCache::Reserve(long long offset, long long length) {
-  std::lock_guard<std::mutex> guard(index_lock_);
+  MutexLock guard(index_lock_);
   return ReserveNoLock(offset, length);
 }
 
@@ -22,7 +22,7 @@ unsigned int ReadonlyCache::ReserveNoLock(long long offset, long long length) {
 }
 
 unsigned int ReadonlyCache::ClearReserved(long long offset, long long length) {
-  std::lock_guard<std::mutex> guard(index_lock_);
+  MutexLock guard(index_lock_);
   ClearReservedNoLock(offset, length);
   return kOk;
 }

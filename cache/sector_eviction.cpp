@@ -30,7 +30,7 @@ bool CopySlot(FILE* stream, long long from, long long to, long long size, std::v
 }  // namespace
 
 void ReadonlyCache::ClearOldCache(bool over_quota) {
-  std::lock_guard<std::mutex> index(index_lock_);
+  MutexLock index(index_lock_);
   const SteadyTime now = SteadyNow();
   const _CACHECONFIG conf = GetConfig();
   const uint64_t max_used_age = over_quota ? conf.clroverused : conf.clrused;
@@ -56,7 +56,7 @@ void ReadonlyCache::ClearOldCache(bool over_quota) {
     // Each move's target is the lowest free slot; a move that fails half way
     // leaves that slot unreliable, so it is not used again.
     const _SECTOR& sector = *index_.Find(move.offset);
-    std::lock_guard<std::mutex> file(file_lock_);
+    MutexLock file(file_lock_);
     if (!CopySlot(stream.get(), move.from, move.to, sector.size, &buffer)) {
       // The sector stays where it was; its old slot still holds its bytes.
       clearerr(stream.get());
@@ -70,7 +70,7 @@ void ReadonlyCache::ClearOldCache(bool over_quota) {
   const long long length = FileLength(true);
   const long long cut_at = CutFreeTail(index_.mutable_free_slots(), length);
   if (cut_at < length) {
-    std::lock_guard<std::mutex> file(file_lock_);
+    MutexLock file(file_lock_);
     if (CacheFileIo().Flush(stream.get()) != 0 || CacheFileIo().Truncate(stream.get(), cut_at) != 0) {
       int error = errno;
       KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Truncate failed : %s(%d)", tag.c_str(), strerror(error), error);
