@@ -10,18 +10,23 @@ _SECTOR* SectorIndex::Find(long long sector) {
   return it == sectors_.end() ? nullptr : &it->second;
 }
 
+_SECTOR& SectorIndex::Enter(long long sector, long long slot, long long size, bool reserved, SteadyTime now) {
+  _SECTOR& entry = sectors_[sector];
+  entry.cache_offset = slot;
+  entry.size = size;
+  entry.hits = 0;
+  entry.reserved = reserved;
+  entry.access_time = now;
+  return entry;
+}
+
 void SectorIndex::InsertReserved(long long sector, long long size, SteadyTime now) {
   long long slot = -1;
   if (!empty_sectors_.empty()) {
     slot = empty_sectors_.front();
     empty_sectors_.pop_front();
   }
-  _SECTOR& entry = sectors_[sector];
-  entry.cache_offset = slot;
-  entry.size = size;
-  entry.hits = 0;
-  entry.reserved = true;
-  entry.access_time = now;
+  Enter(sector, slot, size, true, now);
 }
 
 int SectorIndex::Reserve(long long offset, long long length, SteadyTime now) {
@@ -88,13 +93,8 @@ SectorIndex::Placement SectorIndex::PlaceFetched(long long sector, long long siz
       slot = empty_sectors_.front();
       empty_sectors_.pop_front();
     }
-    _SECTOR& entry = sectors_[sector];
-    entry.cache_offset = slot;
-    entry.size = size;
-    entry.hits = 0;
     // Aged from its arrival: an entry dated 0 would be cleared at once.
-    entry.access_time = now;
-    return {&entry, Placed::kNew, appended};
+    return {&Enter(sector, slot, size, false, now), Placed::kNew, appended};
   }
   _SECTOR& entry = it->second;
   entry.size = size;
@@ -108,12 +108,7 @@ SectorIndex::Placement SectorIndex::PlaceFetched(long long sector, long long siz
 }
 
 void SectorIndex::AddSettled(long long sector, long long slot, long long size, SteadyTime now) {
-  _SECTOR& entry = sectors_[sector];
-  entry.cache_offset = slot;
-  entry.size = size;
-  entry.hits = 0;
-  entry.reserved = false;
-  entry.access_time = now;
+  Enter(sector, slot, size, false, now);
 }
 
 std::vector<long long> SectorIndex::SelectOld(SteadyTime now, uint64_t max_used_age, uint64_t max_unused_age) const {

@@ -91,6 +91,9 @@ class SectorIndex {
   void Clear();
 
  private:
+  // Makes `sector` an entry with these fields and no hits.
+  _SECTOR& Enter(long long sector, long long slot, long long size, bool reserved, SteadyTime now);
+
   std::map<long long, _SECTOR> sectors_;
   std::deque<long long> empty_sectors_;  // free slots
 };
