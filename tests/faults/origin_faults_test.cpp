@@ -5,11 +5,8 @@
 // checked in writable_cache_test.cpp.)
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <map>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "cache/sector.h"
 #include "common/clock.h"
@@ -108,10 +105,7 @@ TEST_F(OriginFaultTest, FaultyDeliveriesDuringReadAheadCostErrorsNeverWrongBytes
     EXPECT_TRUE(Served(*file, origin, at, static_cast<size_t>(std::min(kMiB + 333, origin.size() - at))));
   }
   ASSERT_TRUE(queue.WaitIdle());
-  for (const auto& request : origin.Requests()) {
-    EXPECT_TRUE(request.first >= 0 && request.first < origin.size() && request.second > 0)
-        << request.first << ", " << request.second;
-  }
+  for (const auto& [at, length] : origin.Requests()) EXPECT_TRUE(at >= 0 && at < origin.size() && length > 0) << at;
   // Every sector has exactly one slot: no slot was lost to a failed fetch or
   // handed out twice after a delivery past the range.
   const std::vector<std::string> files = SectorCacheFiles(path_);
@@ -167,53 +161,42 @@ TEST_F(OriginFaultTest, HangingOriginEndsReadsAtTheReadTimeOutAndLateDataIsKept)
 
 // Reads that would wait for ever (a time-out of -1, and a whole-file read,
 // which always waits) end with kErrHandleClosed when the client closes its
-// handle, while their fetches still hang. The fetches finish later and the
-// files then serve the origin's bytes without asking again.
+// handle while their fetch still hangs. The fetch finishes later and the
+// file then serves the origin's bytes without asking again.
 TEST_F(OriginFaultTest, ClosingTheHandleEndsReadsThatWaitForAHangingOrigin) {
-  FakeOrigin plain_origin(6 * kMiB);
-  FakeOrigin whole_origin(3 * kMiB + 777);
-  std::shared_ptr<ICacheObj> plain = cache_->Open("faulty/plain.bin", 'r', plain_origin.size(), &plain_origin);
-  std::shared_ptr<ICacheObj> whole = cache_->Open("faulty/whole.bin", 'r', whole_origin.size(), &whole_origin);
   TestQueue queue(TestQueue::Mode::kRun, 2);
   Watchdog watchdog("reads whose handle closes", 60s);
+  for (const bool whole_file : {false, true}) {
+    SCOPED_TRACE(whole_file ? "whole-file read" : "read without a time-out");
+    FakeOrigin origin(whole_file ? 3 * kMiB + 777 : 6 * kMiB);
+    const char* name = whole_file ? "faulty/whole.bin" : "faulty/plain.bin";
+    std::shared_ptr<ICacheObj> file = cache_->Open(name, 'r', origin.size(), &origin);
+    origin.Block();
+    std::shared_ptr<_FS_HANDLE> handle = OpenHandle();
+    ReadOutcome read;
+    {
+      Background reader([&] {
+        read = ReadAndCheck(*file, origin, whole_file ? kMiB : 10, 5000, whole_file ? 0 : -1, handle, whole_file);
+      });
+      OnExit release([&] { origin.Release(); });
+      EXPECT_TRUE(origin.WaitForRequests(1));
+      EXPECT_FALSE(WaitFor([&] { return reader.Done(); }, 50ms)) << "ended while its handle was open";
+      CloseClientHandle(handle);
+      EXPECT_TRUE(reader.WaitDone(5s));
+    }
+    EXPECT_EQ(read.status, kErrHandleClosed);
 
-  plain_origin.Block();
-  whole_origin.Block();
-  std::shared_ptr<_FS_HANDLE> plain_handle = OpenHandle();
-  std::shared_ptr<_FS_HANDLE> whole_handle = OpenHandle();
-  ReadOutcome plain_read;
-  ReadOutcome whole_read;
-  {
-    Background plain_reader([&] { plain_read = ReadAndCheck(*plain, plain_origin, 10, 5000, -1, plain_handle); });
-    Background whole_reader(
-        [&] { whole_read = ReadAndCheck(*whole, whole_origin, kMiB, 5000, 0, whole_handle, true); });
-    OnExit release_plain([&] { plain_origin.Release(); });
-    OnExit release_whole([&] { whole_origin.Release(); });
-    EXPECT_TRUE(plain_origin.WaitForRequests(1));
-    EXPECT_TRUE(whole_origin.WaitForRequests(1));
-    // Neither may end while its handle is open.
-    EXPECT_FALSE(WaitFor([&] { return plain_reader.Done() || whole_reader.Done(); }, 50ms));
-    CloseClientHandle(plain_handle);
-    CloseClientHandle(whole_handle);
-    EXPECT_TRUE(plain_reader.WaitDone(5s));
-    EXPECT_TRUE(whole_reader.WaitDone(5s));
+    ASSERT_TRUE(queue.WaitIdle());
+    origin.ClearRequests();
+    const long long from = whole_file ? 0 : 10;
+    const long long to = whole_file ? origin.size() : 5010;
+    for (long long at = from; at < to; at += kMiB) {
+      const size_t size = static_cast<size_t>(std::min(kMiB, to - at));
+      ReadOutcome r = ReadAndCheck(*file, origin, at, size, 1000, nullptr, whole_file);
+      EXPECT_TRUE(r.status == kOk && r.Clean() && r.transferred == size) << "at " << at << ": " << r.status;
+    }
+    EXPECT_TRUE(origin.Requests().empty());
   }
-  EXPECT_EQ(plain_read.status, kErrHandleClosed);
-  EXPECT_EQ(whole_read.status, kErrHandleClosed);
-
-  ASSERT_TRUE(queue.WaitIdle());
-  plain_origin.ClearRequests();
-  whole_origin.ClearRequests();
-  EXPECT_TRUE(Served(*plain, plain_origin, 10, 5000, 1000));
-  for (long long at = 0; at < whole_origin.size(); at += kMiB) {
-    const size_t size = static_cast<size_t>(std::min(kMiB, whole_origin.size() - at));
-    ReadOutcome r = ReadAndCheck(*whole, whole_origin, at, size, 1000, nullptr, true);
-    EXPECT_EQ(r.status, kOk) << "at " << at;
-    EXPECT_TRUE(r.Clean()) << "at " << at;
-    EXPECT_EQ(r.transferred, size);
-  }
-  EXPECT_TRUE(plain_origin.Requests().empty());
-  EXPECT_TRUE(whole_origin.Requests().empty());
 }
 
 }  // namespace
