@@ -37,10 +37,10 @@ using Mode = FakeOrigin::Mode;
 constexpr int kThreads = 6;
 constexpr int kSharedFiles = 8;
 constexpr long long kSharedSize = 6 * kMiB;
-// ThreadSanitizer runs the sweep about fifteen times slower: rounds of
+// ThreadSanitizer runs the sweep about twenty times slower: rounds of
 // fewer operations keep it within seconds there, checking the same things.
 #if defined(__SANITIZE_THREAD__)
-constexpr int kOperationsPerRound = 14;
+constexpr int kOperationsPerRound = 10;
 #else
 constexpr int kOperationsPerRound = 40;
 #endif
