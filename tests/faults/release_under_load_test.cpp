@@ -2,12 +2,6 @@
 // no crash, no deadlock, nothing leaked, nothing freed under a running task.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <filesystem>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "support/fake_origin.h"
 #include "support/file_helpers.h"
 #include "support/requests.h"
@@ -55,10 +49,8 @@ TEST(ReleaseUnderLoad, ReleaseWaitsForHangingFetchesAndHeldFilesOutliveTheManage
     Watchdog watchdog("ReleaseCache under load", 60s);
 
     // Two reads of each run make the history.
-    for (auto* f : {&late, &dropped}) {
-      FakeOrigin& origin = f == &late ? late_origin : dropped_origin;
-      EXPECT_TRUE(Served(**f, origin, 0, kChunk)) << "history";
-      EXPECT_TRUE(Served(**f, origin, kChunk, kChunk)) << "history";
+    for (int i = 0; i < 2; ++i) {
+      EXPECT_TRUE(Served(*late, late_origin, i * kChunk, kChunk) && Served(*dropped, dropped_origin, i * kChunk, kChunk));
     }
     ASSERT_TRUE(queue.WaitIdle());
 
