@@ -63,6 +63,8 @@ class ManagerFaultTest : public ::testing::Test {
     ASSERT_TRUE(std::static_pointer_cast<CacheObj>(file)->CheckHandles());
   }
 
+  // A deadlock fails the test at once.
+  Watchdog watchdog_{"a manager fault test", std::chrono::seconds(120)};
   SettingsFile none_{""};
   TempDir dir_;
   const std::string path_ = dir_.path() + "/cache";
@@ -82,7 +84,6 @@ TEST_F(OriginFaultTest, FaultyDeliveriesDuringReadAheadCostErrorsNeverWrongBytes
   FakeOrigin origin(20 * kMiB + 12345);
   std::shared_ptr<ICacheObj> file = cache_->Open("faulty/readahead.bin", 'r', origin.size(), &origin);
   TestQueue queue(TestQueue::Mode::kRun, 2);
-  Watchdog watchdog("sequential reads under origin faults", 120s);
 
   // The fault moves on only after a turn in which the origin was asked, so
   // every fault meets reads and read-aheads that need it.
@@ -144,7 +145,6 @@ TEST_F(OriginFaultTest, HangingOriginEndsReadsAtTheReadTimeOutAndLateDataIsKept)
   std::shared_ptr<ICacheObj> file = cache_->Open("faulty/slow.bin", 'r', origin.size(), &origin);
   TestQueue queue(TestQueue::Mode::kRun, 2);
   OnExit release([&] { origin.Release(); });
-  Watchdog watchdog("reads against a hanging origin", 60s);
 
   origin.Block();
   auto timed_read = [&](long long offset) {
@@ -185,7 +185,6 @@ TEST_F(OriginFaultTest, HangingOriginEndsReadsAtTheReadTimeOutAndLateDataIsKept)
 // file then serves the origin's bytes without asking again.
 TEST_F(OriginFaultTest, ClosingTheHandleEndsReadsThatWaitForAHangingOrigin) {
   TestQueue queue(TestQueue::Mode::kRun, 2);
-  Watchdog watchdog("reads whose handle closes", 60s);
   for (const bool whole_file : {false, true}) {
     SCOPED_TRACE(whole_file ? "whole-file read" : "read without a time-out");
     FakeOrigin origin(whole_file ? 3 * kMiB + 777 : 6 * kMiB);
@@ -229,7 +228,6 @@ TEST_F(VanishedFileTest, SectorCacheFileDeletedOrReplacedUnderAnOpenFile) {
   std::shared_ptr<ICacheObj> file = cache_->Open("vanish/victim.bin", 'r', origin.size(), &origin);
   std::shared_ptr<ICacheObj> other = cache_->Open("vanish/other.bin", 'r', other_origin.size(), &other_origin);
   TestQueue queue(TestQueue::Mode::kRun, 2);
-  Watchdog watchdog("reads of vanished cache files", 60s);
 
   EXPECT_TRUE(Served(*file, origin, 0, 2 * kMiB, 5000)) << "first";
   ASSERT_TRUE(queue.WaitIdle());
@@ -277,7 +275,6 @@ TEST_F(VanishedFileTest, SectorCacheFileDeletedOrReplacedUnderAnOpenFile) {
 TEST_F(VanishedFileTest, WritableCacheFileAndDirectoryRemovedUnderAnOpenFile) {
   FakeOrigin origin(2 * kMiB + 5);
   std::shared_ptr<ICacheObj> file = cache_->Open("vanish/written.bin", 'w', origin.size(), &origin);
-  Watchdog watchdog("a writable file without its directory", 60s);
   std::vector<char> expected = OriginBytes(0, origin.size());
   auto write = [&](long long offset, size_t size, char seed) {
     const std::vector<char> mine = Pattern(size, seed);
@@ -333,7 +330,6 @@ TEST_F(ReleaseUnderLoad, ReleaseWaitsForHangingFetchesAndHeldFilesOutliveTheMana
   constexpr size_t kChunk = 256 * 1024;
   {
     TestQueue queue(TestQueue::Mode::kRun, 3);
-    Watchdog watchdog("ReleaseCache under load", 60s);
 
     // Two reads of each run make the history.
     for (int i = 0; i < 2; ++i) {
