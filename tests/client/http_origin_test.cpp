@@ -22,15 +22,6 @@ namespace {
 
 const bool kCurlReady = curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
 
-// Skips when nginx is missing; a server that is installed but does not start
-// is a failure.
-#define START_NGINX(server)                                   \
-  do {                                                        \
-    std::string why_;                                         \
-    if (!NginxServer::Installed(&why_)) GTEST_SKIP() << why_; \
-    ASSERT_TRUE((server).Start(&why_)) << why_;               \
-  } while (0)
-
 std::unique_ptr<Origin> Connect(const std::string& url, long long timeout_ms = 5000) {
   OriginOptions options;
   options.timeout_ms = timeout_ms;
@@ -116,6 +107,22 @@ class ScriptedServer {
   std::thread thread_;
 };
 
+// One nginx per test, with a directory whose listing is HTML and a path that
+// answers 500. Skips when nginx is missing; a server that is installed but
+// does not start is a failure.
+class HttpOriginTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string why;
+    if (!NginxServer::Installed(&why)) GTEST_SKIP() << why;
+    ASSERT_TRUE(nginx_.Start(&why)) << why;
+    origin_ = Connect(nginx_.Url());
+  }
+
+  NginxServer nginx_{"location /html/ { autoindex_format html; }\nlocation = /boom { return 500; }"};
+  std::unique_ptr<Origin> origin_;
+};
+
 TEST(HttpOriginUrlTest, AcceptsServerUrlsRejectsOthersAndNeverConnectsEarly) {
   OriginOptions options;
   std::string error;
@@ -175,7 +182,7 @@ TEST(HttpListingTest, ParsesAutoindexJsonAndDatesAndRejectsOtherAnswers) {
   }
 }
 
-TEST(HttpOriginTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
+TEST(HttpScriptedServerTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
   const std::string body = RandomBytes(1000, 9);
   // A 206 answer for [first, last] of which `sent` bytes arrive.
   auto partial = [&](long long first, long long last, size_t sent, const std::string& headers = "") {
@@ -241,54 +248,48 @@ TEST(HttpOriginTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
   }
 }
 
-TEST(HttpOriginTest, ListsDirectoriesAndStatsFilesAndDirectories) {
-  NginxServer nginx("location /html/ { autoindex_format html; }\nlocation = /boom { return 500; }");
-  START_NGINX(nginx);
-  for (const char* name : {"with space.txt", "we?ird #name%.bin", "html/page"}) nginx.WriteFile(name, "x");
-  nginx.WriteFile("a.bin", RandomBytes(1000, 1));
-  nginx.WriteFile("sub dir/inner file", RandomBytes(77, 2));
-  nginx.SetMtime("a.bin", 981173106);
-  std::unique_ptr<Origin> origin = Connect(nginx.Url());
+TEST_F(HttpOriginTest, ListsDirectoriesAndStatsFilesAndDirectories) {
+  for (const char* name : {"with space.txt", "we?ird #name%.bin", "html/page"}) nginx_.WriteFile(name, "x");
+  nginx_.WriteFile("a.bin", RandomBytes(1000, 1));
+  nginx_.WriteFile("sub dir/inner file", RandomBytes(77, 2));
+  nginx_.SetMtime("a.bin", 981173106);
 
   std::vector<OriginEntry> entries;
   std::string error;
-  ASSERT_EQ(origin->List("/", &entries, &error), OriginStatus::kOk) << error;
+  ASSERT_EQ(origin_->List("/", &entries, &error), OriginStatus::kOk) << error;
   EXPECT_EQ(Listed(entries), "a.bin 1000;html/ 0;sub dir/ 0;we?ird #name%.bin 1;with space.txt 1;");
-  ASSERT_EQ(origin->List("/sub dir", &entries, &error), OriginStatus::kOk) << error;
+  ASSERT_EQ(origin_->List("/sub dir", &entries, &error), OriginStatus::kOk) << error;
   EXPECT_EQ(Listed(entries), "inner file 77;");
-  EXPECT_EQ(origin->List("/missing", &entries, &error), OriginStatus::kNotFound);
-  EXPECT_EQ(origin->List("/a.bin", &entries, &error), OriginStatus::kNotFound);
-  EXPECT_EQ(origin->List("/html", &entries, &error), OriginStatus::kFailed);
+  EXPECT_EQ(origin_->List("/missing", &entries, &error), OriginStatus::kNotFound);
+  EXPECT_EQ(origin_->List("/a.bin", &entries, &error), OriginStatus::kNotFound);
+  EXPECT_EQ(origin_->List("/html", &entries, &error), OriginStatus::kFailed);
 
   OriginFileInfo info;
-  ASSERT_EQ(origin->Stat("/a.bin", &info, &error), OriginStatus::kOk) << error;
+  ASSERT_EQ(origin_->Stat("/a.bin", &info, &error), OriginStatus::kOk) << error;
   EXPECT_FALSE(info.is_directory);
   EXPECT_EQ(info.size, 1000);
   EXPECT_EQ(info.mtime, 981173106);
   EXPECT_EQ(info.validator.substr(0, 1), "\"") << "nginx sends an ETag: " << info.validator;
-  ASSERT_EQ(origin->Stat("/we?ird #name%.bin", &info, &error), OriginStatus::kOk) << error;
+  ASSERT_EQ(origin_->Stat("/we?ird #name%.bin", &info, &error), OriginStatus::kOk) << error;
   EXPECT_EQ(info.size, 1);
   for (const char* directory : {"/", "/sub dir"}) {
-    ASSERT_EQ(origin->Stat(directory, &info, &error), OriginStatus::kOk) << directory << error;
+    ASSERT_EQ(origin_->Stat(directory, &info, &error), OriginStatus::kOk) << directory << error;
     EXPECT_TRUE(info.is_directory && info.size == 0) << directory;
   }
-  EXPECT_EQ(origin->Stat("/missing", &info, &error), OriginStatus::kNotFound);
-  EXPECT_EQ(origin->Stat("/boom", &info, &error), OriginStatus::kFailed);
+  EXPECT_EQ(origin_->Stat("/missing", &info, &error), OriginStatus::kNotFound);
+  EXPECT_EQ(origin_->Stat("/boom", &info, &error), OriginStatus::kFailed);
 
   // A URL with a path prefix serves that directory as the root.
-  std::unique_ptr<Origin> prefixed = Connect(nginx.Url() + "/sub%20dir/");
+  std::unique_ptr<Origin> prefixed = Connect(nginx_.Url() + "/sub%20dir/");
   ASSERT_EQ(prefixed->List("/", &entries, &error), OriginStatus::kOk) << error;
   EXPECT_EQ(Listed(entries), "inner file 77;");
   EXPECT_EQ(ReadRange(prefixed.get(), "/inner file", 0, 77).bytes, RandomBytes(77, 2));
 }
 
-TEST(HttpOriginTest, ReadsExactRangesOverOneConnection) {
-  NginxServer nginx;
-  START_NGINX(nginx);
+TEST_F(HttpOriginTest, ReadsExactRangesOverOneConnection) {
   const std::string data = RandomBytes(100000, 3);
   const long long size = static_cast<long long>(data.size());
-  nginx.WriteFile("dir/f.bin", data);
-  std::unique_ptr<Origin> origin = Connect(nginx.Url());
+  nginx_.WriteFile("dir/f.bin", data);
 
   struct Case {
     long long offset, length, expected;
@@ -297,27 +298,27 @@ TEST(HttpOriginTest, ReadsExactRangesOverOneConnection) {
   for (const Case& c : {Case{0, 100, 100}, Case{12345, 4096, 4096}, Case{size - 10, 10, 10}, Case{size - 10, 100, 10},
                         Case{0, size, size}, Case{1, size + 5, size - 1}, Case{5, 0, 0},
                         Case{size + 5, 10, 0, OriginStatus::kFailed}}) {
-    const Read read = ReadRange(origin.get(), "/dir/f.bin", c.offset, c.length);
+    const Read read = ReadRange(origin_.get(), "/dir/f.bin", c.offset, c.length);
     EXPECT_EQ(read.status, c.status) << c.offset << "+" << c.length << ": " << read.error;
     EXPECT_EQ(read.bytes, data.substr(std::min(c.offset, size), c.expected)) << c.offset << "+" << c.length;
   }
-  EXPECT_EQ(ReadRange(origin.get(), "/dir/missing", 0, 10).status, OriginStatus::kNotFound);
+  EXPECT_EQ(ReadRange(origin_.get(), "/dir/missing", 0, 10).status, OriginStatus::kNotFound);
   // After the thread's connection is closed, the next request opens another.
   CloseHttpConnectionsOfThisThread();
-  EXPECT_EQ(ReadRange(origin.get(), "/dir/f.bin", 7, 7).bytes, data.substr(7, 7));
-  ASSERT_TRUE(nginx.WaitForRequests(9));
-  std::vector<NginxServer::Request> requests = nginx.Requests();
+  EXPECT_EQ(ReadRange(origin_.get(), "/dir/f.bin", 7, 7).bytes, data.substr(7, 7));
+  ASSERT_TRUE(nginx_.WaitForRequests(9));
+  std::vector<NginxServer::Request> requests = nginx_.Requests();
   EXPECT_EQ(requests[1].range, "bytes=12345-16440");
   for (size_t i = 0; i < 8; ++i) EXPECT_EQ(requests[i].connection, requests[0].connection) << i;
   EXPECT_NE(requests[8].connection, requests[0].connection);
 
   // A sink that starts a request of its own mid-transfer.
   Read read;
-  read.status = origin->ReadRange(
+  read.status = origin_->ReadRange(
       "/dir/f.bin", 500, 50000, "",
       [&](const char* bytes, size_t length) {
         OriginFileInfo nested;
-        EXPECT_EQ(origin->Stat("/dir/f.bin", &nested, &read.error), OriginStatus::kOk);
+        EXPECT_EQ(origin_->Stat("/dir/f.bin", &nested, &read.error), OriginStatus::kOk);
         return read.bytes.append(bytes, length), true;
       },
       &read.error);
@@ -325,30 +326,27 @@ TEST(HttpOriginTest, ReadsExactRangesOverOneConnection) {
   EXPECT_EQ(read.bytes, data.substr(500, 50000));
 }
 
-TEST(HttpOriginTest, UploadsStoreTheWholeFileOrLeaveTheOldOne) {
-  NginxServer nginx;
-  START_NGINX(nginx);
-  nginx.WriteFile("sub dir/keep", "x");
-  std::unique_ptr<Origin> origin = Connect(nginx.Url());
+TEST_F(HttpOriginTest, UploadsStoreTheWholeFileOrLeaveTheOldOne) {
+  nginx_.WriteFile("sub dir/keep", "x");
   const std::string first = RandomBytes((3 << 20) + 7, 10);
   const std::string second = RandomBytes(5000, 11);
   const std::string path = "/new dir/deep/f #1.bin";
   const long long first_size = static_cast<long long>(first.size());
   std::string error;
 
-  ASSERT_EQ(origin->Upload(path, first_size, SourceOf(first), &error), OriginStatus::kOk) << error;
-  EXPECT_TRUE(Same(nginx.ReadFile(path.substr(1)), first));
-  EXPECT_EQ(ReadRange(origin.get(), path, 1 << 20, 100).bytes, first.substr(1 << 20, 100));
-  ASSERT_EQ(origin->Upload(path, 5000, SourceOf(second), &error), OriginStatus::kOk) << error;
+  ASSERT_EQ(origin_->Upload(path, first_size, SourceOf(first), &error), OriginStatus::kOk) << error;
+  EXPECT_TRUE(Same(nginx_.ReadFile(path.substr(1)), first));
+  EXPECT_EQ(ReadRange(origin_.get(), path, 1 << 20, 100).bytes, first.substr(1 << 20, 100));
+  ASSERT_EQ(origin_->Upload(path, 5000, SourceOf(second), &error), OriginStatus::kOk) << error;
   // A source failing half-way, or running dry before the size, must not
   // replace the file with a prefix.
-  EXPECT_EQ(origin->Upload(path, first_size, SourceOf(first, 1 << 20), &error), OriginStatus::kFailed);
-  EXPECT_EQ(origin->Upload(path, first_size + 10, SourceOf(first), &error), OriginStatus::kFailed);
-  EXPECT_EQ(nginx.ReadFile(path.substr(1)), second);
+  EXPECT_EQ(origin_->Upload(path, first_size, SourceOf(first, 1 << 20), &error), OriginStatus::kFailed);
+  EXPECT_EQ(origin_->Upload(path, first_size + 10, SourceOf(first), &error), OriginStatus::kFailed);
+  EXPECT_EQ(nginx_.ReadFile(path.substr(1)), second);
 
-  ASSERT_EQ(origin->Upload("/empty", 0, SourceOf(""), &error), OriginStatus::kOk) << error;
-  EXPECT_EQ(FileSize(nginx.Root() + "/empty"), 0);
-  EXPECT_EQ(origin->Upload("/sub dir", 1, SourceOf("x"), &error), OriginStatus::kFailed);
+  ASSERT_EQ(origin_->Upload("/empty", 0, SourceOf(""), &error), OriginStatus::kOk) << error;
+  EXPECT_EQ(FileSize(nginx_.Root() + "/empty"), 0);
+  EXPECT_EQ(origin_->Upload("/sub dir", 1, SourceOf("x"), &error), OriginStatus::kFailed);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The reference client against a real nginx, through a real FUSE mount:
-// every byte read through the volume is the origin's.
+// The reference client against a real nginx, through a real FUSE mount and
+// through korvcat: every byte read is the origin's.
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -20,6 +20,7 @@
 #include "client/support/child_process.h"
 #include "client/support/nginx_server.h"
 #include "client/support/test_bytes.h"
+#include "sha256.h"
 #include "support/file_helpers.h"
 #include "support/temp_dir.h"
 
@@ -231,6 +232,47 @@ TEST_F(MountTest, OriginDyingMidReadGivesAnErrorThenRecovers) {
   ASSERT_TRUE(nginx_->Start(&why)) << why;
   EXPECT_TRUE(Same(ReadFile(Path("slow.bin"), &error), bytes));
   EXPECT_EQ(error, 0);
+}
+
+// korvcat: one remote file through the cache to standard output, the path
+// that works where FUSE does not.
+TEST(Korvcat, ReadsVerifiesAndReportsErrors) {
+  std::string why;
+  if (!NginxServer::Installed(&why)) GTEST_SKIP() << why;
+  NginxServer nginx;
+  ASSERT_TRUE(nginx.Start(&why)) << why;
+  const std::string bytes = RandomBytes(5 * kMiB + 17, 7);
+  nginx.WriteFile("dir/file one.bin", bytes);
+  auto digest = [](const std::string& text) {
+    Sha256 sha;
+    sha.Update(text.data(), text.size());
+    return sha.HexDigest();
+  };
+  TempDir cache;
+  const std::string url = nginx.Url() + "/dir/file%20one.bin";
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string out;
+    bool origin_down = false;
+  };
+  const Case cases[] = {
+      {{url, "--verify", digest(bytes)}, 0, bytes},
+      {{url, "--verify", digest("other")}, 1, bytes},
+      {{nginx.Url() + "/dir/missing"}, 1, ""},
+      {{url, "--limit", "lots"}, 2, ""},
+      // A file cached by an earlier run is not served without asking the origin.
+      {{url, "--timeout-ms", "1000"}, 1, "", true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.args[0] + " " + (c.args.size() > 1 ? c.args[1] : ""));
+    if (c.origin_down) nginx.Stop();
+    std::vector<std::string> argv = {ClientBinary("korvcat"), "--cache-dir", cache.path()};
+    argv.insert(argv.end(), c.args.begin(), c.args.end());
+    std::string out, err;
+    EXPECT_EQ(RunProgram(argv, &out, &err), c.status) << err;
+    EXPECT_TRUE(Same(out, c.out));
+  }
 }
 
 }  // namespace
