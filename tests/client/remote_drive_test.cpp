@@ -179,6 +179,7 @@ TEST_F(DriveTest, ReadsAreExactAndWarmReadsStayLocal) {
   EXPECT_EQ(Names("/"), (std::vector<std::string>{".korvcache-stats", "data.bin", "dir"}));
   EXPECT_EQ(SizeOf("/data.bin"), size);
   EXPECT_EQ(SizeOf("/missing.bin"), -ENOENT);
+  EXPECT_EQ(SizeOf("/no-dir/x.bin"), -ENOENT);
   FileAttributes attributes;
   EXPECT_TRUE(SizeOf("/dir", &attributes) == 0 && attributes.is_directory);
   EXPECT_TRUE(SizeOf("/.korvcache-stats", &attributes) >= 0 && attributes.read_only);
@@ -260,11 +261,11 @@ TEST_F(DriveTest, WritesTruncatesAndNewFilesReachTheOrigin) {
   EXPECT_TRUE(Same(ReadRange(handle.get(), 0, kAll), expected));
   EXPECT_EQ(drive_->Flush(handle.get()), 0);
   EXPECT_TRUE(Same(OnOrigin("w.bin"), expected));
-  drive_->Release(std::move(handle));
-
   // Cut to inside a sector, then grow: the grown part reads as zeros.
-  ASSERT_EQ(drive_->Truncate("/w.bin", nullptr, kSector + 6), 0);
+  ASSERT_EQ(drive_->Truncate("/w.bin", handle.get(), kSector + 6), 0);
   expected.resize(kSector + 6);
+  EXPECT_TRUE(Same(ReadRange(handle.get(), 0, kAll), expected));
+  EXPECT_EQ(drive_->Release(std::move(handle)), 0);
   EXPECT_TRUE(Same(OnOrigin("w.bin"), expected));
   ASSERT_EQ(drive_->Truncate("/w.bin", nullptr, 2 * kSector), 0);
   expected.resize(2 * kSector, '\0');
@@ -273,19 +274,19 @@ TEST_F(DriveTest, WritesTruncatesAndNewFilesReachTheOrigin) {
   EXPECT_EQ(drive_->Truncate("/w.bin", nullptr, -1), -EINVAL);
 
   // A new file is listed while it is written and after its upload.
-  ASSERT_EQ(mkdir(origin_.File("sub").c_str(), 0755), 0);
-  EXPECT_EQ(Names("/sub"), std::vector<std::string>());
+  EXPECT_EQ(Names("/"), (std::vector<std::string>{".korvcache-stats", "w.bin"}));
   const std::string fresh = RandomBytes(kSector + 77, 5);
-  auto created = Open("/sub/new.bin", O_WRONLY | O_CREAT);
+  auto created = Open("/new.bin", O_WRONLY | O_CREAT);
   ASSERT_TRUE(created);
   ASSERT_EQ(Write(created.get(), 0, fresh), static_cast<long long>(fresh.size()));
-  EXPECT_EQ(SizeOf("/sub/new.bin"), static_cast<long long>(fresh.size()));
-  EXPECT_EQ(Names("/sub"), std::vector<std::string>{"new.bin"});
+  EXPECT_EQ(SizeOf("/new.bin"), static_cast<long long>(fresh.size()));
+  const std::vector<std::string> with_new = {".korvcache-stats", "new.bin", "w.bin"};
+  EXPECT_EQ(Names("/"), with_new);
   EXPECT_EQ(drive_->Flush(created.get()), 0);
-  EXPECT_EQ(Names("/sub"), std::vector<std::string>{"new.bin"}) << "the listing from before the upload";
+  EXPECT_EQ(Names("/"), with_new) << "the listing from before the upload";
   EXPECT_EQ(drive_->Release(std::move(created)), 0);
-  EXPECT_TRUE(Same(OnOrigin("sub/new.bin"), fresh));
-  EXPECT_TRUE(Same(ReadWhole("/sub/new.bin"), fresh));
+  EXPECT_TRUE(Same(OnOrigin("new.bin"), fresh));
+  EXPECT_TRUE(Same(ReadWhole("/new.bin"), fresh));
 }
 
 TEST_F(DriveTest, UnmountWhileFetchesRunIsClean) {
@@ -328,6 +329,7 @@ TEST_F(DriveTest, FailedUploadLosesNothing) {
   EXPECT_EQ(drive_->Flush(handle.get()), -EIO);
   EXPECT_EQ(drive_->Release(std::move(handle)), -EIO);
   EXPECT_EQ(OnOrigin("keep.txt"), "original");
+  origin_.Write("keep.txt", "changed on the origin meanwhile");
   EXPECT_EQ(ReadWhole("/keep.txt"), "changed") << "the local copy is what the volume shows";
 
   faulty_->refuse_uploads = false;
