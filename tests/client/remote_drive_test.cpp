@@ -316,6 +316,7 @@ TEST_F(DriveTest, AnUploadInProgressStallsNoOpen) {
   EXPECT_TRUE(in_time) << "opens waited for an upload";
   EXPECT_EQ(opened.get(), "bbb|new a");
   EXPECT_EQ(flushed.get(), 0);
+  faulty_->before_upload = [] {};  // the promises go with this scope
   EXPECT_EQ(OnOrigin("a.bin"), "new a");
   drive_->Release(std::move(writer));
 }
