@@ -3,12 +3,18 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "sha256.h"
 
 namespace {
 
-bool Parse(std::vector<std::string> args, ClientOptions* options, std::string* error) {
-  std::vector<char*> argv = {const_cast<char*>("korvmount")};
+// Parses `line`, split at spaces, as korvmount's arguments.
+bool Parse(const std::string& line, ClientOptions* options, std::string* error) {
+  std::vector<std::string> args = {"korvmount"};
+  std::istringstream words(line);
+  for (std::string word; words >> word;) args.push_back(word);
+  std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(&arg[0]);
   return ParseClientOptions(static_cast<int>(argv.size()), argv.data(), options, error);
 }
@@ -16,31 +22,25 @@ bool Parse(std::vector<std::string> args, ClientOptions* options, std::string* e
 TEST(CommandLine, ParsesOptionsAndRejectsBadValues) {
   ClientOptions options;
   std::string error;
-  ASSERT_TRUE(Parse({"http://h", "--limit", "8G", "/mnt", "--threads", "2", "-f", "--timeout-ms", "250"}, &options,
-                    &error))
-      << error;
+  ASSERT_TRUE(Parse("http://h --limit 8G /mnt --threads 2 -f --timeout-ms 250", &options, &error)) << error;
   EXPECT_EQ(options.drive.limit, 8ULL << 30);
   EXPECT_EQ(options.drive.threads, 2);
   EXPECT_EQ(options.origin.timeout_ms, 250);
   EXPECT_TRUE(options.foreground);
   EXPECT_EQ(options.positional, (std::vector<std::string>{"http://h", "/mnt"}));
 
-  const std::pair<std::vector<std::string>, std::string> refused[] = {
-      {{"--threads", "0"}, "bad --threads 0"},
-      {{"--threads", "4x"}, "bad --threads 4x"},
-      {{"--threads", "257"}, "bad --threads 257"},
-      {{"--limit", "lots"}, "bad --limit lots"},
-      {{"--timeout-ms", "0"}, "bad --timeout-ms 0"},
-      {{"--latency-ms", "-5"}, "bad --latency-ms -5"},
-      {{"--bandwidth", "9X"}, "bad --bandwidth 9X"},
-      {{"--log-level", "loud"}, "bad --log-level loud"},
-      {{"--settings", "@/nonexistent/settings.json"}, "cannot read settings file /nonexistent/settings.json"},
-      {{"--limit"}, "--limit needs a value"},
-      {{"--bogus"}, "unknown option --bogus"},
+  for (const std::string bad : {"--threads 0", "--threads 4x", "--threads 257", "--limit lots", "--timeout-ms 0",
+                                "--latency-ms -5", "--bandwidth 9X", "--log-level loud"}) {
+    EXPECT_FALSE(Parse(bad, &options, &error)) << bad;
+    EXPECT_EQ(error, "bad " + bad);
+  }
+  const std::pair<const char*, const char*> refused[] = {
+      {"--settings @/nonexistent/settings.json", "cannot read settings file /nonexistent/settings.json"},
+      {"--limit", "--limit needs a value"},
+      {"--bogus", "unknown option --bogus"},
   };
   for (const auto& [args, expected] : refused) {
-    error.clear();
-    EXPECT_FALSE(Parse(args, &options, &error)) << expected;
+    EXPECT_FALSE(Parse(args, &options, &error)) << args;
     EXPECT_EQ(error, expected);
   }
 }
@@ -50,8 +50,7 @@ TEST(CommandLine, SizesAndOriginFiles) {
       {"4G", 4ULL << 30}, {"512MiB", 512ULL << 20}, {"64k", 64 << 10}, {"1000", 1000}, {"2TB", 2ULL << 40}};
   for (const auto& [text, expected] : sizes) {
     unsigned long long bytes = 0;
-    EXPECT_TRUE(ParseSize(text, &bytes)) << text;
-    EXPECT_EQ(bytes, expected) << text;
+    EXPECT_TRUE(ParseSize(text, &bytes) && bytes == expected) << text << ": " << bytes;
   }
   unsigned long long bytes = 0;
   for (const char* bad : {"", "G", "-1", "4X", "99999999999T", "1.5G"}) EXPECT_FALSE(ParseSize(bad, &bytes)) << bad;
@@ -60,16 +59,15 @@ TEST(CommandLine, SizesAndOriginFiles) {
       {"http://host:8080/a/b%20c.bin?x=1", "http://host:8080", "/a/b c.bin"},
       {"/srv/data/x.bin", "/srv/data", "/x.bin"},
       {"/top.bin", "/", "/top.bin"},
+      {"http://host:8080", "", ""},
+      {"http://host:8080/", "", ""},
+      {"/srv/data/", "", ""},
+      {"", "", ""},
   };
   for (const auto& [target, expected_origin, expected_path] : splits) {
     std::string origin, path;
-    ASSERT_TRUE(SplitOriginFile(target, &origin, &path)) << target;
-    EXPECT_EQ(origin, expected_origin);
-    EXPECT_EQ(path, expected_path);
-  }
-  std::string origin, path;
-  for (const char* bad : {"http://host:8080", "http://host:8080/", "/srv/data/", ""}) {
-    EXPECT_FALSE(SplitOriginFile(bad, &origin, &path)) << bad;
+    EXPECT_EQ(SplitOriginFile(target, &origin, &path), *expected_path != '\0') << target;
+    EXPECT_EQ(origin + " " + path, std::string(expected_origin) + " " + expected_path) << target;
   }
 }
 

@@ -40,9 +40,10 @@ class NginxServer {
   std::string Url() const;  // "http://127.0.0.1:PORT"
   std::string Root() const { return dir_.File("root"); }  // the served directory
 
-  // Writes `bytes` to Root() + "/" + rel_path, creating directories on the way.
+  // Writes `bytes` to Root() + "/" + rel_path, creating directories on the
+  // way, with kFileMtime as its modification time.
   void WriteFile(const std::string& rel_path, const std::string& bytes) const;
-  void SetMtime(const std::string& rel_path, long long seconds) const;
+  static constexpr long long kFileMtime = 981173106;  // Sat, 03 Feb 2001 04:05:06 GMT
   // The contents of Root() + "/" + rel_path; empty when it cannot be read.
   std::string ReadFile(const std::string& rel_path) const;
 
