@@ -11,8 +11,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -21,15 +19,9 @@
 #include "common/config.h"
 #include "common/json_object.h"
 #include "common/split.h"
+#include "fuzz_check.h"
 
 namespace {
-
-void Check(bool condition, const char* what) {
-  if (!condition) {
-    std::fprintf(stderr, "fuzz_json: %s\n", what);
-    std::abort();
-  }
-}
 
 // Null when the text is not JSON, which only AERROR kErrJson may report.
 std::unique_ptr<JsonObject> Parse(const std::string& text, bool zero_terminated) {
