@@ -14,7 +14,6 @@
 
 #include "cache/cache_manager.h"
 #include "cache/cache_obj.h"
-#include "cache/logging.h"
 #include "cache/number_text.h"
 #include "cache/readonly_cache.h"
 #include "cache/timed_handle.h"
@@ -319,53 +318,6 @@ TEST(LogMessages, EachFixedMessageIsWrittenWordForWordAtItsLevel) {
       if (at == logged.end()) break;
     }
   }
-}
-
-class CountingWork : public IAsyncObj {
- public:
-  void Process(void* param) override { processed.push_back(param); }
-  void Canceled(void* param) override { canceled.push_back(param); }
-  std::vector<void*> processed, canceled;
-};
-
-class HoldingQueue : public IAsyncQueue {
- public:
-  void Enqueue(IAsyncObj* work, void* param) override { held.emplace_back(work, param); }
-  std::vector<std::pair<IAsyncObj*, void*>> held;
-};
-
-TEST(LogMessages, LinesReachTheBoundLoggerFormattedWithTheirLevel) {
-  {
-    RecordingLog log;
-    KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] %lld/%d", "a.txt", 5LL, 7);
-    EXPECT_FALSE(Cache_BindLogger(nullptr));  // keeps the binding
-    KORV_LOG(LOGLEVEL_DEBUG, "still bound");
-    EXPECT_EQ(log.Lines(), (Lines{{LOGLEVEL_ERROR, "[CACHE     ] [a.txt] 5/7"}, {LOGLEVEL_DEBUG, "still bound"}}));
-  }
-  // The recording logger unbound itself: nothing is written and nothing fails.
-  EXPECT_EQ(CurrentLogger(), nullptr);
-  KORV_LOG(LOGLEVEL_INFO, "nobody listens");
-  __LOG__A(nullptr, LOGLEVEL_INFO, "explicitly nobody");
-}
-
-TEST(LogMessages, WorkRunsInlineWithoutAQueueAndIsHandedToABoundOne) {
-  Cache_UnbindAsyncQ();
-  CountingWork work;
-  int context = 0;
-  QueueAsync(&work, nullptr);  // a null param is replaced by the marker 1
-  QueueAsync(&work, &context);
-  EXPECT_EQ(work.processed, (std::vector<void*>{reinterpret_cast<void*>(uintptr_t{1}), &context}));
-
-  HoldingQueue queue;
-  ASSERT_TRUE(Cache_BindAsyncQ(&queue));
-  EXPECT_FALSE(Cache_BindAsyncQ(nullptr));  // keeps `queue`
-  QueueAsync(&work, nullptr);
-  EXPECT_EQ(queue.held, (std::vector<std::pair<IAsyncObj*, void*>>{{&work, nullptr}}));
-  Cache_UnbindAsyncQ();
-  QueueAsync(&work, nullptr);
-  EXPECT_EQ(queue.held.size(), 1u);
-  EXPECT_EQ(work.processed.size(), 3u);
-  EXPECT_TRUE(work.canceled.empty());
 }
 
 }  // namespace
