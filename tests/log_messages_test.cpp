@@ -115,14 +115,16 @@ const Row kRows[] = {
                     Line(kInfo, "[whole.bin] Read-ahead large block done : 0, 8388608"),
                     Line(kInfo, "[whole.bin] Read only cache uninitialized")};
      }},
-    {"origin fails a fetch and a whole-file fetch",
+    {"origin fails a fetch and a whole-file fetch, a fetch write is unaligned",
      [](Env& e) {
        ReadonlyCache cache(e.Dir(), "faulty.bin", e.origin.size(), &e.config);
        e.origin.set_mode(FakeOrigin::Mode::kFail);
        EXPECT_EQ(ReadAt(cache, kMiB, &e.origin), kErrRead);
        EXPECT_EQ(ReadAt(cache, 0, &e.origin, 0, true), kErrRead);
+       EXPECT_EQ(cache.FetchWrite(kMiB + 1, "x", 1, nullptr), static_cast<int>(kErrUnaligned));
        return Lines{Line(kError, "[faulty.bin] Read-ahead failed : 1048576, 1048576"),
-                    Line(kError, "[faulty.bin:1] Read-ahead large block failed : 0, 8388608")};
+                    Line(kError, "[faulty.bin:1] Read-ahead large block failed : 0, 8388608"),
+                    Line(kError, "[faulty.bin] Fetch write failed : Cache offset was not aligned")};
      }},
     {"queue drops the fetch",
      [](Env& e) {
@@ -145,12 +147,6 @@ const Row kRows[] = {
                      static_cast<void*>(buffer.data()), kHalf + 5, 100,
                      "last checked sector offset was 524288 on offset 524293, length 100 and reserved");
        return Lines{Line(kError, "[slow.bin] Read failed : Handle closed before return"), Line(kError, timed_out)};
-     }},
-    {"unaligned fetch write",
-     [](Env& e) {
-       ReadonlyCache cache(e.Dir(), "odd.bin", e.origin.size(), &e.config);
-       EXPECT_EQ(cache.FetchWrite(kMiB + 1, "x", 1, nullptr), static_cast<int>(kErrUnaligned));
-       return Lines{Line(kError, "[odd.bin] Fetch write failed : Cache offset was not aligned")};
      }},
     {"continuous reads start a block, the next finds it busy",
      [](Env& e) {
@@ -223,14 +219,15 @@ const Row kRows[] = {
                     Line(kError, "[w.bin] Write failed : " + invalid),
                     Line(kError, "[w.bin] Fetch write failed : " + invalid)};
      }},
-    {"writable cache file cannot be created",
+    {"writable cache file and manager directory under a file",
      [](Env& e) {
        e.dir.Write("plain", "x");
        EXPECT_THROW(WritableCache(e.dir.File("plain") + "/", "f.bin", 0, nullptr, &e.config), AERROR);
+       EXPECT_THROW(Cache(e.dir.File("plain").c_str(), 0), AERROR);
        char line[512];
        std::snprintf(line, sizeof line, "Cache creation has failed : %s/f.bin(%x)", e.dir.File("plain").c_str(),
                      static_cast<unsigned>(ENOTDIR));
-       return Lines{Line(kError, line)};
+       return Lines{Line(kError, line), Line(kError, "Cache path not found : " + e.dir.File("plain") + "/")};
      }},
     {"writable cache converted",
      [](Env& e) {
@@ -256,12 +253,6 @@ const Row kRows[] = {
        return Lines{Line(kDebug, "[" + path + "] Trying to close cache handle but there are references"),
                     Line(kDebug, "[" + path + "] Trying to close cache handle but there are references : force close"),
                     Line(kDebug, "[" + path + "] Cache handle closed : force close")};
-     }},
-    {"manager directory under a file",
-     [](Env& e) {
-       e.dir.Write("file", "x");
-       EXPECT_THROW(Cache(e.dir.File("file").c_str(), 0), AERROR);
-       return Lines{Line(kError, "Cache path not found : " + e.dir.File("file") + "/")};
      }},
     {"manager from start to end",
      [](Env& e) {
