@@ -1,35 +1,26 @@
-// Fuzzes the JSON wrapper and the settings registry built on it.
+// Fuzzes the JSON wrapper.
 //
 // The whole input is the document. Whatever it holds, parsing fails only with
 // AERROR kErrJson (nesting past the reader's depth limit included); both
 // constructors read the same document; an ASCII document prints as JSON that
 // reads back the same; GetObject throws kErrInvalidArgument exactly where HasObject
-// says no, and walking changes nothing; settings take the document's values.
+// says no, and walking changes nothing.
 // Paths are the document's own member paths (so walks reach deep) and the
 // input's lines (so they also miss).
 #include <json/json.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "common/config.h"
 #include "common/json_object.h"
 #include "common/split.h"
+#include "fuzz_check.h"
 
 namespace {
-
-void Check(bool condition, const char* what) {
-  if (!condition) {
-    std::fprintf(stderr, "fuzz_json: %s\n", what);
-    std::abort();
-  }
-}
 
 // Null when the text is not JSON, which only AERROR kErrJson may report.
 std::unique_ptr<JsonObject> Parse(const std::string& text, bool zero_terminated) {
@@ -77,27 +68,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<std::string> lines = split(input, '\n');
   for (size_t i = 0; i < lines.size() && i < 8; ++i) paths.push_back(lines[i].substr(0, 256).c_str());
 
-  // Settings registered at the paths take the document's values: all of
-  // them, or none when the text is not JSON.
-  Config registry;
-  const size_t settings = std::min<size_t>(paths.size(), 8);
-  for (size_t i = 0; i < settings; ++i) registry.AddConfiguration("s" + std::to_string(i), paths[i], "initial");
-  bool applied = true;
-  try {
-    registry.Parse(input);
-  } catch (AERROR error) {
-    Check(error == kErrJson && doc == nullptr && !input.empty(), "Config::Parse refused the text wrongly");
-    applied = false;
-  } catch (const Json::Exception&) {
-    applied = false;  // a member that is an array or object has no text form
-  }
-  Check(!applied || doc != nullptr || input.empty(), "Config::Parse accepted text that is not JSON");
-  for (size_t i = 0; applied && i < settings; ++i) {
-    const bool there = doc != nullptr && doc->HasObject(paths[i].c_str());
-    Check(registry.GetValue("s" + std::to_string(i)) ==
-              (there ? static_cast<std::string>(doc->GetObject(paths[i].c_str())) : "initial"),
-          "a setting did not take the document's value");
-  }
   if (doc == nullptr) return 0;
 
   const std::string original = doc->ToText();

@@ -6,31 +6,13 @@
 // escaped character; no piece holds the separator; joined with it, the
 // pieces give back the text without a final separator.
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <regex>
 #include <string>
 #include <vector>
 
 #include "common/split.h"
-
-namespace {
-
-void Check(bool condition, const char* what) {
-  if (!condition) {
-    std::fprintf(stderr, "fuzz_split: %s\n", what);
-    std::abort();
-  }
-}
-
-std::wstring Widen(const std::string& s) {
-  std::wstring wide;
-  for (char c : s) wide.push_back(static_cast<wchar_t>(static_cast<unsigned char>(c)));
-  return wide;
-}
-
-}  // namespace
+#include "fuzz_check.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 3 || size > 4096) return 0;

@@ -8,10 +8,14 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "cache/logging.h"
 #include "korvcache.h"
+#include "support/recording_log.h"
 #include "support/slot_caller.h"
+#include "support/test_queue.h"
 
 namespace client_side {
 
@@ -59,11 +63,40 @@ class MyFetch {
 
 namespace {
 
-class NoopWork : public IAsyncObj {
+class CountingWork : public IAsyncObj {
  public:
-  void Process(void*) override {}
-  void Canceled(void*) override {}
+  void Process(void* param) override { processed.push_back(param); }
+  void Canceled(void*) override { ++canceled; }
+  std::vector<void*> processed;
+  int canceled = 0;
 };
+
+// Without a bound queue work runs at once, a null param replaced by the
+// marker 1; a null logger or queue never replaces a bound one; an unbound
+// logger writes nothing and nothing fails.
+TEST(AbiSlots, WorkRunsInlineWithoutAQueueAndNullBindingsKeepTheBoundOnes) {
+  Cache_UnbindAsyncQ();
+  CountingWork work;
+  int context = 0;
+  QueueAsync(&work, nullptr);
+  QueueAsync(&work, &context);
+  EXPECT_EQ(work.processed, (std::vector<void*>{reinterpret_cast<void*>(uintptr_t{1}), &context}));
+  {
+    RecordingLog log;
+    EXPECT_FALSE(Cache_BindLogger(nullptr));
+    KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] %lld/%d", "a.txt", 5LL, 7);
+    EXPECT_EQ(log.Lines(), (std::vector<std::pair<LOGLEVEL, std::string>>{{LOGLEVEL_DEBUG, "[CACHE     ] [a.txt] 5/7"}}));
+    TestQueue queue(TestQueue::Mode::kHold);
+    EXPECT_FALSE(Cache_BindAsyncQ(nullptr));
+    QueueAsync(&work, nullptr);
+    EXPECT_EQ(queue.Held(), 1u);
+  }
+  EXPECT_EQ(CurrentLogger(), nullptr);
+  KORV_LOG(LOGLEVEL_INFO, "nobody listens");
+  __LOG__A(nullptr, LOGLEVEL_INFO, "explicitly nobody");
+  EXPECT_EQ(work.processed.size(), 2u);
+  EXPECT_EQ(work.canceled, 1);
+}
 
 TEST(AbiSlots, LibraryCallsTheClientsDeclaredOperations) {
 #if defined(KORV_SANITIZE)
@@ -79,7 +112,7 @@ TEST(AbiSlots, LibraryCallsTheClientsDeclaredOperations) {
   EXPECT_EQ(log.last_line, "[CACHE     ] slot three");
 
   client_side::MyQueue queue;
-  NoopWork work;
+  CountingWork work;
   int param = 0;
   ASSERT_TRUE(Cache_BindAsyncQ(reinterpret_cast<IAsyncQueue*>(&queue)));
   QueueAsync(&work, &param);

@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "support/requests.h"
+
 TEST(ConfigTest, RegistrationAndLookup) {
   Config config("");
   config.AddConfiguration("clrunused", "/cache/clear/unusedblock", 60u);
@@ -36,12 +38,7 @@ TEST(ConfigTest, ParseReplacesOnlyNamedSettings) {
 TEST(ConfigTest, ParseFailures) {
   Config config;
   config.AddConfiguration("rahit", "/cache/ra/hit", 3u);
-  try {
-    config.Parse("{\"cache\":");
-    FAIL() << "malformed JSON accepted";
-  } catch (AERROR code) {
-    EXPECT_EQ(code, kErrJson);
-  }
+  EXPECT_EQ(ErrorThrownBy([&] { config.Parse("{\"cache\":"); }), kErrJson);
   EXPECT_EQ(config.GetValue("rahit"), "3");
 
   // A member without a text form raises jsoncpp's error, and the lock is

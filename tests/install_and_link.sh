@@ -1,35 +1,29 @@
 #!/usr/bin/env bash
 # Installs the library into a scratch prefix and builds a client program
-# against the installed tree alone, three ways: by hand, with pkg-config and
-# with CMake's find_package. Runs each, and checks that the shared library
-# exports the public surface and hides the internals and that only exported
-# headers are installed.
+# against the installed tree alone, three ways: by hand, with pkg-config from a
+# moved prefix and with CMake's find_package. Runs each, and checks that the
+# shared library exports the public surface and hides the internals and that
+# only exported headers are installed.
 set -euo pipefail
 build_dir=$1 cxx=$2 source=$3
-
-prefix=$(mktemp -d)
-trap 'rm -rf "$prefix"' EXIT
+prefix=$(mktemp -d) moved=$(mktemp -d)
+trap 'rm -rf "$prefix" "$moved"' EXIT
 cmake --install "$build_dir" --prefix "$prefix" >/dev/null
 libdir=$(dirname "$(find "$prefix" -name 'libkorvcache.so' | head -n 1)")
-mkdir -p "$prefix/cache"
+mkdir -p "$prefix/cache" "$prefix/find-package"
+flags=(-std=c++17 -Wall -Wextra -Werror)
 
-"$cxx" -std=c++17 -Wall -Wextra -Werror -I"$prefix/include" "$source" \
-  -L"$libdir" -lkorvcache -Wl,-rpath,"$libdir" -o "$prefix/client"
+"$cxx" "${flags[@]}" -I"$prefix/include" "$source" -L"$libdir" -lkorvcache -Wl,-rpath,"$libdir" -o "$prefix/client"
 "$prefix/client" "$prefix/cache"
 
-# pkg-config, with the prefix moved: the .pc file must find itself.
-moved=$(mktemp -d)
-trap 'rm -rf "$prefix" "$moved"' EXIT
+# The .pc file must find its prefix after a move.
 cp -a "$prefix/." "$moved/"
 moved_libdir=${libdir/#$prefix/$moved}
-flags=$(PKG_CONFIG_PATH="$moved_libdir/pkgconfig" pkg-config --cflags --libs korvcache)
-# shellcheck disable=SC2086
-"$cxx" -std=c++17 -Wall -Wextra -Werror "$source" $flags -Wl,-rpath,"$moved_libdir" -o "$moved/client-pc"
+read -ra pc_flags <<<"$(PKG_CONFIG_PATH="$moved_libdir/pkgconfig" pkg-config --cflags --libs korvcache)"
+"$cxx" "${flags[@]}" "$source" "${pc_flags[@]}" -Wl,-rpath,"$moved_libdir" -o "$moved/client-pc"
 "$moved/client-pc" "$moved/cache"
 
-# find_package(korvcache).
 project_dir="$prefix/find-package"
-mkdir -p "$project_dir"
 cp "$source" "$project_dir/client_program.cpp"
 cat >"$project_dir/CMakeLists.txt" <<'CMAKE'
 cmake_minimum_required(VERSION 3.16)
@@ -44,18 +38,13 @@ CXX="$cxx" cmake -S "$project_dir" -B "$project_dir/build" -DCMAKE_PREFIX_PATH="
 cmake --build "$project_dir/build" >/dev/null
 "$project_dir/build/client" "$prefix/cache"
 
+fail() { echo "$1" >&2; exit 1; }
 exported=$(nm -D --defined-only "$libdir/libkorvcache.so")
 for symbol in InitCache ReleaseCache Cache_BindLogger Cache_UnbindLogger Cache_BindAsyncQ Cache_UnbindAsyncQ QueueAsync; do
-  grep -qw "$symbol" <<<"$exported" || { echo "missing export: $symbol"; exit 1; }
+  grep -qw "$symbol" <<<"$exported" || fail "missing export: $symbol"
 done
-if grep -wE '__LOG__A|_Z13CurrentLoggerv' <<<"$exported"; then
-  echo "internal symbols are exported"
-  exit 1
-fi
+! grep -wE '__LOG__A|_Z13CurrentLoggerv' <<<"$exported" || fail "internal symbols are exported"
 for internal in platform.h clock.h; do
-  if [ -n "$(find "$prefix/include" -name "$internal")" ]; then
-    echo "internal header installed: $internal"
-    exit 1
-  fi
+  [ -z "$(find "$prefix/include" -name "$internal")" ] || fail "internal header installed: $internal"
 done
 echo "install and link ok"

@@ -5,20 +5,15 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include "cache/cache_manager.h"
 #include "cache/cache_obj.h"
-#include "cache/logging.h"
 #include "cache/number_text.h"
 #include "cache/readonly_cache.h"
 #include "cache/timed_handle.h"
@@ -29,6 +24,7 @@
 #include "support/recording_log.h"
 #include "support/temp_dir.h"
 #include "support/test_queue.h"
+#include "support/waits.h"
 
 namespace {
 
@@ -51,7 +47,13 @@ struct Env {
 
 using Lines = std::vector<std::pair<LOGLEVEL, std::string>>;
 
-// One read of 100 bytes at `offset` through `file`; `buffer` receives them.
+// A line as the library writes it: the tag, then `text`.
+std::pair<LOGLEVEL, std::string> Line(LOGLEVEL level, const std::string& text) {
+  return {level, "[CACHE     ] " + text};
+}
+constexpr LOGLEVEL kDebug = LOGLEVEL_DEBUG, kInfo = LOGLEVEL_INFO, kWarn = LOGLEVEL_WARNING, kError = LOGLEVEL_ERROR;
+
+// One read of 100 bytes at `offset` through `file` into `buffer`, or a buffer of its own.
 unsigned int ReadAt(ICacheFile& file, long long offset, FakeOrigin* origin, long long timeout = 0,
                     bool whole = false, std::shared_ptr<_FS_HANDLE> handle = std::make_shared<_FS_HANDLE>(),
                     std::vector<char>* buffer = nullptr) {
@@ -59,12 +61,6 @@ unsigned int ReadAt(ICacheFile& file, long long offset, FakeOrigin* origin, long
   std::vector<char>& bytes = buffer != nullptr ? *buffer : own;
   _READDATA rd{bytes.data(), offset, bytes.size(), 0, handle, origin->size(), origin, timeout, whole};
   return file.Read(&rd);
-}
-
-// Polls a condition that a background thread makes true; false after ~10 s.
-bool WaitFor(const std::function<bool()>& done) {
-  for (int i = 0; i < 2000 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  return done();
 }
 
 struct Row {
@@ -80,12 +76,11 @@ const Row kRows[] = {
        EXPECT_EQ(obj.SetMode('x', e.origin.size(), &e.origin), kErrInvalidMode);
        EXPECT_EQ(obj.SetMode('w', e.origin.size(), &e.origin), kOk);
        EXPECT_EQ(obj.SetMode('r', e.origin.size(), &e.origin), kOk);
-       return Lines{{LOGLEVEL_INFO, "[CACHE     ] Create cache for a.bin:r"},
-                    {LOGLEVEL_INFO, "[CACHE     ] [a.bin] Read only cache initialized"},
-                    {LOGLEVEL_ERROR, "[CACHE     ] SetMode : Invalid cache mode"},
-                    {LOGLEVEL_INFO, "[CACHE     ] SetMode : Read-only cache found. Change to writable cache."},
-                    {LOGLEVEL_INFO, "[CACHE     ] [a.bin] Writable cache created"},
-                    {LOGLEVEL_INFO, "[CACHE     ] SetMode : Writable cache found. Change to read-only cache."}};
+       return Lines{Line(kInfo, "Create cache for a.bin:r"), Line(kInfo, "[a.bin] Read only cache initialized"),
+                    Line(kError, "SetMode : Invalid cache mode"),
+                    Line(kInfo, "SetMode : Read-only cache found. Change to writable cache."),
+                    Line(kInfo, "[a.bin] Writable cache created"),
+                    Line(kInfo, "SetMode : Writable cache found. Change to read-only cache.")};
      }},
     {"sector cache file deleted while closed for idleness",
      [](Env& e) {
@@ -95,39 +90,48 @@ const Row kRows[] = {
        EXPECT_TRUE(cache.CheckHandles());
        EXPECT_EQ(std::remove(cache.GetCachePath().c_str()), 0);
        EXPECT_EQ(ReadAt(cache, 0, &e.origin), kOk);
-       return Lines{{LOGLEVEL_DEBUG, "[CACHE     ] [" + cache.GetCachePath() + "] Cache handle closed"},
-                    {LOGLEVEL_WARNING, "[CACHE     ] Cache file is deleted. Clear cache information. : " +
-                                           cache.GetCachePath()}};
+       return Lines{Line(kDebug, "[" + cache.GetCachePath() + "] Cache handle closed"),
+                    Line(kWarn, "Cache file is deleted. Clear cache information. : " + cache.GetCachePath())};
      }},
     {"sector cache file cannot be opened",
      [](Env& e) {
        ReadonlyCache cache(e.Dir(), "blocked.bin", e.origin.size(), &e.config);
        EXPECT_EQ(mkdir(cache.GetCachePath().c_str(), 0700), 0);
        EXPECT_EQ(ReadAt(cache, 0, &e.origin), kErrRead);
-       return Lines{{LOGLEVEL_ERROR, "[CACHE     ] Cache open has failed : " + cache.GetCachePath() + "(" +
-                                         std::to_string(EISDIR) + ")"}};
+       return Lines{Line(kError, "Cache open has failed : " + cache.GetCachePath() + "(" + std::to_string(EISDIR) + ")")};
      }},
     {"whole-file read",
      [](Env& e) {
        ReadonlyCache cache(e.Dir(), "whole.bin", e.origin.size(), &e.config);
        EXPECT_EQ(ReadAt(cache, 0, &e.origin, 0, true), kOk);
-       return Lines{{LOGLEVEL_INFO, "[CACHE     ] [whole.bin] Trying to fetch whole file(8388608 bytes)."}};
+       return Lines{Line(kInfo, "[whole.bin] Read only cache opened(" + cache.GetCachePath() + ")"),
+                    Line(kDebug, "[whole.bin] Reserved blocks 0 to 8388608(8388608 bytes)"),
+                    Line(kDebug, "[whole.bin] 16 blocks reserved"),
+                    Line(kInfo, "[whole.bin] Trying to fetch whole file(8388608 bytes)."),
+                    Line(kInfo, "[whole.bin] Read-ahead large block : 0, 8388608"),
+                    Line(kDebug, "[whole.bin] AsyncLargeFetch : 0, 8388608"),
+                    Line(kInfo, "[whole.bin] Read-ahead large : clear empty reserved block(s)"),
+                    Line(kDebug, "[whole.bin] Clear reserved blocks 0 to 8388608(8388608 bytes)"),
+                    Line(kInfo, "[whole.bin] Read-ahead large block done : 0, 8388608"),
+                    Line(kInfo, "[whole.bin] Read only cache uninitialized")};
      }},
-    {"origin fails a fetch and a whole-file fetch",
+    {"origin fails a fetch and a whole-file fetch, a fetch write is unaligned",
      [](Env& e) {
        ReadonlyCache cache(e.Dir(), "faulty.bin", e.origin.size(), &e.config);
        e.origin.set_mode(FakeOrigin::Mode::kFail);
        EXPECT_EQ(ReadAt(cache, kMiB, &e.origin), kErrRead);
        EXPECT_EQ(ReadAt(cache, 0, &e.origin, 0, true), kErrRead);
-       return Lines{{LOGLEVEL_ERROR, "[CACHE     ] [faulty.bin] Read-ahead failed : 1048576, 1048576"},
-                    {LOGLEVEL_ERROR, "[CACHE     ] [faulty.bin:1] Read-ahead large block failed : 0, 8388608"}};
+       EXPECT_EQ(cache.FetchWrite(kMiB + 1, "x", 1, nullptr), static_cast<int>(kErrUnaligned));
+       return Lines{Line(kError, "[faulty.bin] Read-ahead failed : 1048576, 1048576"),
+                    Line(kError, "[faulty.bin:1] Read-ahead large block failed : 0, 8388608"),
+                    Line(kError, "[faulty.bin] Fetch write failed : Cache offset was not aligned")};
      }},
     {"queue drops the fetch",
      [](Env& e) {
        ReadonlyCache cache(e.Dir(), "dropped.bin", e.origin.size(), &e.config);
        TestQueue queue(TestQueue::Mode::kDrop);
        EXPECT_EQ(ReadAt(cache, kMiB, &e.origin, 30000), kErrRead);
-       return Lines{{LOGLEVEL_ERROR, "[CACHE     ] [dropped.bin] Read failed : Sector 1048576 not found on sector hash"}};
+       return Lines{Line(kError, "[dropped.bin] Read failed : Sector 1048576 not found on sector hash")};
      }},
     {"client handle closed, then a read times out",
      [](Env& e) {
@@ -139,17 +143,10 @@ const Row kRows[] = {
        std::vector<char> buffer(100);
        EXPECT_EQ(ReadAt(cache, kHalf + 5, &e.origin, 1, false, std::make_shared<_FS_HANDLE>(), &buffer), kErrRead);
        char timed_out[256];
-       std::snprintf(timed_out, sizeof timed_out, "[CACHE     ] [slow.bin] Read timed-out : %p, %lld, %d(%s)",
+       std::snprintf(timed_out, sizeof timed_out, "[slow.bin] Read timed-out : %p, %lld, %d(%s)",
                      static_cast<void*>(buffer.data()), kHalf + 5, 100,
                      "last checked sector offset was 524288 on offset 524293, length 100 and reserved");
-       return Lines{{LOGLEVEL_ERROR, "[CACHE     ] [slow.bin] Read failed : Handle closed before return"},
-                    {LOGLEVEL_ERROR, timed_out}};
-     }},
-    {"unaligned fetch write",
-     [](Env& e) {
-       ReadonlyCache cache(e.Dir(), "odd.bin", e.origin.size(), &e.config);
-       EXPECT_EQ(cache.FetchWrite(kMiB + 1, "x", 1, nullptr), static_cast<int>(kErrUnaligned));
-       return Lines{{LOGLEVEL_ERROR, "[CACHE     ] [odd.bin] Fetch write failed : Cache offset was not aligned"}};
+       return Lines{Line(kError, "[slow.bin] Read failed : Handle closed before return"), Line(kError, timed_out)};
      }},
     {"continuous reads start a block, the next finds it busy",
      [](Env& e) {
@@ -161,8 +158,11 @@ const Row kRows[] = {
        queue.set_mode(TestQueue::Mode::kHold);  // the block waits in the queue
        for (int i = 0; i < 4; ++i) ReadAt(cache, 0, &e.origin);
        queue.CancelHeld();
-       return Lines{{LOGLEVEL_INFO, "[CACHE     ] [busy.bin] Read-ahead from 524288, 1048576 bytes"},
-                    {LOGLEVEL_DEBUG, "[CACHE     ] [busy.bin] [CheckReadAhead] There is a busy read_ahead_!"}};
+       return Lines{Line(kDebug, "[busy.bin] [QueueEmptySectors] Already 0 is in sectors_."),
+                    Line(kDebug, "[busy.bin] histsize: 2 but conf.rahit: 2, no read-ahead this time."),
+                    Line(kDebug, "[busy.bin] Since  histsize: 3 while conf.rahit: 2ld, go read-ahead!"),
+                    Line(kInfo, "[busy.bin] Read-ahead from 524288, 1048576 bytes"),
+                    Line(kDebug, "[busy.bin] [CheckReadAhead] There is a busy read_ahead_!")};
      }},
     {"read-ahead beyond the quota",
      [](Env& e) {
@@ -170,8 +170,7 @@ const Row kRows[] = {
        ReadonlyCache cache(e.Dir(), "quota.bin", e.origin.size(), &e.config);
        ReadAt(cache, 0, &e.origin);
        ReadAt(cache, 0, &e.origin);
-       return Lines{
-           {LOGLEVEL_DEBUG, "[CACHE     ] [quota.bin] [CheckReadAhead] Closest empty offset exceeds the quota!"}};
+       return Lines{Line(kDebug, "[quota.bin] [CheckReadAhead] Closest empty offset exceeds the quota!")};
      }},
     {"a read behind the last one",
      [](Env& e) {
@@ -179,9 +178,16 @@ const Row kRows[] = {
        ReadAt(cache, 2 * kMiB, &e.origin);
        ReadAt(cache, 0, &e.origin);
        EXPECT_EQ(cache.GetLargestEmptyOffset(0), kHalf);
-       return Lines{
-           {LOGLEVEL_DEBUG, "[CACHE     ] [back.bin] Reserving offsets are not continuous. Clearing history."},
-           {LOGLEVEL_INFO, "[CACHE     ] [back.bin] At GetLargestEmptyOffset, empty_sectors_ is empty."}};
+       return Lines{Line(kDebug, "[back.bin] [CheckReadAhead] Closest empty offset is within the quota!"),
+                    Line(kDebug, "[back.bin] [CheckReadAhead] No history yet!"),
+                    Line(kDebug, "[back.bin] [QueueEmptySectors] Inserted new sector 2097152 into sectors_."),
+                    Line(kDebug, "[back.bin] Queue empty offset 2097152 to 3145728(1048576 bytes)"),
+                    Line(kInfo, "[back.bin] Read-ahead : 2097152, 1048576"),
+                    Line(kInfo, "[back.bin] Read-ahead : clear empty reserved block(s)"),
+                    Line(kInfo, "[back.bin] Read-ahead done : 2097152, 1048576"),
+                    Line(kDebug, "[back.bin] Reserving offsets are not continuous. Clearing history."),
+                    Line(kDebug, "[back.bin] Fetch write : Sector 0 reserved and write on 1048576"),
+                    Line(kInfo, "[back.bin] At GetLargestEmptyOffset, empty_sectors_ is empty.")};
      }},
     {"eviction of the older half, then of everything",
      [](Env& e) {
@@ -194,10 +200,9 @@ const Row kRows[] = {
        AdvanceClockForTesting(std::chrono::seconds(1));
        e.Configure([](_CACHECONFIG& c) { c.clrused = c.clrunused = 0; });
        cache.ClearOldCache(false);
-       return Lines{
-           {LOGLEVEL_DEBUG, "[CACHE     ] [old.bin] ClearOldCache : 2 sector(s) will clear(total 4 sector(s))"},
-           {LOGLEVEL_INFO, "[CACHE     ] [old.bin] ClearOldCache : OK, 2097152 => 1048576"},
-           {LOGLEVEL_INFO, "[CACHE     ] [old.bin] ClearOldCache : OK, 1048576 => 0(Deleted)"}};
+       return Lines{Line(kDebug, "[old.bin] ClearOldCache : 2 sector(s) will clear(total 4 sector(s))"),
+                    Line(kInfo, "[old.bin] ClearOldCache : OK, 2097152 => 1048576"),
+                    Line(kInfo, "[old.bin] ClearOldCache : OK, 1048576 => 0(Deleted)")};
      }},
     {"writable cache fetches, then fails",
      [](Env& e) {
@@ -209,19 +214,20 @@ const Row kRows[] = {
        EXPECT_EQ(cache.Write(&wd), kErrFileWrite);
        EXPECT_EQ(cache.FetchWrite(-1, "x", 1, nullptr), static_cast<int>(kErrFileWrite));
        const std::string invalid = std::strerror(EINVAL);
-       return Lines{{LOGLEVEL_INFO, "[CACHE     ] [w.bin] Read-ahead for writable cache : 1048576, 524288"},
-                    {LOGLEVEL_ERROR, "[CACHE     ] [w.bin] Read-ahead for writable cache failed : 2097152, 524288"},
-                    {LOGLEVEL_ERROR, "[CACHE     ] [w.bin] Write failed : " + invalid},
-                    {LOGLEVEL_ERROR, "[CACHE     ] [w.bin] Fetch write failed : " + invalid}};
+       return Lines{Line(kInfo, "[w.bin] Read-ahead for writable cache : 1048576, 524288"),
+                    Line(kError, "[w.bin] Read-ahead for writable cache failed : 2097152, 524288"),
+                    Line(kError, "[w.bin] Write failed : " + invalid),
+                    Line(kError, "[w.bin] Fetch write failed : " + invalid)};
      }},
-    {"writable cache file cannot be created",
+    {"writable cache file and manager directory under a file",
      [](Env& e) {
        e.dir.Write("plain", "x");
        EXPECT_THROW(WritableCache(e.dir.File("plain") + "/", "f.bin", 0, nullptr, &e.config), AERROR);
+       EXPECT_THROW(Cache(e.dir.File("plain").c_str(), 0), AERROR);
        char line[512];
-       std::snprintf(line, sizeof line, "[CACHE     ] Cache creation has failed : %s/f.bin(%x)",
-                     e.dir.File("plain").c_str(), static_cast<unsigned>(ENOTDIR));
-       return Lines{{LOGLEVEL_ERROR, line}};
+       std::snprintf(line, sizeof line, "Cache creation has failed : %s/f.bin(%x)", e.dir.File("plain").c_str(),
+                     static_cast<unsigned>(ENOTDIR));
+       return Lines{Line(kError, line), Line(kError, "Cache path not found : " + e.dir.File("plain") + "/")};
      }},
     {"writable cache converted",
      [](Env& e) {
@@ -230,7 +236,8 @@ const Row kRows[] = {
        _WRITEDATA wd{bytes.data(), 0, bytes.size(), 0, std::make_shared<_FS_HANDLE>(), kMiB + 1, nullptr};
        EXPECT_EQ(cache.Write(&wd), kOk);
        std::unique_ptr<ICacheFile> converted(cache.RebuildToReadonlyCache(nullptr, &e.config));
-       return Lines{{LOGLEVEL_DEBUG, "[CACHE     ] [big.bin] [ReadonlyCache] Inserted new sector 1048576 into sectors_."}};
+       return Lines{Line(kInfo, "[big.bin] Writable cache to read only cache"),
+                    Line(kInfo, "[big.bin] Read only cache from writable cache created")};
      }},
     {"stream handle closed while held, then free",
      [](Env& e) {
@@ -243,20 +250,9 @@ const Row kRows[] = {
        handle.Close();
        held.reset();
        handle.Close();
-       TimedHandle from_stream(std::fopen(path.c_str(), "a"));  // no path: an empty tag
-       from_stream.Close();
-       return Lines{
-           {LOGLEVEL_DEBUG, "[CACHE     ] [" + path + "] Trying to close cache handle but there are references"},
-           {LOGLEVEL_DEBUG,
-            "[CACHE     ] [" + path + "] Trying to close cache handle but there are references : force close"},
-           {LOGLEVEL_DEBUG, "[CACHE     ] [" + path + "] Cache handle closed : force close"},
-           {LOGLEVEL_DEBUG, "[CACHE     ] [] Cache handle closed : force close"}};
-     }},
-    {"manager directory under a file",
-     [](Env& e) {
-       e.dir.Write("file", "x");
-       EXPECT_THROW(Cache(e.dir.File("file").c_str(), 0), AERROR);
-       return Lines{{LOGLEVEL_ERROR, "[CACHE     ] Cache path not found : " + e.dir.File("file") + "/"}};
+       return Lines{Line(kDebug, "[" + path + "] Trying to close cache handle but there are references"),
+                    Line(kDebug, "[" + path + "] Trying to close cache handle but there are references : force close"),
+                    Line(kDebug, "[" + path + "] Cache handle closed : force close")};
      }},
     {"manager from start to end",
      [](Env& e) {
@@ -264,11 +260,11 @@ const Row kRows[] = {
        {
          Cache cache(e.dir.path().c_str(), 0);
          const std::string limit = LocaleNumber(static_cast<long long>(cache.GetLimit()));
-         EXPECT_TRUE(WaitFor([&] { return e.log.Count("Cache quota manager started") > 0; }));
+         EXPECT_TRUE(WaitFor([&] { return e.log.Contains("Cache quota manager started"); }));
          EXPECT_EQ(cache.SetConfiguration(R"({"cache":{"ra":{"hit":1,"min":2,"max":3},"read":{"timeout":4,
              "maxfetch":5},"clear":{"period":0,"usedblock":7,"unusedblock":8,"over":{"usedblock":9,
              "unusedblock":10}}}})"), kOk);
-         const std::string total = "[CACHE     ] [CACHE] [" + cache.path() + "] Total cache : 0(limits : " +
+         const std::string total = "[CACHE] [" + cache.path() + "] Total cache : 0(limits : " +
                                    std::to_string(cache.GetLimit()) + ")";
          // A settings file beside the program may have let one pass run before.
          const int earlier = e.log.Count(total);
@@ -279,23 +275,17 @@ const Row kRows[] = {
          cache.Open("x/a.bin", 'w', e.origin.size(), &e.origin);
          EXPECT_EQ(cache.Rehash("x/a.bin", "b.bin", "b.bin"), kOk);
          EXPECT_EQ(cache.Close("b.bin"), kOk);
-         lines = {{LOGLEVEL_INFO, "[CACHE     ] Cache initialized : " + cache.path() + ", Storage limit : " + limit +
-                                      " bytes"},
-                  {LOGLEVEL_DEBUG, "[CACHE     ] Cache quota manager started"},
-                  {LOGLEVEL_DEBUG, "[CACHE     ] Cache configuration : 1, 2, 3, 4, 5, 0, 7, 8, 9, 10"},
-                  {LOGLEVEL_DEBUG, total},
-                  {LOGLEVEL_ERROR,
-                   "[CACHE     ] Change cache storage limit requested but too small : Requested " + limit + " bytes"},
-                  {LOGLEVEL_INFO, "[CACHE     ] Storage limit changed : " +
-                                      LocaleNumber(static_cast<long long>(cache.GetLimit())) + " bytes"},
-                  {LOGLEVEL_WARNING,
-                   "[CACHE     ] Cache found for x/a.bin but read-only. Convert to writable cache forcefully."},
-                  {LOGLEVEL_INFO, "[CACHE     ] Rehash cache : x/a.bin to b.bin"},
-                  {LOGLEVEL_INFO, "[CACHE     ] Close cache : b.bin"}};
+         lines = {Line(kInfo, "Cache initialized : " + cache.path() + ", Storage limit : " + limit + " bytes"),
+                  Line(kDebug, "Cache quota manager started"),
+                  Line(kDebug, "Cache configuration : 1, 2, 3, 4, 5, 0, 7, 8, 9, 10"), Line(kDebug, total),
+                  Line(kError, "Change cache storage limit requested but too small : Requested " + limit + " bytes"),
+                  Line(kInfo, "Storage limit changed : " + LocaleNumber(static_cast<long long>(cache.GetLimit())) +
+                                  " bytes"),
+                  Line(kWarn, "Cache found for x/a.bin but read-only. Convert to writable cache forcefully."),
+                  Line(kInfo, "Rehash cache : x/a.bin to b.bin"), Line(kInfo, "Close cache : b.bin")};
        }
-       lines.insert(lines.end(), {{LOGLEVEL_INFO, "[CACHE     ] Uninitialize cache..."},
-                                  {LOGLEVEL_DEBUG, "[CACHE     ] Cache quota manager stopped"},
-                                  {LOGLEVEL_INFO, "[CACHE     ] Cache uninitialized"}});
+       lines.insert(lines.end(), {Line(kInfo, "Uninitialize cache..."), Line(kDebug, "Cache quota manager stopped"),
+                                  Line(kInfo, "Cache uninitialized")});
        return lines;
      }},
 };
@@ -305,8 +295,7 @@ TEST(LogMessages, EachFixedMessageIsWrittenWordForWordAtItsLevel) {
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.what);
     Cache_UnbindAsyncQ();
-    Lines expected;
-    Lines logged;
+    Lines expected, logged;
     {
       Env env;
       expected = row.trigger(env);
@@ -320,55 +309,6 @@ TEST(LogMessages, EachFixedMessageIsWrittenWordForWordAtItsLevel) {
       if (at == logged.end()) break;
     }
   }
-}
-
-class CountingWork : public IAsyncObj {
- public:
-  void Process(void* param) override { processed.push_back(param); }
-  void Canceled(void* param) override { canceled.push_back(param); }
-  std::vector<void*> processed;
-  std::vector<void*> canceled;
-};
-
-class HoldingQueue : public IAsyncQueue {
- public:
-  void Enqueue(IAsyncObj* work, void* param) override { held.emplace_back(work, param); }
-  std::vector<std::pair<IAsyncObj*, void*>> held;
-};
-
-TEST(LogMessages, LinesReachTheBoundLoggerFormattedWithTheirLevel) {
-  {
-    RecordingLog log;
-    KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] %lld/%d", "a.txt", 5LL, 7);
-    EXPECT_FALSE(Cache_BindLogger(nullptr));  // keeps the binding
-    KORV_LOG(LOGLEVEL_DEBUG, "still bound");
-    EXPECT_EQ(log.Lines(), (std::vector<std::pair<LOGLEVEL, std::string>>{
-                               {LOGLEVEL_ERROR, "[CACHE     ] [a.txt] 5/7"}, {LOGLEVEL_DEBUG, "still bound"}}));
-  }
-  // The recording logger unbound itself: nothing is written and nothing fails.
-  EXPECT_EQ(CurrentLogger(), nullptr);
-  KORV_LOG(LOGLEVEL_INFO, "nobody listens");
-  __LOG__A(nullptr, LOGLEVEL_INFO, "explicitly nobody");
-}
-
-TEST(LogMessages, WorkRunsInlineWithoutAQueueAndIsHandedToABoundOne) {
-  Cache_UnbindAsyncQ();
-  CountingWork work;
-  int context = 0;
-  QueueAsync(&work, nullptr);  // a null param is replaced by the marker 1
-  QueueAsync(&work, &context);
-  EXPECT_EQ(work.processed, (std::vector<void*>{reinterpret_cast<void*>(uintptr_t{1}), &context}));
-
-  HoldingQueue queue;
-  ASSERT_TRUE(Cache_BindAsyncQ(&queue));
-  EXPECT_FALSE(Cache_BindAsyncQ(nullptr));  // keeps `queue`
-  QueueAsync(&work, nullptr);
-  EXPECT_EQ(queue.held, (std::vector<std::pair<IAsyncObj*, void*>>{{&work, nullptr}}));
-  Cache_UnbindAsyncQ();
-  QueueAsync(&work, nullptr);
-  EXPECT_EQ(queue.held.size(), 1u);
-  EXPECT_EQ(work.processed.size(), 3u);
-  EXPECT_TRUE(work.canceled.empty());
 }
 
 }  // namespace

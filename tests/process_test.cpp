@@ -31,14 +31,9 @@ TEST(PlatformTest, ExecutablePathNamesThisProgram) {
 }
 
 TEST(PlatformTest, UUIDsAreDistinctRandomVersion4Text) {
-  // Version 4: random, not time-based.
-  const std::regex form("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[0-9a-f]{4}-[0-9a-f]{12}");
+  const std::regex version4("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[0-9a-f]{4}-[0-9a-f]{12}");
   std::set<std::string> seen;
-  for (int i = 0; i < 1000; ++i) {
-    std::string uuid = NewUUID();
-    ASSERT_TRUE(std::regex_match(uuid, form)) << uuid;
-    seen.insert(uuid);
-  }
+  for (int i = 0; i < 1000; ++i) ASSERT_TRUE(std::regex_match(*seen.insert(NewUUID()).first, version4));
   EXPECT_EQ(1000u, seen.size());
 }
 
@@ -63,8 +58,7 @@ TEST(ProcessTest, ChronoCountsWholeMillisecondsOnTheSteadyClock) {
   AdvanceClockForTesting(std::chrono::microseconds(5999900));
   EXPECT_GE(chrono.elapsed(), 5999);
   EXPECT_LT(chrono.elapsed(), 7000);
-  long long before = SteadyNow().time_since_epoch().count();
-  long long start = chrono.reset();
+  const long long before = SteadyNow().time_since_epoch().count(), start = chrono.reset();
   EXPECT_LE(before, start);
   EXPECT_GE(SteadyNow().time_since_epoch().count(), start);
   EXPECT_LT(chrono.elapsed(), 1000);

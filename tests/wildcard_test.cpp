@@ -4,6 +4,8 @@
 
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -19,81 +21,50 @@ std::unique_ptr<CharT[]> Exact(const std::basic_string<CharT>& text) {
 
 // Matches with both character widths, which must agree. ASCII only.
 bool Match(const std::string& expression, const std::string& name, bool ignore_case = false) {
-  std::wstring wide_expression(expression.begin(), expression.end());
-  std::wstring wide_name(name.begin(), name.end());
-  bool narrow = IsNameInExpressionA(Exact(expression).get(), Exact(name).get(), ignore_case);
-  bool wide = IsNameInExpression(Exact(wide_expression).get(), Exact(wide_name).get(), ignore_case);
-  EXPECT_EQ(narrow, wide) << "\"" << expression << "\" against \"" << name << "\"";
+  const std::wstring wide_expression(expression.begin(), expression.end()), wide_name(name.begin(), name.end());
+  const bool narrow = IsNameInExpressionA(Exact(expression).get(), Exact(name).get(), ignore_case);
+  EXPECT_EQ(narrow, IsNameInExpression(Exact(wide_expression).get(), Exact(wide_name).get(), ignore_case))
+      << "\"" << expression << "\" against \"" << name << "\"";
   return narrow;
 }
+
+using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 }  // namespace
 
 TEST(WildcardTest, MatchesByTable) {
-  const struct {
-    const char *expression, *name;
-    bool ignore_case, match;
-  } kCases[] = {
-      {"*", "", false, true},
-      {"*.txt", "a.txt", false, true},
-      {"*.txt", ".txt", false, true},
-      {"*.txt", "a.txt.bak", false, false},
-      {"*.txt", "a.txt.txt", false, true},  // must not settle on the first ".txt"
-      {"a*b*c", "aXbYbZc", false, true},
-      {"a*.c", "a.c", false, true},  // a star inside matches nothing too
-      {"a?c", "abc", false, true},
-      {"a?c", "ac", false, false},
-      {"a?", "a", false, false},
-      {"", "", false, true},
-      {"", "a", false, false},
-      {"abc", "abcd", false, false},
-      {"A*C", "abxc", true, true},
-      {"ABC", "abc", false, false},
-      {"ABC", "abc", true, true},
-      // DOS dot: a "." or nothing.
-      {"a\"", "a", false, true},
-      {"a\"", "a.", false, true},
-      {"a\"", "ab", false, false},
+  const Pairs matching = {
+      {"*", ""}, {"*.txt", "a.txt"}, {"*.txt", ".txt"}, {"a*b*c", "aXbYbZc"}, {"a?c", "abc"}, {"", ""},
+      {"*.txt", "a.txt.txt"},  // must not settle on the first ".txt"
+      {"a*.c", "a.c"},         // a star inside matches nothing too
+      {"a\"", "a"}, {"a\"", "a."},  // DOS dot: a "." or nothing
       // DOS star: up to the last dot, never swallowing it.
-      {"<.txt", "a.b.txt", false, true},
-      {"<.txt", "a.txt", false, true},
-      {"<.<", "a.b.c", false, true},
-      {"<", "a.b", false, false},
-      {"a<", "abc", false, true},
-      {"<", "abc", false, false},  // nothing at the start of a dotless name
+      {"<.txt", "a.b.txt"}, {"<.txt", "a.txt"}, {"<.<", "a.b.c"}, {"a<", "abc"},
       // DOS question mark: nothing at the last dot, an earlier dot is consumed.
-      {"a>c", "abc", false, true},
-      {"a>.b", "a.b", false, true},
-      {"a>b.c", "a.b.c", false, true},
-      {"a>", "a", false, false},
-      // An expression outlasting the name never reads past it; only these
-      // may match nothing: * < "
-      {"a*<\"*", "a", false, true},
-      {"abc?", "abc", false, false},
-      {"abc>", "abc", false, false},
-      {"a?b", "a", false, false},
-      {"a>b", "a", false, false},
-      {"a?>", "a", false, false},
-      {"a??????????????????", "ab", false, false},
-      {"*?*?*?*?*?*?*?*?", "abc", false, false},
-      {"<>>>>>>>>>>>>>>>>>", "x.y", false, false},
-      {"a.txt.with.a.longer.tail", "a.txt", false, false},
+      {"a>c", "abc"}, {"a>.b", "a.b"}, {"a>b.c", "a.b.c"},
+      {"a*<\"*", "a"},  // only * < " may match nothing at the end of a name
   };
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(std::string(c.expression) + " ~ " + c.name);
-    EXPECT_EQ(Match(c.expression, c.name, c.ignore_case), c.match);
-  }
+  const Pairs failing = {
+      {"*.txt", "a.txt.bak"}, {"a?c", "ac"}, {"a?", "a"}, {"", "a"}, {"abc", "abcd"}, {"ABC", "abc"},
+      {"a\"", "ab"}, {"<", "a.b"}, {"<", "abc"}, {"a>", "a"},
+      // An expression outlasting the name never reads past it.
+      {"abc?", "abc"}, {"abc>", "abc"}, {"a?b", "a"}, {"a>b", "a"}, {"a?>", "a"}, {"a??????????????????", "ab"},
+      {"*?*?*?*?*?*?*?*?", "abc"}, {"<>>>>>>>>>>>>>>>>>", "x.y"}, {"a.txt.with.a.longer.tail", "a.txt"},
+  };
+  for (const auto& c : matching) EXPECT_TRUE(Match(c.first, c.second)) << c.first << " ~ " << c.second;
+  for (const auto& c : failing) EXPECT_FALSE(Match(c.first, c.second)) << c.first << " ~ " << c.second;
+  EXPECT_TRUE(Match("A*C", "abxc", true));
+  EXPECT_TRUE(Match("ABC", "abc", true));
 }
 
 TEST(WildcardTest, ManyStarsFinishQuicklyAndNullsNeverMatch) {
   // Plain backtracking takes exponential time on these.
-  std::string name(100, 'a');
+  const std::string name(100, 'a');
   std::string stars;
   for (int i = 0; i < 20; ++i) stars += "*a";
   EXPECT_FALSE(Match(stars + "*b", name));
   EXPECT_TRUE(Match(stars + "*", name));
   EXPECT_FALSE(Match(std::string(20, '<') + "b", name + ".c"));
-  // Null pointers never match.
   EXPECT_FALSE(IsNameInExpressionA(nullptr, "a", false));
   EXPECT_FALSE(IsNameInExpressionA("*", nullptr, false));
   EXPECT_FALSE(IsNameInExpression(nullptr, L"a", false));

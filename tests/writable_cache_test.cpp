@@ -11,7 +11,6 @@
 #include <random>
 #include <thread>
 #include <tuple>
-#include <utility>
 #include <vector>
 
 #include "cache/sector.h"
@@ -30,7 +29,7 @@ using Mode = FakeOrigin::Mode;
 std::pair<long long, long> Span(long long offset, long long length) { return {offset, static_cast<long>(length)}; }
 
 // The local file's bytes as the cache serves them without fetching.
-std::vector<char> LocalBytes(WritableCache& cache, long long offset, long long size) {
+std::vector<char> LocalBytes(ICacheFile& cache, long long offset, long long size) {
   std::vector<char> buffer(static_cast<size_t>(size));
   _READDATA rd = ReadRequest(buffer, offset, nullptr);
   EXPECT_EQ(cache.Read(&rd), kOk);
@@ -38,14 +37,24 @@ std::vector<char> LocalBytes(WritableCache& cache, long long offset, long long s
   return buffer;
 }
 
-// Files this process writes may grow to `bytes` only while it lives: a write
+// One write of `data`; a successful one must report all of it written.
+unsigned int Store(WritableCache& cache, const std::vector<char>& data, long long offset, long long file_size,
+                   IFetch* fetch = nullptr) {
+  _WRITEDATA wd = WriteRequest(data, offset, file_size, fetch);
+  const unsigned int status = cache.Write(&wd);
+  if (status == kOk) {
+    EXPECT_EQ(wd.transferred, data.size());
+  }
+  return status;
+}
+
+// While it lives, files this process writes may grow to `bytes` only: a write
 // past that stores short (EFBIG), as on a full disk.
 class FileSizeLimit {
  public:
   explicit FileSizeLimit(rlim_t bytes) : old_signal_(std::signal(SIGXFSZ, SIG_IGN)) {
     getrlimit(RLIMIT_FSIZE, &old_);
-    rlimit limit = old_;
-    limit.rlim_cur = bytes;
+    rlimit limit{bytes, old_.rlim_max};
     setrlimit(RLIMIT_FSIZE, &limit);
   }
   ~FileSizeLimit() {
@@ -69,23 +78,16 @@ class WritableCacheTest : public ::testing::Test {
 };
 
 TEST_F(WritableCacheTest, TakenNamesAreNumberedBeforeTheLastDot) {
-  auto a = Make("a.txt", 0);
-  auto a0 = Make("a.txt", 0);
-  auto a1 = Make("a.txt", 0);
+  auto a = Make("a.txt", 0), a0 = Make("a.txt", 0), a1 = Make("a.txt", 0), n = Make("noext", 0);
   EXPECT_EQ(a->GetCachePath(), Dir() + "a.txt");
   EXPECT_EQ(a0->GetCachePath(), Dir() + "a[0].txt");
   EXPECT_EQ(a1->GetCachePath(), Dir() + "a[1].txt");
-  // Without a dot the whole name is the extension.
-  auto n = Make("noext", 0);
-  EXPECT_EQ(Make("noext", 0)->GetCachePath(), Dir() + "[0].noext");
-  // Only the last dot separates; a directory takes a name as a file does.
-  ASSERT_EQ(mkdir((Dir() + "x.y.bin").c_str(), 0700), 0);
+  EXPECT_EQ(Make("noext", 0)->GetCachePath(), Dir() + "[0].noext");  // no dot: the whole name is the extension
+  ASSERT_EQ(mkdir((Dir() + "x.y.bin").c_str(), 0700), 0);  // a directory takes a name as a file does
   EXPECT_EQ(Make("x.y.bin", 0)->GetCachePath(), Dir() + "x.y[0].bin");
-  // drive:name:rest names the file by its middle part.
-  auto b = Make("drive:b.txt:rest", 0);
+  auto b = Make("drive:b.txt:rest", 0);  // named by its middle part
   EXPECT_EQ(b->GetCachePath(), Dir() + "b.txt");
   EXPECT_EQ(b->GetFileName(), "b.txt");
-  // A regular file where the directory should be: kErrCreateFile.
   dir_.Write("plain", "x");
   EXPECT_EQ(ErrorThrownBy([&] { WritableCache cache(dir_.File("plain") + "/", "f.bin", S, nullptr, &config_); }),
             kErrCreateFile);
@@ -95,30 +97,26 @@ TEST_F(WritableCacheTest, TakenNamesAreNumberedBeforeTheLastDot) {
 // it already fetched, nothing at or past the logical size; it serves the
 // origin's bytes around the client's.
 TEST_F(WritableCacheTest, ReadsFetchTheHolesTheyTouchInAdjacentRuns) {
-  struct Row {
+  const long long size = 6 * S + 100;
+  const struct {
     const char* what;
     long long written;  // a whole sector written without a fetcher, or -1
-    long long offset;
-    long long length;
-    long long served;
+    long long offset, length, served;
     Requests requests;
-  };
-  const long long size = 6 * S + 100;
-  const Row rows[] = {
+  } rows[] = {
       {"inside the first sector", -1, 10, 100, 100, {Span(0, S)}},
       {"holes on both sides of a written sector", 2 * S, S + 100, 2 * S - 95, 2 * S - 95, {Span(S, S), Span(3 * S, S)}},
       {"holes covered whole, up to the end", 2 * S, 4 * S, 2 * S + 100, 2 * S + 100, {Span(4 * S, 3 * S)}},
       {"past the end", -1, size, 100, 0, {}},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     FakeOrigin origin(size);
     auto cache = Make("r.bin", size);
     std::vector<char> expected = OriginBytes(0, size);
     if (row.written >= 0) {
       const std::vector<char> mine = Pattern(static_cast<size_t>(S), 'w');
-      _WRITEDATA wd = WriteRequest(mine, row.written, size, nullptr);
-      ASSERT_EQ(cache->Write(&wd), kOk);
+      ASSERT_EQ(Store(*cache, mine, row.written, size), kOk);
       std::copy(mine.begin(), mine.end(), expected.begin() + row.written);
     }
     for (int again = 0; again < 2; ++again) {
@@ -136,11 +134,10 @@ TEST_F(WritableCacheTest, ReadsFetchTheHolesTheyTouchInAdjacentRuns) {
 // A write fetches the holes it covers in part (head and end sector) first;
 // FillEmptySectors then fetches what is left.
 TEST_F(WritableCacheTest, WritesFetchPartlyCoveredHeadAndTailFirst) {
-  struct Row {
+  const struct {
     long long size, offset, length, file_size;
     Requests by_write, by_fill;
-  };
-  const Row rows[] = {
+  } rows[] = {
       {4 * S, 10, 100, 4 * S, {Span(0, S)}, {Span(S, 3 * S)}},
       {4 * S, S - 10, 20, 4 * S, {Span(0, 2 * S)}, {Span(2 * S, 2 * S)}},
       {4 * S, S / 2, 2 * S, 4 * S, {Span(0, S), Span(2 * S, S)}, {Span(3 * S, S)}},
@@ -153,14 +150,12 @@ TEST_F(WritableCacheTest, WritesFetchPartlyCoveredHeadAndTailFirst) {
       // Past the logical size: nothing fetched, the holes before it stay.
       {2 * S, 3 * S, 10, 2 * S, {}, {Span(0, 2 * S)}},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(testing::Message() << "write of " << row.length << " at " << row.offset << " in " << row.size);
     FakeOrigin origin(row.size);
     auto cache = Make("w.bin", row.size);
     const std::vector<char> mine = Pattern(static_cast<size_t>(row.length), 'w');
-    _WRITEDATA wd = WriteRequest(mine, row.offset, row.file_size, &origin);
-    ASSERT_EQ(cache->Write(&wd), kOk);
-    EXPECT_EQ(wd.transferred, mine.size());
+    ASSERT_EQ(Store(*cache, mine, row.offset, row.file_size, &origin), kOk);
     EXPECT_EQ(origin.Requests(), row.by_write);
     // The fetched bytes arrived before the write landed on them.
     std::vector<char> expected = OriginBytes(0, std::max(row.size, row.offset + row.length));
@@ -184,32 +179,31 @@ TEST_F(WritableCacheTest, WritesFetchPartlyCoveredHeadAndTailFirst) {
 // of it was stored, the read serves the local file as it is, and the
 // client's bytes are never overwritten.
 TEST_F(WritableCacheTest, FaultyFetchesLeaveHolesAndNeverOverwriteTheClientsBytes) {
-  struct Row {
+  const struct {
     Mode mode;
     long long served;  // the local file's length after the read
     bool first_lost;   // sector 0 stays a hole, read as zeros
     Requests refetched;
-  };
-  const Row rows[] = {
+  } rows[] = {
       {Mode::kNormal, 4 * S, false, {}},
       {Mode::kFail, 2 * S, true, {Span(0, S), Span(2 * S, 2 * S)}},
       {Mode::kNothing, 2 * S, true, {Span(0, S), Span(2 * S, 2 * S)}},
       {Mode::kShort, 3 * S, false, {Span(3 * S, S)}},
       {Mode::kExtra, 4 * S, false, {}},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(static_cast<int>(row.mode));
     FakeOrigin origin(4 * S);
     auto cache = Make("x.bin", origin.size());
     const std::vector<char> mine = Pattern(static_cast<size_t>(S), 'm');
-    _WRITEDATA wd = WriteRequest(mine, S, origin.size(), nullptr);
-    ASSERT_EQ(cache->Write(&wd), kOk);
+    ASSERT_EQ(Store(*cache, mine, S, origin.size()), kOk);
     std::vector<char> expected = OriginBytes(0, origin.size());
     std::copy(mine.begin(), mine.end(), expected.begin() + S);
-    if (row.first_lost) std::fill(expected.begin(), expected.begin() + S, '\0');
+    std::vector<char> served = expected;
+    if (row.first_lost) std::fill(served.begin(), served.begin() + S, '\0');
 
     origin.set_mode(row.mode);
-    ReadOutcome r = ReadAndCheck(*cache, origin, 0, static_cast<size_t>(4 * S), 0, nullptr, false, &expected);
+    ReadOutcome r = ReadAndCheck(*cache, origin, 0, static_cast<size_t>(4 * S), 0, nullptr, false, &served);
     EXPECT_EQ(r.status, kOk);
     EXPECT_EQ(r.transferred, static_cast<unsigned long long>(row.served));
     EXPECT_TRUE(r.Clean()) << "wrong byte " << r.mismatch;
@@ -218,8 +212,6 @@ TEST_F(WritableCacheTest, FaultyFetchesLeaveHolesAndNeverOverwriteTheClientsByte
     origin.ClearRequests();
     EXPECT_EQ(cache->FillEmptySectors(&origin), kOk);
     EXPECT_EQ(origin.Requests(), row.refetched);
-    expected = OriginBytes(0, origin.size());
-    std::copy(mine.begin(), mine.end(), expected.begin() + S);
     EXPECT_EQ(LocalBytes(*cache, 0, 4 * S), expected);
   }
 }
@@ -229,18 +221,12 @@ TEST_F(WritableCacheTest, FaultyFetchesLeaveHolesAndNeverOverwriteTheClientsByte
 TEST_F(WritableCacheTest, ShortStoresFailAndLeaveTheHole) {
   FakeOrigin origin(4 * S);
   auto cache = Make("short.bin", origin.size());
-  const std::vector<char> small = Pattern(10, 's');
-  const std::vector<char> large = Pattern(100, 'l');
   {
     FileSizeLimit limit(static_cast<rlim_t>(S + S / 2));
-    _WRITEDATA wd = WriteRequest(small, 2 * S, origin.size(), nullptr);
-    EXPECT_EQ(cache->Write(&wd), kErrFileWrite) << "a small write past the limit";
-    wd = WriteRequest(large, S + S / 2 - 50, origin.size(), nullptr);
-    EXPECT_EQ(cache->Write(&wd), kErrFileWrite) << "a write across the limit";
-    // Sector 1 fits in half: the fetch stores short and fails.
-    std::vector<char> piece = OriginBytes(S, S);
-    long written = 0;
-    EXPECT_EQ(cache->FetchWrite(S, piece.data(), static_cast<long>(S), &written), static_cast<int>(kErrFileWrite));
+    EXPECT_EQ(Store(*cache, Pattern(10, 's'), 2 * S, origin.size()), kErrFileWrite) << "a small write past the limit";
+    EXPECT_EQ(Store(*cache, Pattern(100, 'l'), S + S / 2 - 50, origin.size()), kErrFileWrite) << "across the limit";
+    std::vector<char> piece = OriginBytes(S, S);  // sector 1 fits in half: the fetch stores short
+    EXPECT_EQ(cache->FetchWrite(S, piece.data(), static_cast<long>(S), nullptr), static_cast<int>(kErrFileWrite));
   }
   EXPECT_EQ(cache->FillEmptySectors(&origin), kOk);
   EXPECT_EQ(origin.Requests(), Requests{Span(0, 4 * S)});
@@ -257,9 +243,8 @@ TEST_F(WritableCacheTest, TruncateKeepsTheEndSectorsHoleAndGrowsWithZeros) {
   EXPECT_TRUE(origin.Requests().empty());
   EXPECT_EQ(cache->FillEmptySectors(&origin), kOk);
   EXPECT_EQ(origin.Requests(), Requests{Span(0, 2 * S)});
-  // Growing adds zeros, not holes.
   origin.ClearRequests();
-  ASSERT_EQ(cache->Truncate(5 * S), kOk);
+  ASSERT_EQ(cache->Truncate(5 * S), kOk);  // growing adds zeros, not holes
   EXPECT_EQ(cache->GetFileSize(), 5 * S);
   EXPECT_EQ(cache->FillEmptySectors(&origin), kOk);
   EXPECT_EQ(LocalBytes(*cache, 4 * S, 100), std::vector<char>(100, '\0'));
@@ -270,9 +255,7 @@ TEST_F(WritableCacheTest, TruncateKeepsTheEndSectorsHoleAndGrowsWithZeros) {
 TEST_F(WritableCacheTest, FillEmptySectorsFetchesEveryHoleUnderItsOwnHandle) {
   FakeOrigin origin(3 * S + 12345);
   auto cache = Make("f.bin", origin.size());
-  const std::vector<char> data(10, 'f');
-  _WRITEDATA wd = WriteRequest(data, S + 5, origin.size(), nullptr);  // no fetcher: sector 1 is zeros now
-  ASSERT_EQ(cache->Write(&wd), kOk);
+  ASSERT_EQ(Store(*cache, std::vector<char>(10, 'f'), S + 5, origin.size()), kOk);  // no fetcher: sector 1 is zeros
 
   EXPECT_EQ(cache->FillEmptySectors(&origin), kOk);
   EXPECT_EQ(origin.Requests(), (Requests{Span(0, S), Span(2 * S, 2 * S)}));
@@ -293,49 +276,40 @@ TEST_F(WritableCacheTest, FillEmptySectorsFetchesEveryHoleUnderItsOwnHandle) {
   EXPECT_EQ(cache->FillEmptySectors(nullptr), kErrInvalidArgument);
 }
 
-TEST_F(WritableCacheTest, CloseWithRemovalDeletesOnceAndDestructionDeletes) {
-  auto cache = Make("c.bin", 0);
+// Ranges outside the file fail without touching it; closing with removal
+// deletes the file once, after which reads and writes fail; destruction
+// deletes it too.
+TEST_F(WritableCacheTest, BadRangesAndClosedFilesFailAndRemovalDeletesOnce) {
+  FakeOrigin origin(S);
+  auto cache = Make("c.bin", origin.size());
   const std::string path = cache->GetCachePath();
-  const std::vector<char> data(10, 'c');
-  _WRITEDATA wd = WriteRequest(data, 0, 10, nullptr);
-  ASSERT_EQ(cache->Write(&wd), kOk);
+  std::vector<char> buffer(10, 'c');
+  _READDATA rd = ReadRequest(buffer, -1, &origin);
+  EXPECT_EQ(cache->Read(&rd), kErrFileRead);
+  rd = ReadRequest(buffer, 10, &origin);
+  rd.size = ULLONG_MAX;
+  EXPECT_EQ(cache->Read(&rd), kErrFileRead);
+  for (long long offset : {-5LL, LLONG_MAX - 5}) EXPECT_EQ(Store(*cache, buffer, offset, S, &origin), kErrFileWrite);
+  EXPECT_EQ(cache->FetchWrite(0, buffer.data(), -1, nullptr), static_cast<int>(kErrFileWrite));
+  EXPECT_TRUE(origin.Requests().empty());
+  EXPECT_EQ(cache->GetFileSize(), 0);
 
+  ASSERT_EQ(Store(*cache, buffer, 0, 10), kOk);
   EXPECT_EQ(cache->Close(false), kOk);
   EXPECT_TRUE(Exists(path));
-  EXPECT_EQ(LocalBytes(*cache, 0, 10), data);
-
+  EXPECT_EQ(LocalBytes(*cache, 0, 10), buffer);
   EXPECT_EQ(cache->Close(true), kOk);
   EXPECT_FALSE(Exists(path));
   EXPECT_EQ(cache->Close(true), kErrNotOpen);
-  std::vector<char> buffer(10);
-  _READDATA rd = ReadRequest(buffer, 0, nullptr);
+  rd = ReadRequest(buffer, 0, nullptr);
   EXPECT_EQ(cache->Read(&rd), kErrRead);
-  EXPECT_EQ(cache->Write(&wd), kErrFileWrite);
-  cache.reset();
+  EXPECT_EQ(Store(*cache, buffer, 0, 10), kErrFileWrite);
 
   auto dropped = Make("d.bin", S);
   const std::string dropped_path = dropped->GetCachePath();
   EXPECT_TRUE(Exists(dropped_path));
   dropped.reset();
   EXPECT_FALSE(Exists(dropped_path));
-}
-
-TEST_F(WritableCacheTest, RangesOutsideTheFileFailWithoutTouchingIt) {
-  FakeOrigin origin(S);
-  auto cache = Make("n.bin", origin.size());
-  std::vector<char> buffer(10);
-  _READDATA rd = ReadRequest(buffer, -1, &origin);
-  EXPECT_EQ(cache->Read(&rd), kErrFileRead);
-  rd = ReadRequest(buffer, 10, &origin);
-  rd.size = ULLONG_MAX;
-  EXPECT_EQ(cache->Read(&rd), kErrFileRead);
-  for (long long offset : {-5LL, LLONG_MAX - 5}) {
-    _WRITEDATA wd = WriteRequest(buffer, offset, origin.size(), &origin);
-    EXPECT_EQ(cache->Write(&wd), kErrFileWrite) << offset;
-  }
-  EXPECT_EQ(cache->FetchWrite(0, buffer.data(), -1, nullptr), static_cast<int>(kErrFileWrite));
-  EXPECT_TRUE(origin.Requests().empty());
-  EXPECT_EQ(cache->GetFileSize(), 0);
 }
 
 TEST_F(WritableCacheTest, ConcurrentWritersReadersAndRenamesAgree) {
@@ -354,8 +328,7 @@ TEST_F(WritableCacheTest, ConcurrentWritersReadersAndRenamesAgree) {
       for (int i = 0; i < 20; ++i) {
         long long offset = static_cast<long long>(random() % (2 * S - 2000));
         const std::vector<char> data(1000, static_cast<char>('a' + i));
-        _WRITEDATA wd = WriteRequest(data, base + offset, origin.size(), &origin);
-        if (cache->Write(&wd) != kOk) return;
+        if (Store(*cache, data, base + offset, origin.size(), &origin) != kOk) return;
         std::copy(data.begin(), data.end(), model.begin() + offset);
       }
       std::vector<char> back(static_cast<size_t>(2 * S));
@@ -380,11 +353,9 @@ TEST_F(WritableCacheTest, ConversionHandsTheLocalFileToAReadonlyCache) {
     auto cache = Make("big.bin", size);
     const std::string path = cache->GetCachePath();
     const std::vector<char> data = OriginBytes(0, size);
-    _WRITEDATA wd = WriteRequest(data, 0, size, nullptr);
     if (size > 0) {
-      ASSERT_EQ(cache->Write(&wd), kOk);
+      ASSERT_EQ(Store(*cache, data, 0, size), kOk);
     }
-
     std::unique_ptr<ICacheFile> converted(cache->RebuildToReadonlyCache(nullptr, &config_));
     ASSERT_NE(converted, nullptr);
     EXPECT_TRUE(converted->IsReadonly());
@@ -392,11 +363,7 @@ TEST_F(WritableCacheTest, ConversionHandsTheLocalFileToAReadonlyCache) {
     cache.reset();
     EXPECT_TRUE(Exists(path));
     EXPECT_EQ(converted->GetFileSize(), size);
-    std::vector<char> back(static_cast<size_t>(size) + 1);
-    _READDATA rd = ReadRequest(back, 0, nullptr);
-    ASSERT_EQ(converted->Read(&rd), kOk);
-    back.resize(rd.transferred);
-    EXPECT_EQ(back, data);
+    EXPECT_EQ(LocalBytes(*converted, 0, size + 1), data);
   }
 }
 
