@@ -9,13 +9,13 @@
 // b. Every number is a kind byte and its value bytes: near a sector
 // boundary, near the end of the file, anywhere (in 64-byte units) or exact
 // (four bytes, little-endian). Missing bytes read as zero.
-#include <dirent.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "cache/default_settings.h"
@@ -91,15 +91,9 @@ const std::string& CacheDir() {
 }
 
 void EmptyCacheDir(bool remove_dir) {
-  const std::string& dir = CacheDir();
-  if (DIR* stream = opendir(dir.c_str())) {
-    while (dirent* entry = readdir(stream)) {
-      const std::string path = dir + entry->d_name;
-      if (entry->d_name[0] != '.' && rmdir(path.c_str()) != 0) unlink(path.c_str());
-    }
-    closedir(stream);
-  }
-  if (remove_dir) rmdir(dir.c_str());
+  std::error_code ignored;
+  std::filesystem::remove_all(CacheDir(), ignored);
+  if (!remove_dir) std::filesystem::create_directory(CacheDir(), ignored);
 }
 
 // A step, with its numbers kept to what a run can afford: reads fit the
