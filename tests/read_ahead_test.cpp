@@ -28,13 +28,12 @@ TEST(ReadAheadTest, Scripts) {
   conf.ramax = 8 * kMiB;
   RunReadPathScripts(
       {
-          {"the fourth continuous read starts blocks that double up to the largest, cut at the end", 25 * kMiB,
-           {ReadAt(0, {{0, kMiB}}), ReadAt(0), ReadAt(0),
+          {"the fourth continuous read starts blocks that double up to the largest, cut at the end", 11 * kMiB,
+           {{Op::kSet, M::kRaMax, 4 * kMiB}, ReadAt(0, {{0, kMiB}}), ReadAt(0), ReadAt(0),
             ReadAt(0, {{kHalf, kMiB}}),  // from the last sector of the cached run
             ReadAt(kHalf, {{kMiB, 2 * kMiB}}), ReadAt(kMiB, {{5 * kHalf, 4 * kMiB}}),
-            ReadAt(5 * kHalf, {{6 * kMiB, 8 * kMiB}}), ReadAt(6 * kMiB, {{27 * kHalf, 8 * kMiB}}),
-            ReadAt(27 * kHalf, {{21 * kMiB, 4 * kMiB}}), ReadAt(21 * kMiB),
-            {Op::kCachedRead, 0, 25 * kMiB, kOk, 25 * kMiB}}},
+            ReadAt(5 * kHalf, {{6 * kMiB, 4 * kMiB}}), ReadAt(6 * kMiB, {{19 * kHalf, 3 * kHalf}}),
+            ReadAt(19 * kHalf), {Op::kCachedRead, 0, 11 * kMiB, kOk, 11 * kMiB}}},
           {"blocks come in pieces of at most the largest request, in whole sectors", 20 * kMiB,
            {{Op::kSet, M::kRaHit, 0}, {Op::kSet, M::kRaMin, 8 * kMiB}, {Op::kSet, M::kReadFetchMax, 4 * kMiB},
             ReadAt(0, {{0, kMiB}}), ReadAt(0, {{kHalf, 4 * kMiB}, {9 * kHalf, 4 * kMiB}}),
@@ -44,7 +43,7 @@ TEST(ReadAheadTest, Scripts) {
             ReadAt(16 * kMiB, {{33 * kHalf, kHalf}, {34 * kHalf, kHalf}, {35 * kHalf, kHalf}, {36 * kHalf, kHalf},
                                {37 * kHalf, kHalf}, {38 * kHalf, kHalf}, {39 * kHalf, kHalf}}),
             {Op::kCachedRead, 0, 20 * kMiB, kOk, 20 * kMiB}}},
-          {"one large block at a time; a dropped or failed one does not block the next", 32 * kMiB,
+          {"one large block at a time; a dropped or failed one does not block the next", 16 * kMiB,
            {{Op::kQueue, M::kRun}, ReadAt(0, {{0, kMiB}}), {Op::kQueue, M::kHold}, ReadAt(0), ReadAt(0),
             {Op::kHeld, 0, 0, 0},
             ReadAt(0),  // served from the cache while its block waits in the queue
@@ -56,7 +55,7 @@ TEST(ReadAheadTest, Scripts) {
             {Op::kRunHeld, 0, 0, M::kAny, M::kAny, {{5 * kHalf, 8 * kMiB}}}, {Op::kOrigin, M::kNormal},
             ReadAt(kMiB), {Op::kHeld, 0, 0, 1}, {Op::kRunHeld, 0, 0, M::kAny, M::kAny, {{5 * kHalf, 8 * kMiB}}},
             {Op::kCachedRead, 0, 21 * kHalf, kOk, 21 * kHalf}}},
-          {"jumps and long pauses start the run again", 32 * kMiB,
+          {"jumps and long pauses start the run again", 16 * kMiB,
            {ReadAt(0, {{0, kMiB}}), ReadAt(0), ReadAt(0), ReadAt(0, {{kHalf, kMiB}}),
             ReadAt(kHalf, {{kMiB, 2 * kMiB}}),
             ReadAt(0), ReadAt(0), ReadAt(0),  // backwards: three reads to a new run
