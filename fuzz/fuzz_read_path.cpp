@@ -32,12 +32,11 @@ constexpr long long kMaxFileSize = 9 * kSectorSize;
 constexpr long long kMaxReadSize = 3 * 1048576;
 constexpr int kMaxSteps = 256;
 // What a fuzzed step may do: no queue, no broken streams, no slot checks.
-constexpr Op kOps[] = {Op::kRead,       Op::kCachedRead,     Op::kWholeFileRead, Op::kClosedRead,
-                       Op::kClosedWholeFileRead, Op::kFetchWrite, Op::kReserve,  Op::kClearReserved,
-                       Op::kClock,      Op::kEvict,          Op::kEvictOverQuota, Op::kCheckHandles,
-                       Op::kClose,      Op::kCloseRemove,    Op::kReopen,        Op::kDeleteFile,
-                       Op::kBlockFile,  Op::kFileSize,       Op::kQuotaSize,     Op::kLength,
-                       Op::kLargestEmpty, Op::kOrigin,       Op::kTimeout,       Op::kSet};
+constexpr Op kOps[] = {
+    Op::kRead, Op::kCachedRead, Op::kWholeFileRead, Op::kClosedRead, Op::kClosedWholeFileRead, Op::kFetchWrite,
+    Op::kReserve, Op::kClearReserved, Op::kClock, Op::kEvict, Op::kEvictOverQuota, Op::kCheckHandles, Op::kClose,
+    Op::kCloseRemove, Op::kReopen, Op::kDeleteFile, Op::kBlockFile, Op::kFileSize, Op::kQuotaSize, Op::kLength,
+    Op::kLargestEmpty, Op::kOrigin, Op::kTimeout, Op::kSet};
 
 class Bytes {
  public:

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <vector>
 
 #include "cache/read_ahead_policy.h"
 #include "cache/sector.h"

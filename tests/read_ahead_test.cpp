@@ -3,8 +3,6 @@
 // starts, how large it is, in what pieces it comes, and what resets the run.
 #include <gtest/gtest.h>
 
-#include <vector>
-
 #include "cache/default_settings.h"
 #include "cache/sector.h"
 #include "support/read_path_model.h"

@@ -3,8 +3,6 @@
 // the origin, the queue, the disk or the client misbehave.
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "cache/default_settings.h"
 #include "cache/sector.h"
 #include "support/read_path_model.h"
