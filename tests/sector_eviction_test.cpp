@@ -49,7 +49,7 @@ TEST(SectorEvictionTest, Scripts) {
             {Op::kEvict, 0, 0, -1}, {Op::kQuotaSize, 0, 0, 0},
             {Op::kLength, 0, 0, -1},  // not recreated by asking for its size
             {Op::kRead, kHalf - 1000, 2000, kOk, 2000, {{0, 3 * kHalf}}}, {Op::kQuotaSize, 0, 0, 3 * kHalf}}},
-          {"the largest empty offset follows the run of present sectors", 16 * kMiB,
+          {"the largest empty offset follows the run of present sectors", 8 * kMiB,
            {{Op::kFetchWrite, 0, kHalf, kOk}, {Op::kFetchWrite, kHalf, kHalf, kOk}, {Op::kFetchWrite, kMiB, kHalf, kOk},
             {Op::kFetchWrite, 3 * kMiB, kHalf, kOk}, {Op::kFetchWrite, 5 * kMiB, kHalf, kOk},
             {Op::kFetchWrite, 11 * kHalf, kHalf, kOk}, {Op::kFetchWrite, 6 * kMiB, kHalf, kOk},
