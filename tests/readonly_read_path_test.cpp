@@ -25,6 +25,7 @@ TEST(ReadPathTest, Scripts) {
            {{Op::kRead, kMiB + 10, 100, kOk, 100, {{kMiB, 3 * kHalf}}}, {Op::kFileSize, 0, 0, 3 * kHalf},
             {Op::kRead, 0, 3 * kMiB, kOk, 3 * kMiB, {{0, kMiB}, {5 * kHalf, kHalf}}},
             {Op::kRead, 10 * kMiB - 100, 100, kOk, 100, {{10 * kMiB - kHalf, kHalf}}},
+            {Op::kRead, 10 * kMiB - 100, 4096, kOk, 100},  // the end is a sector boundary
             {Op::kRead, 5 * kMiB + 100, 0, kOk, 0, {{5 * kMiB, 3 * kHalf}}}}},  // even an empty read
           {"slots follow fetch order, a short last sector is zero padded, reads stop at the end", 1000000,
            {{Op::kLength, 0, 0, -1}, {Op::kRead, 600000, 100, kOk, 100, {{kHalf, kHalf}}},
