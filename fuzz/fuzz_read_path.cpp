@@ -9,13 +9,13 @@
 // b. Every number is a kind byte and its value bytes: near a sector
 // boundary, near the end of the file, anywhere (in 64-byte units) or exact
 // (four bytes, little-endian). Missing bytes read as zero.
-#include <dirent.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "cache/default_settings.h"
@@ -32,12 +32,11 @@ constexpr long long kMaxFileSize = 9 * kSectorSize;
 constexpr long long kMaxReadSize = 3 * 1048576;
 constexpr int kMaxSteps = 256;
 // What a fuzzed step may do: no queue, no broken streams, no slot checks.
-constexpr Op kOps[] = {Op::kRead,       Op::kCachedRead,     Op::kWholeFileRead, Op::kClosedRead,
-                       Op::kClosedWholeFileRead, Op::kFetchWrite, Op::kReserve,  Op::kClearReserved,
-                       Op::kClock,      Op::kEvict,          Op::kEvictOverQuota, Op::kCheckHandles,
-                       Op::kClose,      Op::kCloseRemove,    Op::kReopen,        Op::kDeleteFile,
-                       Op::kBlockFile,  Op::kFileSize,       Op::kQuotaSize,     Op::kLength,
-                       Op::kLargestEmpty, Op::kOrigin,       Op::kTimeout,       Op::kSet};
+constexpr Op kOps[] = {
+    Op::kRead, Op::kCachedRead, Op::kWholeFileRead, Op::kClosedRead, Op::kClosedWholeFileRead, Op::kFetchWrite,
+    Op::kReserve, Op::kClearReserved, Op::kClock, Op::kEvict, Op::kEvictOverQuota, Op::kCheckHandles, Op::kClose,
+    Op::kCloseRemove, Op::kReopen, Op::kDeleteFile, Op::kBlockFile, Op::kFileSize, Op::kQuotaSize, Op::kLength,
+    Op::kLargestEmpty, Op::kOrigin, Op::kTimeout, Op::kSet};
 
 class Bytes {
  public:
@@ -91,15 +90,9 @@ const std::string& CacheDir() {
 }
 
 void EmptyCacheDir(bool remove_dir) {
-  const std::string& dir = CacheDir();
-  if (DIR* stream = opendir(dir.c_str())) {
-    while (dirent* entry = readdir(stream)) {
-      const std::string path = dir + entry->d_name;
-      if (entry->d_name[0] != '.' && rmdir(path.c_str()) != 0) unlink(path.c_str());
-    }
-    closedir(stream);
-  }
-  if (remove_dir) rmdir(dir.c_str());
+  std::error_code ignored;
+  std::filesystem::remove_all(CacheDir(), ignored);
+  if (!remove_dir) std::filesystem::create_directory(CacheDir(), ignored);
 }
 
 // A step, with its numbers kept to what a run can afford: reads fit the

@@ -1,12 +1,10 @@
 // Runs a fuzz target once on every input given: files, or directories whose
 // regular files are taken in name order. This is how the corpora run as plain
 // tests with any compiler, and how a finding is replayed under a debugger.
-#include <dirent.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -15,31 +13,16 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
-namespace {
-
-// `path` itself when it is a regular file, the regular files directly inside
-// it (sorted, so that runs are repeatable) when it is a directory.
-std::vector<std::string> Inputs(const std::string& path) {
-  std::vector<std::string> files;
-  struct stat st {};
-  if (stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode)) files.push_back(path);
-  if (DIR* dir = opendir(path.c_str())) {
-    while (dirent* entry = readdir(dir)) {
-      const std::string file = path + "/" + entry->d_name;
-      if (entry->d_name[0] != '.' && stat(file.c_str(), &st) == 0 && S_ISREG(st.st_mode)) files.push_back(file);
-    }
-    closedir(dir);
-  }
-  std::sort(files.begin(), files.end());
-  return files;
-}
-
-}  // namespace
-
 int main(int argc, char** argv) {
+  namespace fs = std::filesystem;
   std::vector<std::string> inputs;
   for (int i = 1; i < argc; ++i) {
-    std::vector<std::string> files = Inputs(argv[i]);
+    std::error_code error;
+    if (fs::is_regular_file(argv[i], error)) inputs.push_back(argv[i]);
+    std::vector<std::string> files;  // sorted, so that runs are repeatable
+    for (const auto& entry : fs::directory_iterator(argv[i], error))
+      if (entry.is_regular_file() && entry.path().filename().string()[0] != '.') files.push_back(entry.path());
+    std::sort(files.begin(), files.end());
     inputs.insert(inputs.end(), files.begin(), files.end());
   }
   // An empty corpus would make the test pass without running anything.

@@ -8,10 +8,7 @@
 # Exits non-zero when any target found a failure.
 set -uo pipefail
 
-if [ $# -lt 3 ]; then
-  echo "usage: $0 BUILD_DIR SECONDS TARGET..." >&2
-  exit 2
-fi
+[ $# -ge 3 ] || { echo "usage: $0 BUILD_DIR SECONDS TARGET..." >&2; exit 2; }
 build=$(cd "$1" && pwd)
 seconds=$2
 shift 2

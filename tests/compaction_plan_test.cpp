@@ -4,14 +4,14 @@
 
 #include <deque>
 #include <ostream>
-#include <vector>
+#include <tuple>
 
 #include "cache/compaction_plan.h"
 #include "cache/sector.h"
 
 // Found by argument-dependent lookup: SlotMove is a global type.
 bool operator==(const SlotMove& a, const SlotMove& b) {
-  return a.offset == b.offset && a.from == b.from && a.to == b.to;
+  return std::tie(a.offset, a.from, a.to) == std::tie(b.offset, b.from, b.to);
 }
 
 void PrintTo(const SlotMove& m, std::ostream* os) { *os << "{" << m.offset << ": " << m.from << "->" << m.to << "}"; }
@@ -19,42 +19,25 @@ void PrintTo(const SlotMove& m, std::ostream* os) { *os << "{" << m.offset << ":
 namespace {
 
 constexpr long long S = kSectorSize;
+using Slots = std::deque<long long>;
 
 TEST(CompactionPlan, HighestSectorsMoveIntoTheLowestFreeSlots) {
-  struct Case {
-    const char* what;
-    std::vector<_SECTOR_USING> kept;
-    std::deque<long long> free_slots;
-    std::vector<SlotMove> moves;
-  };
+  struct Case { const char* what; std::vector<_SECTOR_USING> kept; Slots free; std::vector<SlotMove> moves; };
   const Case cases[] = {
       {"nothing free, nothing moves", {{0, 0}, {S, S}}, {}, {}},
       {"a hole below the top sector takes it", {{0, 0}, {7 * S, 2 * S}}, {S}, {{7 * S, 2 * S, S}}},
       {"free slots above every sector move nothing", {{0, 0}, {S, S}}, {2 * S, 3 * S}, {}},
-      {"several holes fill from the lowest, highest sector first",
-       {{10 * S, 4 * S}, {11 * S, 3 * S}, {12 * S, 0}},
-       {S, 2 * S},
-       {{10 * S, 4 * S, S}, {11 * S, 3 * S, 2 * S}}},
-      {"a freed slot is reused only while it lies below the next sector",
-       {{5 * S, 3 * S}, {6 * S, 2 * S}},
-       {0},
+      {"several holes fill from the lowest, highest sector first", {{10 * S, 4 * S}, {11 * S, 3 * S}, {12 * S, 0}},
+       {S, 2 * S}, {{10 * S, 4 * S, S}, {11 * S, 3 * S, 2 * S}}},
+      {"a freed slot is reused only while it lies below the next sector", {{5 * S, 3 * S}, {6 * S, 2 * S}}, {0},
        {{5 * S, 3 * S, 0}}},
       {"a sector without a slot never moves", {{9 * S, -1}}, {0}, {}},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    EXPECT_EQ(PlanSlotMoves(c.kept, c.free_slots), c.moves);
-  }
+  for (const Case& c : cases) EXPECT_EQ(PlanSlotMoves(c.kept, c.free), c.moves) << c.what;
 }
 
 TEST(CompactionPlan, OnlyTheFreeSlotsThatEndTheFileAreCut) {
-  struct Case {
-    const char* what;
-    std::deque<long long> free_slots;
-    long long length;
-    long long cut_to;
-    std::deque<long long> left;
-  };
+  struct Case { const char* what; Slots free; long long length; long long cut_to; Slots left; };
   const Case cases[] = {
       {"no free slot", {}, 3 * S, 3 * S, {}},
       {"the last slot", {2 * S}, 3 * S, 2 * S, {}},
@@ -63,11 +46,9 @@ TEST(CompactionPlan, OnlyTheFreeSlotsThatEndTheFileAreCut) {
       {"a free slot before a used last one stays", {S}, 3 * S, 3 * S, {S}},
       {"every slot free", {0, S}, 2 * S, 0, {}},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    std::deque<long long> free_slots = c.free_slots;
-    EXPECT_EQ(CutFreeTail(&free_slots, c.length), c.cut_to);
-    EXPECT_EQ(free_slots, c.left);
+  for (Case c : cases) {
+    EXPECT_EQ(CutFreeTail(&c.free, c.length), c.cut_to) << c.what;
+    EXPECT_EQ(c.free, c.left) << c.what;
   }
 }
 

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <vector>
 
 #include "cache/read_ahead_policy.h"
 #include "cache/sector.h"
@@ -14,21 +13,20 @@ using Verdict = ReadAheadPolicy::Verdict;
 constexpr long long S = kSectorSize;
 constexpr long long M = 1 << 20;
 
+// run_end: where the cached run of the read ends (-1: beyond ramax); at_seconds: since the script's start;
+// block: the size of the block, for kFetch.
 struct Step {
-  long long offset;
-  long long run_end;   // where the cached run of the read ends; -1: beyond ramax
-  double at_seconds;   // since the script's start
+  long long offset, run_end;
+  double at_seconds;
   Verdict verdict;
-  long long block = 0;  // size of the block, for kFetch
+  long long block = 0;
   bool busy = false;
 };
 
 struct Script {
   const char* what;
-  long long ramin;
-  long long ramax;
-  unsigned long long rahit;
-  unsigned long long quota;
+  long long ramin, ramax;
+  unsigned long long rahit, quota;
   long long origin_size;
   std::vector<Step> steps;
 };
@@ -80,18 +78,13 @@ TEST(ReadAheadPolicy, ScriptsOfReads) {
     SCOPED_TRACE(script.what);
     ReadAheadPolicy policy(script.ramin, script.ramax);
     const ReadAheadPolicy::Settings settings{script.origin_size, script.quota, script.rahit, script.ramax};
-    const SteadyTime start{};
-    int index = 0;
     for (const Step& step : script.steps) {
-      SCOPED_TRACE("step " + std::to_string(index++));
-      const auto at = start + std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                  std::chrono::duration<double>(step.at_seconds));
-      const ReadAheadPolicy::Decision decision =
-          policy.Consider({step.offset, 4096, at, step.run_end, step.busy}, settings);
-      EXPECT_EQ(decision.verdict, step.verdict);
+      const SteadyTime at{std::chrono::duration_cast<std::chrono::nanoseconds>(
+          std::chrono::duration<double>(step.at_seconds))};
+      const ReadAheadPolicy::Decision d = policy.Consider({step.offset, 4096, at, step.run_end, step.busy}, settings);
+      EXPECT_EQ(d.verdict, step.verdict) << "read at " << step.offset;
       if (step.verdict == Verdict::kFetch) {
-        EXPECT_EQ(decision.offset, step.run_end);
-        EXPECT_EQ(decision.size, step.block);
+        EXPECT_EQ(std::make_pair(d.offset, d.size), std::make_pair(step.run_end, step.block)) << step.offset;
       }
     }
   }

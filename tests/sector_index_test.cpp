@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <deque>
-#include <vector>
 
 #include "cache/sector.h"
 #include "cache/sector_index.h"
@@ -31,7 +30,7 @@ TEST(SectorIndex, ReservationsAndReadiness) {
   EXPECT_EQ(index.Find(S)->cache_offset, -1) << "no free slot: appended when the bytes come";
 
   long long stop = -1;
-  bool missing = false;
+  bool missing = true;
   EXPECT_TRUE(index.RangeReady(0, S, &stop, &missing));
   EXPECT_FALSE(index.RangeReady(0, 3 * S, &stop, &missing));
   EXPECT_EQ(stop, S);
@@ -57,13 +56,7 @@ TEST(SectorIndex, ReservationsAndReadiness) {
 }
 
 TEST(SectorIndex, RunEndOfTheCachedRun) {
-  struct Case {
-    const char* what;
-    std::vector<long long> sectors;
-    long long offset;
-    long long ramax;
-    long long run_end;
-  };
+  struct Case { const char* what; std::vector<long long> sectors; long long offset, ramax, run_end; };
   const Case cases[] = {
       {"an absent sector is its own run end", {0, S}, 5 * S + 7, 8 * S, 5 * S},
       {"the last sector of an unbroken run", {0, S, 2 * S}, 10, 8 * S, 2 * S},
@@ -71,50 +64,39 @@ TEST(SectorIndex, RunEndOfTheCachedRun) {
       {"a run reaching beyond offset + ramax", {0, S, 2 * S, 3 * S}, 0, 2 * S, -1},
       {"a run ending exactly at offset + ramax", {0, S, 2 * S}, 0, 2 * S, 2 * S},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    EXPECT_EQ(Settled(c.sectors).RunEnd(c.offset, c.ramax), c.run_end);
-  }
+  for (const Case& c : cases) EXPECT_EQ(Settled(c.sectors).RunEnd(c.offset, c.ramax), c.run_end) << c.what;
 }
 
 TEST(SectorIndex, FetchedBytesFindTheirSlots) {
-  int asked = 0;
-  auto end_of_file = [&asked] {
-    ++asked;
-    return 9 * S;
-  };
+  int asked = 0;  // the file's end is asked for only when no slot is free
+  auto end_of_file = [&asked] { return ++asked, 9 * S; };
   SectorIndex index = Settled({0, S});
   index.Drop(0);  // slot 0 is free
-
-  SectorIndex::Placement placed = index.PlaceFetched(4 * S, 100, kStart, end_of_file);
-  EXPECT_EQ(placed.was, SectorIndex::Placed::kNew);
-  EXPECT_EQ(placed.sector->cache_offset, 0);
-  EXPECT_FALSE(placed.appended);
-  EXPECT_EQ(asked, 0) << "the file's end is asked for only when no slot is free";
-
-  placed = index.PlaceFetched(5 * S, S, kStart, end_of_file);
-  EXPECT_EQ(placed.sector->cache_offset, 9 * S);
-  EXPECT_TRUE(placed.appended);
-
-  index.InsertReserved(6 * S, 0, kStart);
-  placed = index.PlaceFetched(6 * S, 200, kStart, end_of_file);
-  EXPECT_EQ(placed.was, SectorIndex::Placed::kReserved);
-  EXPECT_TRUE(placed.appended);
-  EXPECT_EQ(placed.sector->size, 200);
-
-  placed = index.PlaceFetched(S, 300, kStart, end_of_file);
-  EXPECT_EQ(placed.was, SectorIndex::Placed::kSettled);
-  EXPECT_EQ(placed.sector->cache_offset, S) << "a settled sector keeps its slot";
-  EXPECT_FALSE(placed.appended);
-  EXPECT_EQ(asked, 2);
+  // Each fetched piece in turn: sector, size -> how it was placed, its slot, appended, size kept.
+  struct Case { long long sector, size; SectorIndex::Placed was; long long slot; bool appended; int asked; };
+  const Case cases[] = {
+      {4 * S, 100, SectorIndex::Placed::kNew, 0, false, 0},
+      {5 * S, S, SectorIndex::Placed::kNew, 9 * S, true, 1},
+      {6 * S, 200, SectorIndex::Placed::kReserved, 9 * S, true, 2},
+      {S, 300, SectorIndex::Placed::kSettled, S, false, 2},  // a settled sector keeps its slot
+  };
+  for (const Case& c : cases) {
+    if (c.was == SectorIndex::Placed::kReserved) index.InsertReserved(c.sector, 0, kStart);
+    const SectorIndex::Placement placed = index.PlaceFetched(c.sector, c.size, kStart, end_of_file);
+    EXPECT_EQ(placed.was, c.was) << c.sector;
+    EXPECT_EQ(placed.sector->cache_offset, c.slot) << c.sector;
+    EXPECT_EQ(placed.sector->size, c.size) << c.sector;
+    EXPECT_EQ(placed.appended, c.appended) << c.sector;
+    EXPECT_EQ(asked, c.asked) << c.sector;
+  }
 }
 
 TEST(SectorIndex, OldSectorsAndLostSlots) {
   SectorIndex index = Settled({0, S, 2 * S, 3 * S});
-  index.Find(0)->hits = 1;                       // read, 100 s old
-  index.Find(S)->access_time = At(50);           // never read, 50 s old at 100 s
-  index.Find(2 * S)->access_time = At(1000);     // from the future: very old
-  index.InsertReserved(4 * S, 0, kStart);        // on its way: never selected
+  index.Find(0)->hits = 1;                    // read, 100 s old
+  index.Find(S)->access_time = At(50);        // never read, 50 s old at 100 s
+  index.Find(2 * S)->access_time = At(1000);  // from the future: very old
+  index.InsertReserved(4 * S, 0, kStart);     // on its way: never selected
   // Read sectors go after 60 s, unread ones after 120 s.
   EXPECT_EQ(index.SelectOld(At(100), 60, 120), (std::vector<long long>{0, 2 * S}));
   EXPECT_EQ(index.SelectOld(At(200), 60, 120), (std::vector<long long>{0, S, 2 * S, 3 * S}));

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <chrono>
 
+#include "cache/sector.h"
+
 long long FakeOrigin::FirstMismatch(const char* data, long long offset, long long length) {
   for (long long i = 0; i < length; ++i)
     if (data[i] != ByteAt(offset + i)) return i;
@@ -18,27 +20,20 @@ long long FakeOrigin::Fetch(long long offset, long length, std::shared_ptr<_FS_H
     changed_.notify_all();
     changed_.wait(guard, [this] { return !blocked_; });
   }
-  Mode mode = mode_.load();
+  const Mode mode = mode_.load();
   if (mode == Mode::kFail) return 1;
   if (mode == Mode::kNothing) return 0;
   long long end = offset + length;
-  if (mode == Mode::kShort) end = offset + std::max<long long>(524288, (length / 2) / 524288 * 524288);
-  if (mode == Mode::kExtra) end += 524288;
+  if (mode == Mode::kShort) end = offset + std::max(kSectorSize, SectorOf(length / 2));
+  if (mode == Mode::kExtra) end += kSectorSize;
   end = std::min(end, size_);
-  long piece = delivery_.load();
   std::vector<char> bytes;
-  for (long long position = offset; position < end;) {
-    long long n = piece > 0 ? std::min<long long>(piece, end - position) : end - position;
-    bytes.resize(static_cast<size_t>(n));
-    for (long long i = 0; i < n; ++i) bytes[static_cast<size_t>(i)] = ByteAt(position + i);
+  for (long long position = offset; position < end; position += kSectorSize) {
+    bytes.resize(static_cast<size_t>(std::min(kSectorSize, end - position)));
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = ByteAt(position + static_cast<long long>(i));
     long written = 0;
-    int result = callback->FetchWrite(position, bytes.data(), static_cast<long>(n), &written);
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      write_results_.push_back(result);
-    }
+    const int result = callback->FetchWrite(position, bytes.data(), static_cast<long>(bytes.size()), &written);
     if (result != 0) return result;
-    position += n;
   }
   return 0;
 }
@@ -69,26 +64,13 @@ std::vector<std::pair<long long, long>> FakeOrigin::Requests() const {
   return requests_;
 }
 
-long long FakeOrigin::BytesFetched() const {
-  std::lock_guard<std::mutex> guard(lock_);
-  long long total = 0;
-  for (const auto& r : requests_) total += std::min<long long>(r.second, std::max<long long>(0, size_ - r.first));
-  return total;
-}
-
 void FakeOrigin::ClearRequests() {
   std::lock_guard<std::mutex> guard(lock_);
   requests_.clear();
-  write_results_.clear();
   handles_.clear();
 }
 
 std::vector<_FS_HANDLE> FakeOrigin::Handles() const {
   std::lock_guard<std::mutex> guard(lock_);
   return handles_;
-}
-
-std::vector<int> FakeOrigin::WriteResults() const {
-  std::lock_guard<std::mutex> guard(lock_);
-  return write_results_;
 }

@@ -1,5 +1,5 @@
-// A deterministic origin: the byte at offset x is ByteAt(x). It records every
-// range it is asked for and can be told to fail, to deliver short, to deliver
+// A deterministic origin: the byte at offset x is ByteAt(x), delivered a
+// sector per call. It records every range it is asked for and can be told to fail, to deliver short, to deliver
 // nothing, to deliver more than asked, or to block until released.
 #pragma once
 
@@ -39,8 +39,6 @@ class FakeOrigin : public IFetch {
 
   long long size() const { return size_; }
   void set_mode(Mode mode) { mode_.store(mode); }
-  // Size of each FetchWrite call; 0 delivers the whole range in one call.
-  void set_delivery(long bytes) { delivery_.store(bytes); }
   // While blocked, Fetch waits (after recording the request) until Release.
   void Block();
   void Release();
@@ -48,10 +46,7 @@ class FakeOrigin : public IFetch {
   bool WaitForRequests(size_t n);
 
   std::vector<std::pair<long long, long>> Requests() const;
-  long long BytesFetched() const;
   void ClearRequests();
-  // Results of the callback's FetchWrite calls, in order.
-  std::vector<int> WriteResults() const;
   // The handles Fetch was given, in order, and how often HandleInfo was asked.
   std::vector<_FS_HANDLE> Handles() const;
   int HandleInfoCalls() const { return handle_infos_.load(); }
@@ -59,12 +54,10 @@ class FakeOrigin : public IFetch {
  private:
   const long long size_;
   std::atomic<Mode> mode_{Mode::kNormal};
-  std::atomic<long> delivery_{524288};
   mutable std::mutex lock_;
   std::condition_variable changed_;
   bool blocked_ = false;                              // guarded by lock_
   std::vector<std::pair<long long, long>> requests_;  // guarded by lock_
-  std::vector<int> write_results_;                    // guarded by lock_
   std::vector<_FS_HANDLE> handles_;                   // guarded by lock_
   std::atomic<int> handle_infos_{0};
 };

@@ -11,10 +11,7 @@ std::string FileContents(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-bool Exists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
-}
+bool Exists(const std::string& path) { return FileSize(path) >= 0; }
 
 long long FileSize(const std::string& path) {
   struct stat st;

@@ -30,40 +30,27 @@
 
 class ReadPathModel {
  public:
+  // Each step's operands (a, b) and expectations (want, served):
+  //  - reads: a offset, b size; want the status, served the bytes transferred. kCachedRead has no
+  //    fetcher, kClosed* a handle the client has closed;
+  //  - kFetchWrite: b origin bytes (at most to the end of the file) of the sector of a, from its start,
+  //    at offset a; want the result. kReserve, kClearReserved: a offset, b length; want the status;
+  //  - kClock: a ms more on the clock; kCheckHandles the same, want 1 when the idle stream was closed;
+  //  - kEvict*: want the cache file's length after the pass, as kLength; kClose*: want the status;
+  //  - kReopen: a new cache object for the same origin file; kDeleteFile behind the cache's back;
+  //    kBlockFile: a directory takes the cache file's name, if it is free; kBreakStream: writes through
+  //    the cache's stream fail until kMendStream;
+  //  - want: kFileSize GetFileSize(), kQuotaSize GetFileSizeForQuota(), kLength the cache file's length
+  //    on disk (-1 when there is none), kLargestEmpty GetLargestEmptyOffset(a), kHeld the tasks held;
+  //  - kSlot: slot a holds `want` bytes of the origin from offset b, then zeros; kSlotStart starts so;
+  //  - kQueue: a QueueMode; kRunHeld waits until the queue is idle;
+  //  - kOrigin: a OriginMode (or kMixed + a pattern byte), b sectors per delivery (0: 1);
+  //  - kTimeout: a the time-out of later fetching reads, ms; kSet: a Setting, b its value.
   enum class Op {
-    kRead,            // a: offset, b: size; want: status, served: bytes transferred
-    kCachedRead,      // the same without a fetcher
-    kWholeFileRead,
-    kClosedRead,      // with a handle the client has closed
-    kClosedWholeFileRead,
-    kFetchWrite,      // b origin bytes (at most to the end of the file) of the sector of a, from its
-                      // start, at offset a; want: result
-    kReserve,         // a: offset, b: length; want: status
-    kClearReserved,
-    kClock,           // a: milliseconds
-    kEvict,           // want: the cache file's length after the pass, as kLength
-    kEvictOverQuota,
-    kCheckHandles,    // after a ms more on the clock; want: 1 when the idle stream was closed
-    kClose,           // want: status
-    kCloseRemove,
-    kReopen,          // a new cache object for the same origin file
-    kDeleteFile,      // behind the cache's back
-    kBlockFile,       // a directory takes the cache file's name, if it is free
-    kBreakStream,     // writes through the cache's stream fail until kMendStream
-    kMendStream,
-    kFileSize,        // want: GetFileSize()
-    kQuotaSize,       // want: GetFileSizeForQuota()
-    kLength,          // want: the cache file's length on disk, -1 when there is none
-    kLargestEmpty,    // want: GetLargestEmptyOffset(a)
-    kSlot,            // slot a holds `want` bytes of the origin from offset b, then zeros
-    kSlotStart,       // slot a starts with `want` bytes of the origin from offset b
-    kQueue,           // a: QueueMode
-    kRunHeld,         // and waits until the queue is idle
-    kCancelHeld,
-    kHeld,            // want: tasks held
-    kOrigin,          // a: OriginMode (or kMixed + a pattern byte), b: sectors per delivery (0: 1)
-    kTimeout,         // a: the time-out of later fetching reads, ms
-    kSet,             // a: Setting, b: value
+    kRead, kCachedRead, kWholeFileRead, kClosedRead, kClosedWholeFileRead, kFetchWrite, kReserve, kClearReserved,
+    kClock, kEvict, kEvictOverQuota, kCheckHandles, kClose, kCloseRemove, kReopen, kDeleteFile, kBlockFile,
+    kBreakStream, kMendStream, kFileSize, kQuotaSize, kLength, kLargestEmpty, kSlot, kSlotStart, kQueue, kRunHeld,
+    kCancelHeld, kHeld, kOrigin, kTimeout, kSet,
   };
   enum Setting { kRaHit, kRaMin, kRaMax, kReadTimeout, kReadFetchMax, kClrUsed, kClrUnused, kClrOverUsed,
                  kClrOverUnused, kQuota };

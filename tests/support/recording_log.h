@@ -21,12 +21,6 @@ class RecordingLog : public ILog {
   std::vector<std::pair<LOGLEVEL, std::string>> Lines() const;
   // Lines whose text contains `needle`.
   int Count(const std::string& needle) const;
-  bool Contains(const std::string& needle) const { return Count(needle) > 0; }
-  // The level of the first line containing `needle`, or 0.
-  int LevelOf(const std::string& needle) const;
-  // Index of the first line containing `needle`, or -1.
-  int IndexOf(const std::string& needle) const;
-  void Clear();
 
  private:
   mutable std::mutex lock_;

@@ -22,12 +22,7 @@ TestQueue::~TestQueue() {
 
 void TestQueue::Enqueue(IAsyncObj* work, void* param) {
   std::lock_guard<std::mutex> guard(lock_);
-  ++enqueued_;
-  if (mode_ == Mode::kHold) {
-    held_.push_back({work, param, false});
-  } else {
-    ready_.push_back({work, param, mode_ == Mode::kDrop});
-  }
+  (mode_ == Mode::kHold ? held_ : ready_).push_back({work, param, mode_ == Mode::kDrop});
   changed_.notify_all();
 }
 
@@ -41,34 +36,20 @@ size_t TestQueue::Held() {
   return held_.size();
 }
 
-void TestQueue::RunHeld() {
-  std::lock_guard<std::mutex> guard(lock_);
-  while (!held_.empty()) {
-    ready_.push_back(held_.front());
-    held_.pop_front();
-  }
-  changed_.notify_all();
-}
+void TestQueue::RunHeld() { Release(false); }
 
-void TestQueue::CancelHeld() {
+void TestQueue::CancelHeld() { Release(true); }
+
+void TestQueue::Release(bool cancel) {
   std::lock_guard<std::mutex> guard(lock_);
-  while (!held_.empty()) {
-    Item item = held_.front();
-    held_.pop_front();
-    item.cancel = true;
-    ready_.push_back(item);
-  }
+  for (Item& item : held_) ready_.push_back({item.work, item.param, cancel});
+  held_.clear();
   changed_.notify_all();
 }
 
 bool TestQueue::WaitIdle() {
   std::unique_lock<std::mutex> guard(lock_);
   return changed_.wait_for(guard, std::chrono::seconds(10), [this] { return ready_.empty() && running_ == 0; });
-}
-
-int TestQueue::Enqueued() {
-  std::lock_guard<std::mutex> guard(lock_);
-  return enqueued_;
 }
 
 void TestQueue::Worker() {
@@ -80,11 +61,7 @@ void TestQueue::Worker() {
     ready_.pop_front();
     ++running_;
     guard.unlock();
-    if (item.cancel) {
-      item.work->Canceled(item.param);
-    } else {
-      item.work->Process(item.param);
-    }
+    item.cancel ? item.work->Canceled(item.param) : item.work->Process(item.param);
     guard.lock();
     --running_;
     changed_.notify_all();

@@ -35,7 +35,6 @@ class TestQueue : public IAsyncQueue {
   void CancelHeld();
   // Waits until no task is queued or running; false after ~10 s.
   bool WaitIdle();
-  int Enqueued();
 
  private:
   struct Item {
@@ -43,6 +42,7 @@ class TestQueue : public IAsyncQueue {
     void* param;
     bool cancel;
   };
+  void Release(bool cancel);
   void Worker();
 
   std::mutex lock_;
@@ -52,7 +52,6 @@ class TestQueue : public IAsyncQueue {
   std::deque<Item> ready_;
   std::deque<Item> held_;
   int running_ = 0;
-  int enqueued_ = 0;
   bool stopping_ = false;
 
   std::vector<std::thread> workers_;
