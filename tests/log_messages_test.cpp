@@ -260,7 +260,7 @@ const Row kRows[] = {
        {
          Cache cache(e.dir.path().c_str(), 0);
          const std::string limit = LocaleNumber(static_cast<long long>(cache.GetLimit()));
-         EXPECT_TRUE(WaitFor([&] { return e.log.Contains("Cache quota manager started"); }));
+         EXPECT_TRUE(WaitFor([&] { return e.log.Count("Cache quota manager started") > 0; }));
          EXPECT_EQ(cache.SetConfiguration(R"({"cache":{"ra":{"hit":1,"min":2,"max":3},"read":{"timeout":4,
              "maxfetch":5},"clear":{"period":0,"usedblock":7,"unusedblock":8,"over":{"usedblock":9,
              "unusedblock":10}}}})"), kOk);
