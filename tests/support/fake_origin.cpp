@@ -5,6 +5,10 @@
 
 #include "cache/sector.h"
 
+void FakeOrigin::Fill(char* out, long long offset, long long length) {
+  for (long long i = 0; i < length; ++i) out[i] = ByteAt(offset + i);
+}
+
 long long FakeOrigin::FirstMismatch(const char* data, long long offset, long long length) {
   for (long long i = 0; i < length; ++i)
     if (data[i] != ByteAt(offset + i)) return i;
@@ -30,7 +34,7 @@ long long FakeOrigin::Fetch(long long offset, long length, std::shared_ptr<_FS_H
   std::vector<char> bytes;
   for (long long position = offset; position < end; position += kSectorSize) {
     bytes.resize(static_cast<size_t>(std::min(kSectorSize, end - position)));
-    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = ByteAt(position + static_cast<long long>(i));
+    Fill(bytes.data(), position, static_cast<long long>(bytes.size()));
     long written = 0;
     const int result = callback->FetchWrite(position, bytes.data(), static_cast<long>(bytes.size()), &written);
     if (result != 0) return result;

@@ -4,11 +4,13 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 
 std::string FileContents(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  std::ostringstream out;  // copied in blocks: byte by byte is slow under the thread sanitizer
+  out << in.rdbuf();
+  return out.str();
 }
 
 bool Exists(const std::string& path) { return FileSize(path) >= 0; }

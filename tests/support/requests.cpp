@@ -20,7 +20,7 @@ std::vector<char> Pattern(size_t size, char seed) {
 
 std::vector<char> OriginBytes(long long offset, long long size) {
   std::vector<char> bytes(static_cast<size_t>(size));
-  for (long long i = 0; i < size; ++i) bytes[static_cast<size_t>(i)] = FakeOrigin::ByteAt(offset + i);
+  FakeOrigin::Fill(bytes.data(), offset, size);
   return bytes;
 }
 
