@@ -15,7 +15,7 @@ export ASAN_OPTIONS  ?= detect_leaks=1:abort_on_error=1:strict_string_checks=1
 export UBSAN_OPTIONS ?= halt_on_error=1:print_stacktrace=1
 export TSAN_OPTIONS  ?= halt_on_error=1:second_deadlock_stack=1
 
-.PHONY: all deps build build-san build-tsan check-locks test test-plain test-san test-tsan check bench demo soak fuzz clean
+.PHONY: all deps build build-san build-tsan check-locks test test-plain test-san test-tsan run-plain run-san run-tsan check bench demo soak fuzz clean
 
 all: build
 
@@ -40,9 +40,15 @@ build-tsan: deps
 	cmake --build $(TSAN_BUILD) -j $(JOBS) --target $(TSAN_TARGETS)
 
 test-plain: build
-	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 300
+	$(MAKE) --no-print-directory run-plain
 
 test-san: build-san
+	$(MAKE) --no-print-directory run-san
+
+run-plain:
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 300
+
+run-san:
 	cd $(SAN_BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 600
 
 # Everything but the `slow` label (160 MiB through a FUSE mount):
@@ -50,6 +56,9 @@ test-san: build-san
 # run, and the quota thread racing readers that it exercises is covered here
 # by the quota manager tests and the other mount tests.
 test-tsan: build-tsan
+	$(MAKE) --no-print-directory run-tsan
+
+run-tsan:
 	cd $(TSAN_BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 300 -L 'unit|fault' -LE fuzz
 
 # The quick loop: the plain build's unit and fault tests.
@@ -64,7 +73,11 @@ check-locks: deps
 	  -DCMAKE_CXX_COMPILER=clang++ -DKORV_THREAD_SAFETY=ON $(TEST_FLAGS)
 	cmake --build $(CLANG_BUILD) -j $(JOBS) --target korv_internal korvcache
 
-test: check-locks test-plain test-san test-tsan
+# Each build's tests run while the next build compiles (scripts/alongside.sh).
+test: check-locks build
+	bash scripts/alongside.sh '$(MAKE) --no-print-directory run-plain' '$(MAKE) --no-print-directory build-san'
+	bash scripts/alongside.sh '$(MAKE) --no-print-directory run-san' '$(MAKE) --no-print-directory build-tsan'
+	$(MAKE) --no-print-directory run-tsan
 
 # The micro-benchmarks (about 35 s), then the client benchmark (nginx, FUSE
 # mounts, rclone; about 5 minutes, stopped at 13): figures and targets in
