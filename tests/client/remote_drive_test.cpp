@@ -28,7 +28,7 @@ class FaultyOrigin : public Origin {
  public:
   explicit FaultyOrigin(std::unique_ptr<Origin> inner) : inner_(std::move(inner)) {}
 
-  std::atomic<bool> down{false}, refuse_uploads{false};
+  std::atomic<bool> down{false}, refuse_uploads{false}, refuse_reads{false};
   std::atomic<int> reads{0};
   std::function<void()> before_upload = [] {};
 
@@ -41,7 +41,7 @@ class FaultyOrigin : public Origin {
   }
   OriginStatus ReadRange(const std::string& path, long long offset, long long length, const std::string& validator,
                          const ByteSink& sink, std::string* error) override {
-    if (down) return Down(error);
+    if (down || refuse_reads) return Down(error);
     ++reads;
     return inner_->ReadRange(path, offset, length, validator, sink, error);
   }
@@ -237,8 +237,13 @@ TEST_F(DriveTest, UnreachableOriginServesWhatIsCachedAndFailsTheRestNeverWithZer
   EXPECT_EQ(drive_->Truncate("/r.bin", writer.get(), 2 * kSector + 5), -EIO);
   EXPECT_EQ(drive_->Flush(writer.get()), -EIO);
   EXPECT_TRUE(Same(OnOrigin("r.bin"), bytes.substr(0, 3 * kSector))) << "a partial upload replaced the origin's file";
-
+  // Nor when only its holes cannot be fetched and the origin would take the upload.
   faulty_->down = false;
+  faulty_->refuse_reads = true;
+  EXPECT_EQ(drive_->Flush(writer.get()), -EIO);
+  EXPECT_TRUE(Same(OnOrigin("r.bin"), bytes.substr(0, 3 * kSector))) << "holes uploaded as zeros";
+  faulty_->refuse_reads = false;
+
   EXPECT_TRUE(Same(ReadRange(reader.get(), 6 * kSector, 1000), bytes.substr(6 * kSector, 1000)));
   EXPECT_EQ(drive_->Flush(writer.get()), 0);
   EXPECT_TRUE(Same(OnOrigin("r.bin"), "x" + bytes.substr(1, 3 * kSector - 1)));

@@ -58,8 +58,13 @@ TEST_F(QuotaManagerTest, ClearsOldSectorsOnlyWhileOverTheLimit) {
   AdvanceClockForTesting(5s);
   cache->RunQuotaPassNow();
   EXPECT_EQ(FileSize(cached[0]), size) << "cleared under the limit";
-  // A sparse ballast puts the directory over its limit.
-  ASSERT_EQ(truncate(dir_.Write("ballast", "").c_str(), 2 * static_cast<off_t>(cache->GetLimit())), 0);
+  // A sparse ballast fills the directory to exactly its limit, which is not
+  // over it; one byte more is.
+  const std::string ballast = dir_.Write("ballast", "");
+  ASSERT_EQ(truncate(ballast.c_str(), static_cast<off_t>(cache->GetLimit()) - BytesInDirectory(dir_.path())), 0);
+  cache->RunQuotaPassNow();
+  EXPECT_EQ(FileSize(cached[0]), size) << "cleared at the limit";
+  ASSERT_EQ(truncate(ballast.c_str(), FileSize(ballast) + 1), 0);
   cache->RunQuotaPassNow();
   EXPECT_TRUE(SectorCacheFiles(dir_.path()).empty());
 }
