@@ -17,6 +17,7 @@
 // Calls the installed hook, if any, with `name`.
 void ReachTestPoint(const char* name);
 
-// Installs `hook` for every later point (an empty one removes it). A hook
-// running on another thread while it is replaced finishes with the old one.
+// Installs `hook` for every later point (an empty one removes it). Returns
+// once no thread runs the hook it replaced, so whatever that hook used may be
+// destroyed; a thread the old hook holds must have been let go first.
 void SetTestPointHook(std::function<void(const char* name)> hook);

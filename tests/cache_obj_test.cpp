@@ -98,7 +98,7 @@ TEST_F(CacheObjTest, ReadersThroughWorkersGetOriginBytesWhileModesSwitch) {
     for (int i = 0; switching && reads.load() < 4 * kReads; ++i) {
       const int seen = reads.load();
       EXPECT_EQ(obj.SetMode(i % 2 == 0 ? 'w' : 'r', origin_.size(), &origin_), kOk);
-      while (reads.load() == seen) std::this_thread::yield();
+      while (reads.load() == seen && reads.load() < 4 * kReads) std::this_thread::yield();
     }
     for (auto& r : readers) r.join();
     EXPECT_EQ(wrong.load(), 0) << (switching ? "with mode switches" : "read-only");

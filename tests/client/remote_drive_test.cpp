@@ -313,7 +313,10 @@ TEST_F(DriveTest, AnUploadInProgressStallsNoOpen) {
   std::promise<void> entered, release;
   faulty_->before_upload = [&, held = release.get_future().share()] { entered.set_value(), held.wait(); };
   auto flushed = std::async(std::launch::async, [&] { return drive_->Flush(writer.get()); });
-  entered.get_future().wait();
+  if (entered.get_future().wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
+    release.set_value();
+    FAIL() << "the upload never started";
+  }
   auto opened = std::async(std::launch::async, [&] { return ReadWhole("/b.bin") + "|" + ReadWhole("/a.bin"); });
   const bool in_time = opened.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
   release.set_value();

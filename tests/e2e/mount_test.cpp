@@ -70,8 +70,11 @@ class MountTest : public ::testing::Test {
   void Start(const std::string& server_extra, const std::vector<std::string>& options) {
     std::string why;
     if (!NginxServer::Installed(&why)) GTEST_SKIP() << why;
-    if (access("/dev/fuse", R_OK | W_OK) != 0 || (getuid() != 0 && access("/usr/bin/fusermount3", X_OK) != 0)) {
-      GTEST_SKIP() << "FUSE tests skipped: no /dev/fuse, or not root and no fusermount3";
+    // Opened, not only looked up: a container may list the device and refuse it.
+    const int fuse = open("/dev/fuse", O_RDWR | O_CLOEXEC);
+    if (fuse >= 0) close(fuse);
+    if (fuse < 0 || (getuid() != 0 && access("/usr/bin/fusermount3", X_OK) != 0)) {
+      GTEST_SKIP() << "FUSE tests skipped: /dev/fuse cannot be opened, or not root and no fusermount3";
     }
     nginx_ = std::make_unique<NginxServer>(server_extra);
     ASSERT_TRUE(nginx_->Start(&why)) << why;
