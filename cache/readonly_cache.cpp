@@ -15,6 +15,7 @@
 #include "common/file_io.h"
 #include "common/process.h"
 #include "common/split.h"
+#include "common/test_point.h"
 
 namespace {
 
@@ -97,7 +98,10 @@ std::shared_ptr<FILE> ReadonlyCache::OpenStream(bool index_locked) {
       }
     }
     FILE* stream = CacheFileIo().Open(cache_path_, "r+");
-    if (stream == nullptr) stream = CacheFileIo().Open(cache_path_, "w+");
+    if (stream == nullptr) {
+      KORV_TEST_POINT("sector cache: creating its file");
+      stream = CacheFileIo().Open(cache_path_, "w+");
+    }
     int open_errno = errno;
     handle_ = stream;
     if (stream != nullptr) {

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <random>
 #include <thread>
 
@@ -11,6 +13,7 @@
 #include "support/fake_config.h"
 #include "support/requests.h"
 #include "support/temp_dir.h"
+#include "support/test_point_gate.h"
 #include "support/test_queue.h"
 
 namespace {
@@ -39,6 +42,25 @@ TEST_F(CacheObjTest, ModesAreCheckedAtCreationAndOnSwitch) {
   EXPECT_EQ(obj.GetHashIndex(), "dir/a.bin");
   obj.SetHashIndex("dir/b.bin");
   EXPECT_EQ(obj.GetHashIndex(), "dir/b.bin");
+}
+
+// Two first readers of a fresh sector cache: the first is held just before
+// it creates the file. The second must wait for it rather than create the
+// file as well, which would let the first's creation cut off the sectors the
+// second had written meanwhile. The bounded wait gives a second reader that
+// is not kept out the time to write its sectors.
+TEST_F(CacheObjTest, FirstReadersCreateTheFileOnce) {
+  CacheObj obj = Make("a.bin", 'r');
+  TestPointGate gate("sector cache: creating its file");
+  auto first = std::async(std::launch::async, [&] { return Served(obj, origin_, 0, 1000); });
+  ASSERT_TRUE(gate.WaitUntilHeld());
+  auto second = std::async(std::launch::async, [&] { return Served(obj, origin_, 8 * kMiB, 1000); });
+  second.wait_for(std::chrono::seconds(1));
+  gate.Release();
+  EXPECT_TRUE(first.get());
+  EXPECT_TRUE(second.get());
+  EXPECT_TRUE(Served(obj, origin_, 8 * kMiB, 1000));
+  EXPECT_TRUE(Served(obj, origin_, 0, 1000));
 }
 
 TEST_F(CacheObjTest, CloseWithForceLeavesNoFile) {
