@@ -1,6 +1,7 @@
 // A deterministic origin: the byte at offset x is ByteAt(x), delivered a
-// sector per call. It records every range it is asked for and can be told to fail, to deliver short, to deliver
-// nothing, to deliver more than asked, or to block until released.
+// sector per call. It records every range it is asked for and can be told to
+// fail, to deliver short, to deliver nothing, to deliver more than asked, or
+// to block until released.
 #pragma once
 
 #include <atomic>
