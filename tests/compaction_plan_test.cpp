@@ -21,11 +21,9 @@ namespace {
 constexpr long long S = kSectorSize;
 using Slots = std::deque<long long>;
 
-TEST(CompactionPlan, HighestSectorsMoveIntoTheLowestFreeSlots) {
-  struct Case { const char* what; std::vector<_SECTOR_USING> kept; Slots free; std::vector<SlotMove> moves; };
-  const Case cases[] = {
-      {"nothing free, nothing moves", {{0, 0}, {S, S}}, {}, {}},
-      {"a hole below the top sector takes it", {{0, 0}, {7 * S, 2 * S}}, {S}, {{7 * S, 2 * S, S}}},
+TEST(CompactionPlan, HighestSectorsMoveIntoTheLowestFreeSlotsAndTheFreeTailIsCut) {
+  struct Moves { const char* what; std::vector<_SECTOR_USING> kept; Slots free; std::vector<SlotMove> moves; };
+  const Moves moves[] = {
       {"free slots above every sector move nothing", {{0, 0}, {S, S}}, {2 * S, 3 * S}, {}},
       {"several holes fill from the lowest, highest sector first", {{10 * S, 4 * S}, {11 * S, 3 * S}, {12 * S, 0}},
        {S, 2 * S}, {{10 * S, 4 * S, S}, {11 * S, 3 * S, 2 * S}}},
@@ -33,20 +31,16 @@ TEST(CompactionPlan, HighestSectorsMoveIntoTheLowestFreeSlots) {
        {{5 * S, 3 * S, 0}}},
       {"a sector without a slot never moves", {{9 * S, -1}}, {0}, {}},
   };
-  for (const Case& c : cases) EXPECT_EQ(PlanSlotMoves(c.kept, c.free), c.moves) << c.what;
-}
+  for (const Moves& c : moves) EXPECT_EQ(PlanSlotMoves(c.kept, c.free), c.moves) << c.what;
 
-TEST(CompactionPlan, OnlyTheFreeSlotsThatEndTheFileAreCut) {
-  struct Case { const char* what; Slots free; long long length; long long cut_to; Slots left; };
-  const Case cases[] = {
-      {"no free slot", {}, 3 * S, 3 * S, {}},
-      {"the last slot", {2 * S}, 3 * S, 2 * S, {}},
+  struct Cut { const char* what; Slots free; long long length; long long cut_to; Slots left; };
+  const Cut cuts[] = {
       {"a run of last slots, in any order", {3 * S, S, 2 * S}, 4 * S, S, {}},
-      {"a gap stops the cut", {0, 2 * S}, 3 * S, 2 * S, {0}},
+      {"a gap stops the cut", {2 * S, 0}, 3 * S, 2 * S, {0}},
       {"a free slot before a used last one stays", {S}, 3 * S, 3 * S, {S}},
       {"every slot free", {0, S}, 2 * S, 0, {}},
   };
-  for (Case c : cases) {
+  for (Cut c : cuts) {
     EXPECT_EQ(CutFreeTail(&c.free, c.length), c.cut_to) << c.what;
     EXPECT_EQ(c.free, c.left) << c.what;
   }

@@ -45,13 +45,9 @@ struct Env {
   }
 };
 
-using Lines = std::vector<std::pair<LOGLEVEL, std::string>>;
-
-// A line as the library writes it: the tag, then `text`.
-std::pair<LOGLEVEL, std::string> Line(LOGLEVEL level, const std::string& text) {
-  return {level, "[CACHE     ] " + text};
-}
-constexpr LOGLEVEL kDebug = LOGLEVEL_DEBUG, kInfo = LOGLEVEL_INFO, kWarn = LOGLEVEL_WARNING, kError = LOGLEVEL_ERROR;
+// Each line's level as a letter (Debug, Info, Warning, Error), a blank, then
+// the text after the tag "[CACHE     ] ".
+using Lines = std::vector<std::string>;
 
 // One read of 100 bytes at `offset` through `file` into `buffer`, or a buffer of its own.
 unsigned int ReadAt(ICacheFile& file, long long offset, FakeOrigin* origin, long long timeout = 0,
@@ -70,86 +66,68 @@ struct Row {
 };
 
 const Row kRows[] = {
-    {"cache object created and switched",
-     [](Env& e) {
+    {"cache object created and switched", [](Env& e) {
        CacheObj obj(e.Dir(), "a.bin", 'r', e.origin.size(), &e.origin, &e.config, "d/a.bin");
        EXPECT_EQ(obj.SetMode('x', e.origin.size(), &e.origin), kErrInvalidMode);
        EXPECT_EQ(obj.SetMode('w', e.origin.size(), &e.origin), kOk);
        EXPECT_EQ(obj.SetMode('r', e.origin.size(), &e.origin), kOk);
-       return Lines{Line(kInfo, "Create cache for a.bin:r"), Line(kInfo, "[a.bin] Read only cache initialized"),
-                    Line(kError, "SetMode : Invalid cache mode"),
-                    Line(kInfo, "SetMode : Read-only cache found. Change to writable cache."),
-                    Line(kInfo, "[a.bin] Writable cache created"),
-                    Line(kInfo, "SetMode : Writable cache found. Change to read-only cache.")};
+       return Lines{"I Create cache for a.bin:r", "I [a.bin] Read only cache initialized",
+                    "E SetMode : Invalid cache mode", "I SetMode : Read-only cache found. Change to writable cache.",
+                    "I [a.bin] Writable cache created", "I SetMode : Writable cache found. Change to read-only cache."};
      }},
-    {"sector cache file deleted while closed for idleness",
-     [](Env& e) {
+    {"sector cache file deleted while closed for idleness, then blocked", [](Env& e) {
        ReadonlyCache cache(e.Dir(), "gone.bin", e.origin.size(), &e.config);
-       ReadAt(cache, 0, &e.origin);
-       AdvanceClockForTesting(TimedHandle::kIdleTimeout);
-       EXPECT_TRUE(cache.CheckHandles());
-       EXPECT_EQ(std::remove(cache.GetCachePath().c_str()), 0);
-       EXPECT_EQ(ReadAt(cache, 0, &e.origin), kOk);
-       return Lines{Line(kDebug, "[" + cache.GetCachePath() + "] Cache handle closed"),
-                    Line(kWarn, "Cache file is deleted. Clear cache information. : " + cache.GetCachePath())};
-     }},
-    {"sector cache file cannot be opened",
-     [](Env& e) {
-       ReadonlyCache cache(e.Dir(), "blocked.bin", e.origin.size(), &e.config);
-       EXPECT_EQ(mkdir(cache.GetCachePath().c_str(), 0700), 0);
+       const std::string path = cache.GetCachePath();
+       for (int i = 0; i < 2; ++i) {
+         EXPECT_EQ(ReadAt(cache, 0, &e.origin), kOk);
+         AdvanceClockForTesting(TimedHandle::kIdleTimeout);
+         EXPECT_TRUE(cache.CheckHandles());
+         EXPECT_EQ(std::remove(path.c_str()), 0);
+       }
+       EXPECT_EQ(mkdir(path.c_str(), 0700), 0);
        EXPECT_EQ(ReadAt(cache, 0, &e.origin), kErrRead);
-       return Lines{Line(kError, "Cache open has failed : " + cache.GetCachePath() + "(" + std::to_string(EISDIR) + ")")};
+       return Lines{"D [" + path + "] Cache handle closed", "W Cache file is deleted. Clear cache information. : " + path,
+                    "E Cache open has failed : " + path + "(" + std::to_string(EISDIR) + ")"};
      }},
-    {"whole-file read",
-     [](Env& e) {
+    {"whole-file read", [](Env& e) {
        ReadonlyCache cache(e.Dir(), "whole.bin", e.origin.size(), &e.config);
        EXPECT_EQ(ReadAt(cache, 0, &e.origin, 0, true), kOk);
-       return Lines{Line(kInfo, "[whole.bin] Read only cache opened(" + cache.GetCachePath() + ")"),
-                    Line(kDebug, "[whole.bin] Reserved blocks 0 to 8388608(8388608 bytes)"),
-                    Line(kDebug, "[whole.bin] 16 blocks reserved"),
-                    Line(kInfo, "[whole.bin] Trying to fetch whole file(8388608 bytes)."),
-                    Line(kInfo, "[whole.bin] Read-ahead large block : 0, 8388608"),
-                    Line(kDebug, "[whole.bin] AsyncLargeFetch : 0, 8388608"),
-                    Line(kInfo, "[whole.bin] Read-ahead large : clear empty reserved block(s)"),
-                    Line(kDebug, "[whole.bin] Clear reserved blocks 0 to 8388608(8388608 bytes)"),
-                    Line(kInfo, "[whole.bin] Read-ahead large block done : 0, 8388608"),
-                    Line(kInfo, "[whole.bin] Read only cache uninitialized")};
+       return Lines{"I [whole.bin] Read only cache opened(" + cache.GetCachePath() + ")",
+                    "D [whole.bin] Reserved blocks 0 to 8388608(8388608 bytes)", "D [whole.bin] 16 blocks reserved",
+                    "I [whole.bin] Trying to fetch whole file(8388608 bytes).",
+                    "I [whole.bin] Read-ahead large block : 0, 8388608", "D [whole.bin] AsyncLargeFetch : 0, 8388608",
+                    "I [whole.bin] Read-ahead large : clear empty reserved block(s)",
+                    "D [whole.bin] Clear reserved blocks 0 to 8388608(8388608 bytes)",
+                    "I [whole.bin] Read-ahead large block done : 0, 8388608", "I [whole.bin] Read only cache uninitialized"};
      }},
-    {"origin fails a fetch and a whole-file fetch, a fetch write is unaligned",
-     [](Env& e) {
+    {"origin fails a fetch and a whole-file fetch, a fetch write is unaligned", [](Env& e) {
        ReadonlyCache cache(e.Dir(), "faulty.bin", e.origin.size(), &e.config);
        e.origin.set_mode(FakeOrigin::Mode::kFail);
        EXPECT_EQ(ReadAt(cache, kMiB, &e.origin), kErrRead);
        EXPECT_EQ(ReadAt(cache, 0, &e.origin, 0, true), kErrRead);
        EXPECT_EQ(cache.FetchWrite(kMiB + 1, "x", 1, nullptr), static_cast<int>(kErrUnaligned));
-       return Lines{Line(kError, "[faulty.bin] Read-ahead failed : 1048576, 1048576"),
-                    Line(kError, "[faulty.bin:1] Read-ahead large block failed : 0, 8388608"),
-                    Line(kError, "[faulty.bin] Fetch write failed : Cache offset was not aligned")};
+       return Lines{"E [faulty.bin] Read-ahead failed : 1048576, 1048576",
+                    "E [faulty.bin:1] Read-ahead large block failed : 0, 8388608",
+                    "E [faulty.bin] Fetch write failed : Cache offset was not aligned"};
      }},
-    {"queue drops the fetch",
-     [](Env& e) {
-       ReadonlyCache cache(e.Dir(), "dropped.bin", e.origin.size(), &e.config);
+    {"queue drops the fetch, client handle closed, then a read times out", [](Env& e) {
+       ReadonlyCache cache(e.Dir(), "slow.bin", e.origin.size(), &e.config);
        TestQueue queue(TestQueue::Mode::kDrop);
        EXPECT_EQ(ReadAt(cache, kMiB, &e.origin, 30000), kErrRead);
-       return Lines{Line(kError, "[dropped.bin] Read failed : Sector 1048576 not found on sector hash")};
-     }},
-    {"client handle closed, then a read times out",
-     [](Env& e) {
-       ReadonlyCache cache(e.Dir(), "slow.bin", e.origin.size(), &e.config);
-       TestQueue queue(TestQueue::Mode::kHold);
+       queue.set_mode(TestQueue::Mode::kHold);
        auto closed = std::make_shared<_FS_HANDLE>();
        closed->state = 3;
        EXPECT_EQ(ReadAt(cache, 0, &e.origin, -1, false, closed), kErrHandleClosed);
        std::vector<char> buffer(100);
        EXPECT_EQ(ReadAt(cache, kHalf + 5, &e.origin, 1, false, std::make_shared<_FS_HANDLE>(), &buffer), kErrRead);
        char timed_out[256];
-       std::snprintf(timed_out, sizeof timed_out, "[slow.bin] Read timed-out : %p, %lld, %d(%s)",
+       std::snprintf(timed_out, sizeof timed_out, "E [slow.bin] Read timed-out : %p, %lld, %d(%s)",
                      static_cast<void*>(buffer.data()), kHalf + 5, 100,
                      "last checked sector offset was 524288 on offset 524293, length 100 and reserved");
-       return Lines{Line(kError, "[slow.bin] Read failed : Handle closed before return"), Line(kError, timed_out)};
+       return Lines{"E [slow.bin] Read failed : Sector 1048576 not found on sector hash",
+                    "E [slow.bin] Read failed : Handle closed before return", timed_out};
      }},
-    {"continuous reads start a block, the next finds it busy",
-     [](Env& e) {
+    {"continuous reads start a block, the next finds it busy", [](Env& e) {
        ReadonlyCache cache(e.Dir(), "busy.bin", e.origin.size(), &e.config);
        e.Configure([](_CACHECONFIG& c) { c.rahit = 2; });
        TestQueue queue(TestQueue::Mode::kRun);
@@ -158,39 +136,35 @@ const Row kRows[] = {
        queue.set_mode(TestQueue::Mode::kHold);  // the block waits in the queue
        for (int i = 0; i < 4; ++i) ReadAt(cache, 0, &e.origin);
        queue.CancelHeld();
-       return Lines{Line(kDebug, "[busy.bin] [QueueEmptySectors] Already 0 is in sectors_."),
-                    Line(kDebug, "[busy.bin] histsize: 2 but conf.rahit: 2, no read-ahead this time."),
-                    Line(kDebug, "[busy.bin] Since  histsize: 3 while conf.rahit: 2ld, go read-ahead!"),
-                    Line(kInfo, "[busy.bin] Read-ahead from 524288, 1048576 bytes"),
-                    Line(kDebug, "[busy.bin] [CheckReadAhead] There is a busy read_ahead_!")};
+       return Lines{"D [busy.bin] [QueueEmptySectors] Already 0 is in sectors_.",
+                    "D [busy.bin] histsize: 2 but conf.rahit: 2, no read-ahead this time.",
+                    "D [busy.bin] Since  histsize: 3 while conf.rahit: 2ld, go read-ahead!",
+                    "I [busy.bin] Read-ahead from 524288, 1048576 bytes",
+                    "D [busy.bin] [CheckReadAhead] There is a busy read_ahead_!"};
      }},
-    {"read-ahead beyond the quota",
-     [](Env& e) {
+    {"read-ahead beyond the quota", [](Env& e) {
        e.config.SetQuota(kHalf);
        ReadonlyCache cache(e.Dir(), "quota.bin", e.origin.size(), &e.config);
        ReadAt(cache, 0, &e.origin);
        ReadAt(cache, 0, &e.origin);
-       return Lines{Line(kDebug, "[quota.bin] [CheckReadAhead] Closest empty offset exceeds the quota!")};
+       return Lines{"D [quota.bin] [CheckReadAhead] Closest empty offset exceeds the quota!"};
      }},
-    {"a read behind the last one",
-     [](Env& e) {
+    {"a read behind the last one", [](Env& e) {
        ReadonlyCache cache(e.Dir(), "back.bin", e.origin.size(), &e.config);
        ReadAt(cache, 2 * kMiB, &e.origin);
        ReadAt(cache, 0, &e.origin);
        EXPECT_EQ(cache.GetLargestEmptyOffset(0), kHalf);
-       return Lines{Line(kDebug, "[back.bin] [CheckReadAhead] Closest empty offset is within the quota!"),
-                    Line(kDebug, "[back.bin] [CheckReadAhead] No history yet!"),
-                    Line(kDebug, "[back.bin] [QueueEmptySectors] Inserted new sector 2097152 into sectors_."),
-                    Line(kDebug, "[back.bin] Queue empty offset 2097152 to 3145728(1048576 bytes)"),
-                    Line(kInfo, "[back.bin] Read-ahead : 2097152, 1048576"),
-                    Line(kInfo, "[back.bin] Read-ahead : clear empty reserved block(s)"),
-                    Line(kInfo, "[back.bin] Read-ahead done : 2097152, 1048576"),
-                    Line(kDebug, "[back.bin] Reserving offsets are not continuous. Clearing history."),
-                    Line(kDebug, "[back.bin] Fetch write : Sector 0 reserved and write on 1048576"),
-                    Line(kInfo, "[back.bin] At GetLargestEmptyOffset, empty_sectors_ is empty.")};
+       return Lines{"D [back.bin] [CheckReadAhead] Closest empty offset is within the quota!",
+                    "D [back.bin] [CheckReadAhead] No history yet!",
+                    "D [back.bin] [QueueEmptySectors] Inserted new sector 2097152 into sectors_.",
+                    "D [back.bin] Queue empty offset 2097152 to 3145728(1048576 bytes)",
+                    "I [back.bin] Read-ahead : 2097152, 1048576", "I [back.bin] Read-ahead : clear empty reserved block(s)",
+                    "I [back.bin] Read-ahead done : 2097152, 1048576",
+                    "D [back.bin] Reserving offsets are not continuous. Clearing history.",
+                    "D [back.bin] Fetch write : Sector 0 reserved and write on 1048576",
+                    "I [back.bin] At GetLargestEmptyOffset, empty_sectors_ is empty."};
      }},
-    {"eviction of the older half, then of everything",
-     [](Env& e) {
+    {"eviction of the older half, then of everything", [](Env& e) {
        ReadonlyCache cache(e.Dir(), "old.bin", e.origin.size(), &e.config);
        ReadAt(cache, 0, &e.origin);
        AdvanceClockForTesting(std::chrono::seconds(200));
@@ -200,12 +174,11 @@ const Row kRows[] = {
        AdvanceClockForTesting(std::chrono::seconds(1));
        e.Configure([](_CACHECONFIG& c) { c.clrused = c.clrunused = 0; });
        cache.ClearOldCache(false);
-       return Lines{Line(kDebug, "[old.bin] ClearOldCache : 2 sector(s) will clear(total 4 sector(s))"),
-                    Line(kInfo, "[old.bin] ClearOldCache : OK, 2097152 => 1048576"),
-                    Line(kInfo, "[old.bin] ClearOldCache : OK, 1048576 => 0(Deleted)")};
+       return Lines{"D [old.bin] ClearOldCache : 2 sector(s) will clear(total 4 sector(s))",
+                    "I [old.bin] ClearOldCache : OK, 2097152 => 1048576",
+                    "I [old.bin] ClearOldCache : OK, 1048576 => 0(Deleted)"};
      }},
-    {"writable cache fetches, then fails",
-     [](Env& e) {
+    {"writable caches: fetches, failures, a directory under a file, a conversion", [](Env& e) {
        WritableCache cache(e.Dir(), "w.bin", e.origin.size(), &e.origin, &e.config);
        EXPECT_EQ(ReadAt(cache, kMiB + 10, &e.origin), kOk);
        e.origin.set_mode(FakeOrigin::Mode::kFail);
@@ -213,34 +186,24 @@ const Row kRows[] = {
        _WRITEDATA wd{"x", -1, 1, 0, std::make_shared<_FS_HANDLE>(), e.origin.size(), nullptr};
        EXPECT_EQ(cache.Write(&wd), kErrFileWrite);
        EXPECT_EQ(cache.FetchWrite(-1, "x", 1, nullptr), static_cast<int>(kErrFileWrite));
-       const std::string invalid = std::strerror(EINVAL);
-       return Lines{Line(kInfo, "[w.bin] Read-ahead for writable cache : 1048576, 524288"),
-                    Line(kError, "[w.bin] Read-ahead for writable cache failed : 2097152, 524288"),
-                    Line(kError, "[w.bin] Write failed : " + invalid),
-                    Line(kError, "[w.bin] Fetch write failed : " + invalid)};
-     }},
-    {"writable cache file and manager directory under a file",
-     [](Env& e) {
-       e.dir.Write("plain", "x");
-       EXPECT_THROW(WritableCache(e.dir.File("plain") + "/", "f.bin", 0, nullptr, &e.config), AERROR);
-       EXPECT_THROW(Cache(e.dir.File("plain").c_str(), 0), AERROR);
+       const std::string invalid = std::strerror(EINVAL), plain = e.dir.Write("plain", "x");
+       EXPECT_THROW(WritableCache(plain + "/", "f.bin", 0, nullptr, &e.config), AERROR);
+       EXPECT_THROW(Cache(plain.c_str(), 0), AERROR);
        char line[512];
-       std::snprintf(line, sizeof line, "Cache creation has failed : %s/f.bin(%x)", e.dir.File("plain").c_str(),
+       std::snprintf(line, sizeof line, "E Cache creation has failed : %s/f.bin(%x)", plain.c_str(),
                      static_cast<unsigned>(ENOTDIR));
-       return Lines{Line(kError, line), Line(kError, "Cache path not found : " + e.dir.File("plain") + "/")};
-     }},
-    {"writable cache converted",
-     [](Env& e) {
-       WritableCache cache(e.Dir(), "big.bin", kMiB + 1, nullptr, &e.config);
+       WritableCache big(e.Dir(), "big.bin", kMiB + 1, nullptr, &e.config);
        std::vector<char> bytes(kMiB + 1);
-       _WRITEDATA wd{bytes.data(), 0, bytes.size(), 0, std::make_shared<_FS_HANDLE>(), kMiB + 1, nullptr};
-       EXPECT_EQ(cache.Write(&wd), kOk);
-       std::unique_ptr<ICacheFile> converted(cache.RebuildToReadonlyCache(nullptr, &e.config));
-       return Lines{Line(kInfo, "[big.bin] Writable cache to read only cache"),
-                    Line(kInfo, "[big.bin] Read only cache from writable cache created")};
+       wd = {bytes.data(), 0, bytes.size(), 0, std::make_shared<_FS_HANDLE>(), kMiB + 1, nullptr};
+       EXPECT_EQ(big.Write(&wd), kOk);
+       std::unique_ptr<ICacheFile> converted(big.RebuildToReadonlyCache(nullptr, &e.config));
+       return Lines{"I [w.bin] Read-ahead for writable cache : 1048576, 524288",
+                    "E [w.bin] Read-ahead for writable cache failed : 2097152, 524288",
+                    "E [w.bin] Write failed : " + invalid, "E [w.bin] Fetch write failed : " + invalid, line,
+                    "E Cache path not found : " + plain + "/", "I [big.bin] Writable cache to read only cache",
+                    "I [big.bin] Read only cache from writable cache created"};
      }},
-    {"stream handle closed while held, then free",
-     [](Env& e) {
+    {"stream handle closed while held, then free", [](Env& e) {
        const std::string path = e.dir.File("h");
        TimedHandle handle(path);
        handle = std::fopen(path.c_str(), "w");
@@ -250,12 +213,11 @@ const Row kRows[] = {
        handle.Close();
        held.reset();
        handle.Close();
-       return Lines{Line(kDebug, "[" + path + "] Trying to close cache handle but there are references"),
-                    Line(kDebug, "[" + path + "] Trying to close cache handle but there are references : force close"),
-                    Line(kDebug, "[" + path + "] Cache handle closed : force close")};
+       return Lines{"D [" + path + "] Trying to close cache handle but there are references",
+                    "D [" + path + "] Trying to close cache handle but there are references : force close",
+                    "D [" + path + "] Cache handle closed : force close"};
      }},
-    {"manager from start to end",
-     [](Env& e) {
+    {"manager from start to end", [](Env& e) {
        Lines lines;
        {
          Cache cache(e.dir.path().c_str(), 0);
@@ -275,17 +237,14 @@ const Row kRows[] = {
          cache.Open("x/a.bin", 'w', e.origin.size(), &e.origin);
          EXPECT_EQ(cache.Rehash("x/a.bin", "b.bin", "b.bin"), kOk);
          EXPECT_EQ(cache.Close("b.bin"), kOk);
-         lines = {Line(kInfo, "Cache initialized : " + cache.path() + ", Storage limit : " + limit + " bytes"),
-                  Line(kDebug, "Cache quota manager started"),
-                  Line(kDebug, "Cache configuration : 1, 2, 3, 4, 5, 0, 7, 8, 9, 10"), Line(kDebug, total),
-                  Line(kError, "Change cache storage limit requested but too small : Requested " + limit + " bytes"),
-                  Line(kInfo, "Storage limit changed : " + LocaleNumber(static_cast<long long>(cache.GetLimit())) +
-                                  " bytes"),
-                  Line(kWarn, "Cache found for x/a.bin but read-only. Convert to writable cache forcefully."),
-                  Line(kInfo, "Rehash cache : x/a.bin to b.bin"), Line(kInfo, "Close cache : b.bin")};
+         lines = {"I Cache initialized : " + cache.path() + ", Storage limit : " + limit + " bytes",
+                  "D Cache quota manager started", "D Cache configuration : 1, 2, 3, 4, 5, 0, 7, 8, 9, 10", "D " + total,
+                  "E Change cache storage limit requested but too small : Requested " + limit + " bytes",
+                  "I Storage limit changed : " + LocaleNumber(static_cast<long long>(cache.GetLimit())) + " bytes",
+                  "W Cache found for x/a.bin but read-only. Convert to writable cache forcefully.",
+                  "I Rehash cache : x/a.bin to b.bin", "I Close cache : b.bin"};
        }
-       lines.insert(lines.end(), {Line(kInfo, "Uninitialize cache..."), Line(kDebug, "Cache quota manager stopped"),
-                                  Line(kInfo, "Cache uninitialized")});
+       lines.insert(lines.end(), {"I Uninitialize cache...", "D Cache quota manager stopped", "I Cache uninitialized"});
        return lines;
      }},
 };
@@ -295,7 +254,8 @@ TEST(LogMessages, EachFixedMessageIsWrittenWordForWordAtItsLevel) {
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.what);
     Cache_UnbindAsyncQ();
-    Lines expected, logged;
+    std::vector<std::pair<LOGLEVEL, std::string>> logged;
+    Lines expected;
     {
       Env env;
       expected = row.trigger(env);
@@ -303,9 +263,11 @@ TEST(LogMessages, EachFixedMessageIsWrittenWordForWordAtItsLevel) {
     }
     ResetClockForTesting();
     auto at = logged.begin();
-    for (const auto& line : expected) {
-      at = std::find(at, logged.end(), line);
-      EXPECT_NE(at, logged.end()) << "no line, or not in order, at level " << line.first << ": " << line.second;
+    for (const std::string& line : expected) {
+      const LOGLEVEL level = line[0] == 'D' ? LOGLEVEL_DEBUG : line[0] == 'I' ? LOGLEVEL_INFO
+                             : line[0] == 'W' ? LOGLEVEL_WARNING : LOGLEVEL_ERROR;
+      at = std::find(at, logged.end(), std::make_pair(level, "[CACHE     ] " + line.substr(2)));
+      EXPECT_NE(at, logged.end()) << "no line, or not in order: " << line;
       if (at == logged.end()) break;
     }
   }

@@ -1,6 +1,6 @@
 // Read-ahead of the sector cache, as scripts for the read-path model: which
 // reads of a continuous reader get a block fetched ahead of them, where it
-// starts, how large it is, in what pieces it comes, and what resets the run.
+// starts, how large it is and in what pieces it comes.
 #include <gtest/gtest.h>
 
 #include "cache/default_settings.h"
@@ -43,25 +43,14 @@ TEST(ReadAheadTest, Scripts) {
             {Op::kCachedRead, 0, 20 * kMiB, kOk, 20 * kMiB}}},
           {"one large block at a time; a dropped or failed one does not block the next", 16 * kMiB,
            {{Op::kQueue, M::kRun}, ReadAt(0, {{0, kMiB}}), {Op::kQueue, M::kHold}, ReadAt(0), ReadAt(0),
-            {Op::kHeld, 0, 0, 0},
-            ReadAt(0),  // served from the cache while its block waits in the queue
-            {Op::kHeld, 0, 0, 1}, ReadAt(0), {Op::kHeld, 0, 0, 1},
-            {Op::kRunHeld, 0, 0, M::kAny, M::kAny, {{kHalf, kMiB}}},
+            {Op::kHeld, 0, 0, 0}, ReadAt(0),  // served from the cache while its block waits in the queue
+            {Op::kHeld, 0, 0, 1}, ReadAt(0), {Op::kHeld, 0, 0, 1}, {Op::kRunHeld, 0, 0, M::kAny, M::kAny, {{kHalf, kMiB}}},
             ReadAt(kHalf),  // the read made while busy kept the run going
             {Op::kRunHeld, 0, 0, M::kAny, M::kAny, {{kMiB, 2 * kMiB}}}, {Op::kCachedRead, 0, 3 * kMiB, kOk, 3 * kMiB},
             ReadAt(kMiB), {Op::kCancelHeld}, ReadAt(kMiB), {Op::kOrigin, M::kFail},
             {Op::kRunHeld, 0, 0, M::kAny, M::kAny, {{5 * kHalf, 8 * kMiB}}}, {Op::kOrigin, M::kNormal},
             ReadAt(kMiB), {Op::kHeld, 0, 0, 1}, {Op::kRunHeld, 0, 0, M::kAny, M::kAny, {{5 * kHalf, 8 * kMiB}}},
             {Op::kCachedRead, 0, 21 * kHalf, kOk, 21 * kHalf}}},
-          // Jumps that break a run are in ReadAheadPolicy.ScriptsOfReads; this is the cache's clock.
-          {"a pause of more than 300 s starts the run again, at the foot of the ladder", 16 * kMiB,
-           {ReadAt(0, {{0, kMiB}}), ReadAt(0), ReadAt(0), ReadAt(0, {{kHalf, kMiB}}),
-            {Op::kClock, 300500}, ReadAt(0, {{kMiB, 2 * kMiB}}),  // still continuous
-            {Op::kClock, 301000}, ReadAt(0), ReadAt(0), ReadAt(0), ReadAt(0, {{5 * kHalf, kMiB}})}},
-          {"read-ahead stays within one storage limit of the reader", 16 * kMiB,
-           {{Op::kSet, M::kQuota, kHalf}, ReadAt(0, {{0, kMiB}}), ReadAt(0), ReadAt(0), ReadAt(0), ReadAt(0),
-            {Op::kSet, M::kQuota, 1LL << 30},  // those reads were remembered
-            ReadAt(0, {{kHalf, kMiB}})}},
       },
       conf);
 }

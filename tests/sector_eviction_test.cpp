@@ -1,6 +1,6 @@
 // Eviction of the sector cache, as scripts for the read-path model: which
 // sectors age out, how the survivors are packed down, how the file shrinks
-// and finally goes, and how far the run of present sectors reaches.
+// and finally goes.
 #include <gtest/gtest.h>
 
 #include "cache/default_settings.h"
@@ -32,11 +32,6 @@ TEST(SectorEvictionTest, Scripts) {
             {Op::kCachedRead, kHalf, 100, kOk, 0},
             {Op::kClock, 1000000000},  // a reservation never ages out
             {Op::kEvictOverQuota}, {Op::kEvict}, {Op::kReserve, kMiB, kHalf, kNothingReserved}}},
-          {"a sector older than the unused age goes, even one read more recently than the used age", 8 * kMiB,
-           {{Op::kSet, M::kClrUnused, 100}, {Op::kFetchWrite, 0, kHalf, kOk}, {Op::kFetchWrite, kHalf, kHalf, kOk},
-            {Op::kCachedRead, 0, kMiB, kOk, kMiB}, {Op::kClock, 101000},
-            {Op::kCachedRead, kHalf, 100, kOk, 100},  // young again
-            {Op::kEvict}, {Op::kCachedRead, 0, 100, kOk, 0}, {Op::kCachedRead, kHalf, 100, kOk, 100}}},
           {"survivors move down, the file shrinks and finally goes, then starts anew", 2 * kHalf + 1000,
            {{Op::kFetchWrite, 0, kHalf, kOk},  // slots in fetch order
             {Op::kClock, 200000}, {Op::kFetchWrite, kHalf, kHalf, kOk}, {Op::kClock, 200000},
@@ -49,16 +44,6 @@ TEST(SectorEvictionTest, Scripts) {
             {Op::kEvict, 0, 0, -1}, {Op::kQuotaSize, 0, 0, 0},
             {Op::kLength, 0, 0, -1},  // not recreated by asking for its size
             {Op::kRead, kHalf - 1000, 2000, kOk, 2000, {{0, 3 * kHalf}}}, {Op::kQuotaSize, 0, 0, 3 * kHalf}}},
-          {"the largest empty offset follows the run of present sectors", 8 * kMiB,
-           {{Op::kFetchWrite, 0, kHalf, kOk}, {Op::kFetchWrite, kHalf, kHalf, kOk}, {Op::kFetchWrite, kMiB, kHalf, kOk},
-            {Op::kFetchWrite, 3 * kMiB, kHalf, kOk}, {Op::kFetchWrite, 5 * kMiB, kHalf, kOk},
-            {Op::kFetchWrite, 11 * kHalf, kHalf, kOk}, {Op::kFetchWrite, 6 * kMiB, kHalf, kOk},
-            {Op::kFetchWrite, 13 * kHalf, kHalf, kOk},
-            {Op::kLargestEmpty, 2 * kMiB + 5, 0, 2 * kMiB},  // absent: its sector
-            {Op::kLargestEmpty, 100, 0, kMiB},               // the run ends before a gap
-            {Op::kLargestEmpty, 3 * kMiB, 0, 3 * kMiB},      // a run of one
-            {Op::kLargestEmpty, 5 * kMiB, 0, -1},            // reaches past offset + ramax
-            {Op::kLargestEmpty, 11 * kHalf, 0, 13 * kHalf}}},  // entries run out
           {"a pass over a file deleted while closed for idleness drops its index once", 4 * kMiB,
            {{Op::kFetchWrite, 0, kHalf, kOk}, {Op::kFetchWrite, kHalf, kHalf, kOk}, {Op::kCheckHandles, 11000, 0, 1},
             {Op::kDeleteFile}, {Op::kSet, M::kClrUnused, 0}, {Op::kEvict, 0, 0, -1}, {Op::kCachedRead, 0, 100, kOk, 0},
