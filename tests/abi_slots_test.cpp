@@ -33,11 +33,8 @@ struct MyLog {
 // The queue: a slot the library never calls, then Enqueue.
 struct MyQueue {
   virtual void NeverCalled() {}
-  virtual void Enqueue(void* w, void* p) {
-    work = w;
-    param = p;
-  }
-  void *work = nullptr, *param = nullptr;
+  virtual void Enqueue(void* work, void* param) { enqueued = {work, param}; }
+  std::pair<void*, void*> enqueued;
 };
 
 // IFetch: Get, then Describe.
@@ -54,9 +51,8 @@ namespace {
 
 struct CountingWork : IAsyncObj {
   void Process(void* param) override { processed.push_back(param); }
-  void Canceled(void*) override { ++canceled; }
+  void Canceled(void*) override {}
   std::vector<void*> processed;
-  int canceled = 0;
 };
 
 // Without a bound queue work runs at once, a null param replaced by the
@@ -82,7 +78,7 @@ TEST(AbiSlots, WorkRunsInlineWithoutAQueueAndNullBindingsKeepTheBoundOnes) {
   EXPECT_EQ(CurrentLogger(), nullptr);
   KORV_LOG(LOGLEVEL_INFO, "nobody listens");
   __LOG__A(nullptr, LOGLEVEL_INFO, "explicitly nobody");
-  EXPECT_EQ(work.canceled, 1);
+  EXPECT_EQ(work.processed.size(), 2u);
 }
 
 TEST(AbiSlots, LibraryCallsTheClientsDeclaredOperations) {
@@ -96,14 +92,12 @@ TEST(AbiSlots, LibraryCallsTheClientsDeclaredOperations) {
   KORV_LOG(LOGLEVEL_WARNING, "[CACHE     ] %s", "slot three");
   Cache_UnbindLogger();
   EXPECT_EQ(log.line, "4 [CACHE     ] slot three");
-
   client_side::MyQueue queue;
   CountingWork work;
   ASSERT_TRUE(Cache_BindAsyncQ(reinterpret_cast<IAsyncQueue*>(&queue)));
   QueueAsync(&work, &log);
   Cache_UnbindAsyncQ();
-  EXPECT_EQ(std::make_pair(queue.work, queue.param), std::make_pair(static_cast<void*>(&work), static_cast<void*>(&log)));
-
+  EXPECT_EQ(queue.enqueued, std::make_pair(static_cast<void*>(&work), static_cast<void*>(&log)));
   client_side::MyFetch fetch;
   EXPECT_EQ(CallFetchSlot(reinterpret_cast<IFetch*>(&fetch), 1048576, 4096), 1048576 + 4096);
   EXPECT_EQ(CallHandleInfoSlot(reinterpret_cast<IFetch*>(&fetch)), "described");

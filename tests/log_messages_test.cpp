@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -28,21 +27,15 @@
 
 namespace {
 
-constexpr long long kMiB = 1048576;
-constexpr long long kHalf = 524288;
+constexpr long long kMiB = 1048576, kHalf = 524288;
 
 struct Env {
   RecordingLog log;  // first in, last out: it sees every destructor's lines
   TempDir dir;
   FakeConfig config;
   FakeOrigin origin{8 * kMiB};
+  _CACHECONFIG conf = kDefaultCacheConfig;
   std::string Dir() const { return dir.path() + "/"; }
-  template <typename Change>
-  void Configure(Change change) {
-    _CACHECONFIG conf = config.GetConfig();
-    change(conf);
-    config.Set(conf);
-  }
 };
 
 // Each line's level as a letter (Debug, Info, Warning, Error), a blank, then
@@ -61,8 +54,7 @@ unsigned int ReadAt(ICacheFile& file, long long offset, FakeOrigin* origin, long
 
 struct Row {
   const char* what;
-  // Makes the library log; returns the whole lines it must have logged.
-  std::function<Lines(Env&)> trigger;
+  Lines (*trigger)(Env&);  // makes the library log; returns the whole lines it must have logged
 };
 
 const Row kRows[] = {
@@ -71,9 +63,9 @@ const Row kRows[] = {
        EXPECT_EQ(obj.SetMode('x', e.origin.size(), &e.origin), kErrInvalidMode);
        EXPECT_EQ(obj.SetMode('w', e.origin.size(), &e.origin), kOk);
        EXPECT_EQ(obj.SetMode('r', e.origin.size(), &e.origin), kOk);
-       return Lines{"I Create cache for a.bin:r", "I [a.bin] Read only cache initialized",
-                    "E SetMode : Invalid cache mode", "I SetMode : Read-only cache found. Change to writable cache.",
-                    "I [a.bin] Writable cache created", "I SetMode : Writable cache found. Change to read-only cache."};
+       return Lines{"I Create cache for a.bin:r", "I [a.bin] Read only cache initialized", "E SetMode : Invalid cache mode",
+                    "I SetMode : Read-only cache found. Change to writable cache.", "I [a.bin] Writable cache created",
+                    "I SetMode : Writable cache found. Change to read-only cache."};
      }},
     {"sector cache file deleted while closed for idleness, then blocked", [](Env& e) {
        ReadonlyCache cache(e.Dir(), "gone.bin", e.origin.size(), &e.config);
@@ -121,15 +113,15 @@ const Row kRows[] = {
        std::vector<char> buffer(100);
        EXPECT_EQ(ReadAt(cache, kHalf + 5, &e.origin, 1, false, std::make_shared<_FS_HANDLE>(), &buffer), kErrRead);
        char timed_out[256];
-       std::snprintf(timed_out, sizeof timed_out, "E [slow.bin] Read timed-out : %p, %lld, %d(%s)",
-                     static_cast<void*>(buffer.data()), kHalf + 5, 100,
-                     "last checked sector offset was 524288 on offset 524293, length 100 and reserved");
+       std::snprintf(timed_out, sizeof timed_out, "E [slow.bin] Read timed-out : %p, %lld, %d(%s)", buffer.data(),
+                     kHalf + 5, 100, "last checked sector offset was 524288 on offset 524293, length 100 and reserved");
        return Lines{"E [slow.bin] Read failed : Sector 1048576 not found on sector hash",
                     "E [slow.bin] Read failed : Handle closed before return", timed_out};
      }},
     {"continuous reads start a block, the next finds it busy", [](Env& e) {
        ReadonlyCache cache(e.Dir(), "busy.bin", e.origin.size(), &e.config);
-       e.Configure([](_CACHECONFIG& c) { c.rahit = 2; });
+       e.conf.rahit = 2;
+       e.config.Set(e.conf);
        TestQueue queue(TestQueue::Mode::kRun);
        ReadAt(cache, 0, &e.origin);
        EXPECT_TRUE(queue.WaitIdle());
@@ -169,11 +161,12 @@ const Row kRows[] = {
        ReadAt(cache, 0, &e.origin);
        AdvanceClockForTesting(std::chrono::seconds(200));
        ReadAt(cache, 2 * kMiB, &e.origin);
-       e.Configure([](_CACHECONFIG& c) { c.clrused = c.clrunused = 100; });
-       cache.ClearOldCache(false);
-       AdvanceClockForTesting(std::chrono::seconds(1));
-       e.Configure([](_CACHECONFIG& c) { c.clrused = c.clrunused = 0; });
-       cache.ClearOldCache(false);
+       for (unsigned age : {100, 0}) {
+         e.conf.clrused = e.conf.clrunused = age;
+         e.config.Set(e.conf);
+         cache.ClearOldCache(false);
+         AdvanceClockForTesting(std::chrono::seconds(1));
+       }
        return Lines{"D [old.bin] ClearOldCache : 2 sector(s) will clear(total 4 sector(s))",
                     "I [old.bin] ClearOldCache : OK, 2097152 => 1048576",
                     "I [old.bin] ClearOldCache : OK, 1048576 => 0(Deleted)"};
@@ -190,8 +183,7 @@ const Row kRows[] = {
        EXPECT_THROW(WritableCache(plain + "/", "f.bin", 0, nullptr, &e.config), AERROR);
        EXPECT_THROW(Cache(plain.c_str(), 0), AERROR);
        char line[512];
-       std::snprintf(line, sizeof line, "E Cache creation has failed : %s/f.bin(%x)", plain.c_str(),
-                     static_cast<unsigned>(ENOTDIR));
+       std::snprintf(line, sizeof line, "E Cache creation has failed : %s/f.bin(%x)", plain.c_str(), ENOTDIR);
        WritableCache big(e.Dir(), "big.bin", kMiB + 1, nullptr, &e.config);
        std::vector<char> bytes(kMiB + 1);
        wd = {bytes.data(), 0, bytes.size(), 0, std::make_shared<_FS_HANDLE>(), kMiB + 1, nullptr};
@@ -251,22 +243,20 @@ const Row kRows[] = {
 
 // Each row's lines must appear in the order given, other lines between them.
 TEST(LogMessages, EachFixedMessageIsWrittenWordForWordAtItsLevel) {
+  const std::string levels = " DI W   E";  // a LOGLEVEL's letter is at its value
   for (const Row& row : kRows) {
     SCOPED_TRACE(row.what);
     Cache_UnbindAsyncQ();
-    std::vector<std::pair<LOGLEVEL, std::string>> logged;
-    Lines expected;
+    Lines expected, logged;
     {
       Env env;
       expected = row.trigger(env);
-      logged = env.log.Lines();
+      for (const auto& line : env.log.Lines()) logged.push_back(levels.substr(line.first, 1) + " " + line.second);
     }
     ResetClockForTesting();
     auto at = logged.begin();
     for (const std::string& line : expected) {
-      const LOGLEVEL level = line[0] == 'D' ? LOGLEVEL_DEBUG : line[0] == 'I' ? LOGLEVEL_INFO
-                             : line[0] == 'W' ? LOGLEVEL_WARNING : LOGLEVEL_ERROR;
-      at = std::find(at, logged.end(), std::make_pair(level, "[CACHE     ] " + line.substr(2)));
+      at = std::find(at, logged.end(), line.substr(0, 2) + "[CACHE     ] " + line.substr(2));
       EXPECT_NE(at, logged.end()) << "no line, or not in order: " << line;
       if (at == logged.end()) break;
     }

@@ -14,26 +14,15 @@ constexpr long long S = kSectorSize;
 constexpr long long M = 1 << 20;
 
 // run_end: where the cached run of the read ends (-1: beyond ramax); block: the size of the block, for kFetch.
-struct Step {
-  long long offset, run_end;
-  double at_seconds;
-  V verdict;
-  long long block = 0;
-  bool busy = false;
-};
+struct Step { long long offset, run_end; double at_seconds; V verdict; long long block = 0; bool busy = false; };
 
 // A sequential reader whose cached run ends one sector past each read.
 Step Next(long long offset, double at, V verdict, long long block = 0) { return {offset, offset + S, at, verdict, block}; }
 
 TEST(ReadAheadPolicy, ScriptsOfReads) {
   const long long kFile = 100 * M, kNoLimit = 1ll << 40;
-  const struct {
-    const char* what;
-    long long ramin, ramax;
-    unsigned long long rahit, quota;
-    long long origin_size;
-    std::vector<Step> steps;
-  } scripts[] = {
+  const struct { const char* what; long long ramin, ramax; unsigned long long rahit, quota; long long origin_size;
+                 std::vector<Step> steps; } scripts[] = {
       {"a stream climbs the ladder by doubling up to ramax", M, 4 * M, 2, kNoLimit, kFile,
        {Next(0, 0, V::kFirstRead), Next(M, 1, V::kTooFewReads), Next(2 * M, 2, V::kTooFewReads),
         Next(3 * M, 3, V::kFetch, M), Next(4 * M, 4, V::kFetch, 2 * M), Next(5 * M, 5, V::kFetch, 4 * M),
@@ -60,8 +49,7 @@ TEST(ReadAheadPolicy, ScriptsOfReads) {
     ReadAheadPolicy policy(script.ramin, script.ramax);
     const ReadAheadPolicy::Settings settings{script.origin_size, script.quota, script.rahit, script.ramax};
     for (const Step& step : script.steps) {
-      const SteadyTime at{std::chrono::duration_cast<std::chrono::nanoseconds>(
-          std::chrono::duration<double>(step.at_seconds))};
+      const SteadyTime at{std::chrono::nanoseconds(static_cast<long long>(step.at_seconds * 1e9))};
       const ReadAheadPolicy::Decision d = policy.Consider({step.offset, 4096, at, step.run_end, step.busy}, settings);
       EXPECT_EQ(d.verdict, step.verdict) << "read at " << step.offset;
       if (step.verdict == V::kFetch) {

@@ -1,6 +1,5 @@
-// Read-ahead of the sector cache, as scripts for the read-path model: which
-// reads of a continuous reader get a block fetched ahead of them, where it
-// starts, how large it is and in what pieces it comes.
+// Read-ahead of the sector cache, as scripts for the read-path model: where
+// a block starts, in what pieces it comes, and one block at a time.
 #include <gtest/gtest.h>
 
 #include "cache/default_settings.h"
@@ -26,12 +25,6 @@ TEST(ReadAheadTest, Scripts) {
   conf.ramax = 8 * kMiB;
   RunReadPathScripts(
       {
-          {"the fourth continuous read starts blocks that double up to the largest, cut at the end", 11 * kMiB,
-           {{Op::kSet, M::kRaMax, 4 * kMiB}, ReadAt(0, {{0, kMiB}}), ReadAt(0), ReadAt(0),
-            ReadAt(0, {{kHalf, kMiB}}),  // from the last sector of the cached run
-            ReadAt(kHalf, {{kMiB, 2 * kMiB}}), ReadAt(kMiB, {{5 * kHalf, 4 * kMiB}}),
-            ReadAt(5 * kHalf, {{6 * kMiB, 4 * kMiB}}), ReadAt(6 * kMiB, {{19 * kHalf, 3 * kHalf}}),
-            ReadAt(19 * kHalf), {Op::kCachedRead, 0, 11 * kMiB, kOk, 11 * kMiB}}},
           {"blocks come in pieces of at most the largest request, in whole sectors", 20 * kMiB,
            {{Op::kSet, M::kRaHit, 0}, {Op::kSet, M::kRaMin, 8 * kMiB}, {Op::kSet, M::kReadFetchMax, 4 * kMiB},
             ReadAt(0, {{0, kMiB}}), ReadAt(0, {{kHalf, 4 * kMiB}, {9 * kHalf, 4 * kMiB}}),

@@ -1,10 +1,8 @@
-// The sector index alone: reservations, readiness, the cached run, where
-// fetched bytes go and which sectors are old. No files, no threads, no clock.
+// The sector index alone: reservations, readiness, the cached run and which
+// sectors are old. No files, no threads, no clock.
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <deque>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -16,8 +14,6 @@ namespace {
 constexpr long long S = kSectorSize;
 const SteadyTime kStart{};
 
-SteadyTime At(long long seconds) { return kStart + std::chrono::seconds(seconds); }
-
 // An index holding settled sectors `sectors` in slots 0, S, 2S, ...
 SectorIndex Settled(const std::vector<long long>& sectors) {
   SectorIndex index;
@@ -25,7 +21,7 @@ SectorIndex Settled(const std::vector<long long>& sectors) {
   return index;
 }
 
-TEST(SectorIndex, ReservationsReadinessAndTheCachedRun) {
+TEST(SectorIndex, ReservationsReadinessTheCachedRunAndOldSectors) {
   SectorIndex index = Settled({0});
   EXPECT_EQ(index.Reserve(0, 2 * S + 100, kStart), 2) << "sector 0 is there; S and 2S are reserved";
   EXPECT_EQ(index.Find(2 * S)->size, 100) << "the last piece is what remains of the length";
@@ -54,50 +50,15 @@ TEST(SectorIndex, ReservationsReadinessAndTheCachedRun) {
       {"a run ending exactly at offset + ramax", {0, S, 2 * S}, 0, 2 * S, 2 * S},
   };
   for (const Case& c : cases) EXPECT_EQ(Settled(c.sectors).RunEnd(c.offset, c.ramax), c.run_end) << c.what;
-}
 
-TEST(SectorIndex, FetchedBytesFindTheirSlots) {
-  int asked = 0;  // the file's end is asked for only when no slot is free
-  auto end_of_file = [&asked] { return ++asked, 9 * S; };
-  SectorIndex index = Settled({0, S});
-  index.Drop(0);  // slot 0 is free
-  // Each fetched piece in turn: sector, size -> how it was placed, its slot, appended, size kept.
-  struct Case { long long sector, size; SectorIndex::Placed was; long long slot; bool appended; int asked; };
-  const Case cases[] = {
-      {4 * S, 100, SectorIndex::Placed::kNew, 0, false, 0},
-      {5 * S, S, SectorIndex::Placed::kNew, 9 * S, true, 1},
-      {6 * S, 200, SectorIndex::Placed::kReserved, 9 * S, true, 2},
-      {S, 300, SectorIndex::Placed::kSettled, S, false, 2},  // a settled sector keeps its slot
-  };
-  for (const Case& c : cases) {
-    if (c.was == SectorIndex::Placed::kReserved) index.InsertReserved(c.sector, 0, kStart);
-    const SectorIndex::Placement placed = index.PlaceFetched(c.sector, c.size, kStart, end_of_file);
-    EXPECT_EQ(std::make_tuple(placed.was, placed.sector->cache_offset, placed.sector->size, placed.appended, asked),
-              std::make_tuple(c.was, c.slot, c.size, c.appended, c.asked)) << c.sector;
-  }
-}
-
-TEST(SectorIndex, OldSectorsAndLostSlots) {
-  SectorIndex index = Settled({0, S, 2 * S, 3 * S});
-  index.Find(0)->hits = 1;                    // read, 100 s old
-  index.Find(S)->access_time = At(50);        // never read, 50 s old at 100 s
-  index.Find(2 * S)->access_time = At(1000);  // from the future: very old
-  index.InsertReserved(4 * S, 0, kStart);     // on its way: never selected
-  // Read sectors go after 60 s, unread ones after 120 s.
-  EXPECT_EQ(index.SelectOld(At(100), 60, 120), (std::vector<long long>{0, 2 * S}));
-  EXPECT_EQ(index.SelectOld(At(200), 60, 120), (std::vector<long long>{0, S, 2 * S, 3 * S}));
-
-  index.Drop(0);
-  index.Drop(0);  // twice is harmless
-  index.Move(3 * S, 0);
-  EXPECT_EQ(index.Find(3 * S)->cache_offset, 0);
-  EXPECT_EQ(index.free_slots(), (std::deque<long long>{3 * S}));
-  index.InsertReserved(7 * S, 0, kStart);  // a freed slot is taken by the next reservation
-  EXPECT_EQ(index.Find(7 * S)->cache_offset, 3 * S);
-  index.DropSettled();
-  EXPECT_EQ(index.size(), 2u) << "only the reserved sectors stay";
-  EXPECT_EQ(index.Find(4 * S)->cache_offset, -1);
-  EXPECT_TRUE(index.free_slots().empty());
+  // Read sectors go after 60 s, unread ones after 120 s; a reservation never.
+  index = Settled({0, S, 2 * S, 3 * S});
+  index.Find(0)->hits = 1;                                         // read, 100 s old
+  index.Find(S)->access_time = kStart + std::chrono::seconds(50);  // never read, 50 s old at 100 s
+  index.Find(2 * S)->access_time = kStart + std::chrono::hours(1);  // from the future: very old
+  index.InsertReserved(4 * S, 0, kStart);
+  EXPECT_EQ(index.SelectOld(kStart + std::chrono::seconds(100), 60, 120), (std::vector<long long>{0, 2 * S}));
+  EXPECT_EQ(index.SelectOld(kStart + std::chrono::seconds(200), 60, 120), (std::vector<long long>{0, S, 2 * S, 3 * S}));
 }
 
 }  // namespace
