@@ -24,31 +24,26 @@ TEST(SectorEvictionTest, Scripts) {
            {{Op::kSet, M::kClrUsed, 100}, {Op::kSet, M::kClrUnused, 1000}, {Op::kSet, M::kClrOverUsed, 10},
             {Op::kSet, M::kClrOverUnused, 50}, {Op::kFetchWrite, 0, kHalf, kOk},
             {Op::kCachedRead, 0, 100, kOk, 100},  // sector 0 is used, sector 1 is not
-            {Op::kFetchWrite, kHalf, kHalf, kOk},
-            {Op::kReserve, kMiB, kHalf, kOk},  // sector 2 is on its way
+            {Op::kFetchWrite, kHalf, kHalf, kOk}, {Op::kReserve, kMiB, kHalf, kOk},  // sector 2 is on its way
             {Op::kClock, 100000}, {Op::kEvict, 0, 0, 2 * kHalf}, {Op::kClock, 1000}, {Op::kEvict, 0, 0, kHalf},
-            {Op::kCachedRead, 0, 100, kOk, 0},
-            {Op::kEvictOverQuota, 0, 0, -1},  // shorter ages: the unread sector goes too
-            {Op::kCachedRead, kHalf, 100, kOk, 0},
-            {Op::kClock, 1000000000},  // a reservation never ages out
-            {Op::kEvictOverQuota}, {Op::kEvict}, {Op::kReserve, kMiB, kHalf, kNothingReserved}}},
+            {Op::kCachedRead, 0, 100, kOk, 0}, {Op::kEvictOverQuota, 0, 0, -1},  // shorter ages: the unread one goes
+            {Op::kClock, 1000000000}, {Op::kEvictOverQuota}, {Op::kEvict},  // a reservation never ages out
+            {Op::kReserve, kMiB, kHalf, kNothingReserved}}},
           {"survivors move down, the file shrinks and finally goes, then starts anew", 2 * kHalf + 1000,
-           {{Op::kFetchWrite, 0, kHalf, kOk},  // slots in fetch order
-            {Op::kClock, 200000}, {Op::kFetchWrite, kHalf, kHalf, kOk}, {Op::kClock, 200000},
-            {Op::kFetchWrite, kMiB, 1000, kOk}, {Op::kFileSize, 0, 0, 3 * kHalf},
+           {{Op::kFetchWrite, 0, kHalf, kOk}, {Op::kClock, 200000}, {Op::kFetchWrite, kHalf, kHalf, kOk},
+            {Op::kClock, 200000}, {Op::kFetchWrite, kMiB, 1000, kOk}, {Op::kFileSize, 0, 0, 3 * kHalf},
             {Op::kSet, M::kClrUnused, 300},  // slot 0 goes: the highest slot moves into it
             {Op::kEvict, 0, 0, kMiB}, {Op::kSlotStart, 0, kMiB, 1000}, {Op::kSlot, kHalf, kHalf, kHalf},
             {Op::kSet, M::kClrUnused, 150},  // the last slot goes: only the cut
             {Op::kEvict, 0, 0, kHalf}, {Op::kCachedRead, kMiB, 4096, kOk, 1000}, {Op::kCachedRead, 0, 100, kOk, 0},
-            {Op::kCachedRead, kHalf, 100, kOk, 0}, {Op::kClock, 1000}, {Op::kSet, M::kClrUsed, 0},
-            {Op::kEvict, 0, 0, -1}, {Op::kQuotaSize, 0, 0, 0},
+            {Op::kClock, 1000}, {Op::kSet, M::kClrUsed, 0}, {Op::kEvict, 0, 0, -1}, {Op::kQuotaSize, 0, 0, 0},
             {Op::kLength, 0, 0, -1},  // not recreated by asking for its size
             {Op::kRead, kHalf - 1000, 2000, kOk, 2000, {{0, 3 * kHalf}}}, {Op::kQuotaSize, 0, 0, 3 * kHalf}}},
           {"a pass over a file deleted while closed for idleness drops its index once", 4 * kMiB,
            {{Op::kFetchWrite, 0, kHalf, kOk}, {Op::kFetchWrite, kHalf, kHalf, kOk}, {Op::kCheckHandles, 11000, 0, 1},
             {Op::kDeleteFile}, {Op::kSet, M::kClrUnused, 0}, {Op::kEvict, 0, 0, -1}, {Op::kCachedRead, 0, 100, kOk, 0},
-            {Op::kReserve, 0, kMiB, kOk},  // nothing of the old index is left
-            {Op::kClearReserved, 0, kMiB}, {Op::kRead, kHalf - 500, 1000, kOk, 1000, {{0, 3 * kHalf}}}}},
+            {Op::kReserve, 0, kMiB, kOk}, {Op::kClearReserved, 0, kMiB},  // nothing of the old index is left
+            {Op::kRead, kHalf - 500, 1000, kOk, 1000, {{0, 3 * kHalf}}}}},
       },
       conf);
 }
