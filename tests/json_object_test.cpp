@@ -27,8 +27,6 @@ TEST(JsonObjectTest, ParsingAndPathWalk) {
     EXPECT_FALSE(doc.HasObject(path)) << path;
     EXPECT_EQ(ErrorThrownBy([&] { doc.GetObject(path); }), kErrInvalidArgument) << path;
   }
-  EXPECT_FALSE(JsonObject("[{\"a\":1}]").HasObject("/0/a"));
-  EXPECT_EQ(static_cast<std::string>(doc.GetObject("/cache/ra/hit")), "3");
   EXPECT_EQ(doc.GetObject("/").ToText(), kDocument);  // a failed walk creates nothing
 }
 
@@ -51,11 +49,10 @@ TEST(JsonObjectTest, ViewsAssignmentConversionsAndEditing) {
   EXPECT_EQ(doc.ToText(), R"({"hit":[1]})");
 
   doc = JsonObject(R"({"neg":-1,"zero":"a\u0000b","utf8":"\u00e9t\u00e9","obj":{}})");
+  doc["bad"] = std::string("\xff\xfe");
   EXPECT_EQ(static_cast<AERROR>(doc["neg"]), 0xFFFFFFFFu);
   EXPECT_EQ(static_cast<std::string>(doc["zero"]), "a");
   EXPECT_EQ(static_cast<std::wstring>(doc["utf8"]), L"\u00e9t\u00e9");
-  EXPECT_THROW((void)static_cast<int>(doc["obj"]), Json::Exception);
-  doc["bad"] = std::string("\xff\xfe");
   EXPECT_THROW((void)static_cast<std::wstring>(doc["bad"]), std::range_error);
   JsonObject list("[]"), item(R"({"k":1})");
   EXPECT_TRUE(list.InsertArrayItem("a") && list.InsertArrayItem(item) && doc.Insert("list", list));

@@ -43,19 +43,15 @@ struct Env {
 using Lines = std::vector<std::string>;
 
 // One read of 100 bytes at `offset` through `file` into `buffer`, or a buffer of its own.
-unsigned int ReadAt(ICacheFile& file, long long offset, FakeOrigin* origin, long long timeout = 0,
-                    bool whole = false, std::shared_ptr<_FS_HANDLE> handle = std::make_shared<_FS_HANDLE>(),
-                    std::vector<char>* buffer = nullptr) {
+unsigned int ReadAt(ICacheFile& file, long long offset, FakeOrigin* origin, long long timeout = 0, bool whole = false,
+                    std::shared_ptr<_FS_HANDLE> handle = std::make_shared<_FS_HANDLE>(), char* buffer = nullptr) {
   std::vector<char> own(100);
-  std::vector<char>& bytes = buffer != nullptr ? *buffer : own;
-  _READDATA rd{bytes.data(), offset, bytes.size(), 0, handle, origin->size(), origin, timeout, whole};
+  _READDATA rd{buffer != nullptr ? buffer : own.data(), offset, 100, 0, handle, origin->size(), origin, timeout, whole};
   return file.Read(&rd);
 }
 
-struct Row {
-  const char* what;
-  Lines (*trigger)(Env&);  // makes the library log; returns the whole lines it must have logged
-};
+// What makes the library log, and the whole lines it must have logged.
+struct Row { const char* what; Lines (*trigger)(Env&); };
 
 const Row kRows[] = {
     {"cache object created and switched", [](Env& e) {
@@ -67,7 +63,7 @@ const Row kRows[] = {
                     "I SetMode : Read-only cache found. Change to writable cache.", "I [a.bin] Writable cache created",
                     "I SetMode : Writable cache found. Change to read-only cache."};
      }},
-    {"sector cache file deleted while closed for idleness, then blocked", [](Env& e) {
+    {"handles closed for idleness: the cache file deleted, then blocked; a stream still held", [](Env& e) {
        ReadonlyCache cache(e.Dir(), "gone.bin", e.origin.size(), &e.config);
        const std::string path = cache.GetCachePath();
        for (int i = 0; i < 2; ++i) {
@@ -78,29 +74,37 @@ const Row kRows[] = {
        }
        EXPECT_EQ(mkdir(path.c_str(), 0700), 0);
        EXPECT_EQ(ReadAt(cache, 0, &e.origin), kErrRead);
+       const std::string held_path = e.dir.File("h");
+       TimedHandle handle(held_path);
+       handle = std::fopen(held_path.c_str(), "w");
+       std::shared_ptr<FILE> held = handle.GetHandle();
+       AdvanceClockForTesting(TimedHandle::kIdleTimeout);
+       EXPECT_FALSE(handle.CloseIfExpired());
+       handle.Close();
+       held.reset();
+       handle.Close();
        return Lines{"D [" + path + "] Cache handle closed", "W Cache file is deleted. Clear cache information. : " + path,
-                    "E Cache open has failed : " + path + "(" + std::to_string(EISDIR) + ")"};
+                    "E Cache open has failed : " + path + "(" + std::to_string(EISDIR) + ")",
+                    "D [" + held_path + "] Trying to close cache handle but there are references",
+                    "D [" + held_path + "] Trying to close cache handle but there are references : force close",
+                    "D [" + held_path + "] Cache handle closed : force close"};
      }},
-    {"whole-file read", [](Env& e) {
-       ReadonlyCache cache(e.Dir(), "whole.bin", e.origin.size(), &e.config);
-       EXPECT_EQ(ReadAt(cache, 0, &e.origin, 0, true), kOk);
-       return Lines{"I [whole.bin] Read only cache opened(" + cache.GetCachePath() + ")",
-                    "D [whole.bin] Reserved blocks 0 to 8388608(8388608 bytes)", "D [whole.bin] 16 blocks reserved",
-                    "I [whole.bin] Trying to fetch whole file(8388608 bytes).",
-                    "I [whole.bin] Read-ahead large block : 0, 8388608", "D [whole.bin] AsyncLargeFetch : 0, 8388608",
-                    "I [whole.bin] Read-ahead large : clear empty reserved block(s)",
-                    "D [whole.bin] Clear reserved blocks 0 to 8388608(8388608 bytes)",
-                    "I [whole.bin] Read-ahead large block done : 0, 8388608", "I [whole.bin] Read only cache uninitialized"};
-     }},
-    {"origin fails a fetch and a whole-file fetch, a fetch write is unaligned", [](Env& e) {
-       ReadonlyCache cache(e.Dir(), "faulty.bin", e.origin.size(), &e.config);
+    {"origin fails a fetch and a whole-file fetch, a fetch write is unaligned, then a whole-file read", [](Env& e) {
+       ReadonlyCache cache(e.Dir(), "f.bin", e.origin.size(), &e.config);
        e.origin.set_mode(FakeOrigin::Mode::kFail);
        EXPECT_EQ(ReadAt(cache, kMiB, &e.origin), kErrRead);
        EXPECT_EQ(ReadAt(cache, 0, &e.origin, 0, true), kErrRead);
        EXPECT_EQ(cache.FetchWrite(kMiB + 1, "x", 1, nullptr), static_cast<int>(kErrUnaligned));
-       return Lines{"E [faulty.bin] Read-ahead failed : 1048576, 1048576",
-                    "E [faulty.bin:1] Read-ahead large block failed : 0, 8388608",
-                    "E [faulty.bin] Fetch write failed : Cache offset was not aligned"};
+       e.origin.set_mode(FakeOrigin::Mode::kNormal);
+       EXPECT_EQ(ReadAt(cache, 0, &e.origin, 0, true), kOk);
+       return Lines{"I [f.bin] Read only cache opened(" + cache.GetCachePath() + ")",
+                    "E [f.bin] Read-ahead failed : 1048576, 1048576", "E [f.bin:1] Read-ahead large block failed : 0, 8388608",
+                    "E [f.bin] Fetch write failed : Cache offset was not aligned",
+                    "D [f.bin] Reserved blocks 0 to 8388608(8388608 bytes)", "D [f.bin] 16 blocks reserved",
+                    "I [f.bin] Trying to fetch whole file(8388608 bytes).", "I [f.bin] Read-ahead large block : 0, 8388608",
+                    "D [f.bin] AsyncLargeFetch : 0, 8388608", "I [f.bin] Read-ahead large : clear empty reserved block(s)",
+                    "D [f.bin] Clear reserved blocks 0 to 8388608(8388608 bytes)",
+                    "I [f.bin] Read-ahead large block done : 0, 8388608", "I [f.bin] Read only cache uninitialized"};
      }},
     {"queue drops the fetch, client handle closed, then a read times out", [](Env& e) {
        ReadonlyCache cache(e.Dir(), "slow.bin", e.origin.size(), &e.config);
@@ -111,7 +115,7 @@ const Row kRows[] = {
        closed->state = 3;
        EXPECT_EQ(ReadAt(cache, 0, &e.origin, -1, false, closed), kErrHandleClosed);
        std::vector<char> buffer(100);
-       EXPECT_EQ(ReadAt(cache, kHalf + 5, &e.origin, 1, false, std::make_shared<_FS_HANDLE>(), &buffer), kErrRead);
+       EXPECT_EQ(ReadAt(cache, kHalf + 5, &e.origin, 1, false, std::make_shared<_FS_HANDLE>(), buffer.data()), kErrRead);
        char timed_out[256];
        std::snprintf(timed_out, sizeof timed_out, "E [slow.bin] Read timed-out : %p, %lld, %d(%s)", buffer.data(),
                      kHalf + 5, 100, "last checked sector offset was 524288 on offset 524293, length 100 and reserved");
@@ -191,49 +195,32 @@ const Row kRows[] = {
                     "E Cache path not found : " + plain + "/", "I [big.bin] Writable cache to read only cache",
                     "I [big.bin] Read only cache from writable cache created"};
      }},
-    {"stream handle closed while held, then free", [](Env& e) {
-       const std::string path = e.dir.File("h");
-       TimedHandle handle(path);
-       handle = std::fopen(path.c_str(), "w");
-       std::shared_ptr<FILE> held = handle.GetHandle();
-       AdvanceClockForTesting(TimedHandle::kIdleTimeout);
-       EXPECT_FALSE(handle.CloseIfExpired());
-       handle.Close();
-       held.reset();
-       handle.Close();
-       return Lines{"D [" + path + "] Trying to close cache handle but there are references",
-                    "D [" + path + "] Trying to close cache handle but there are references : force close",
-                    "D [" + path + "] Cache handle closed : force close"};
-     }},
     {"manager from start to end", [](Env& e) {
-       Lines lines;
-       {
-         Cache cache(e.dir.path().c_str(), 0);
-         const std::string limit = LocaleNumber(static_cast<long long>(cache.GetLimit()));
-         EXPECT_TRUE(WaitFor([&] { return e.log.Count("Cache quota manager started") > 0; }));
-         EXPECT_EQ(cache.SetConfiguration(R"({"cache":{"ra":{"hit":1,"min":2,"max":3},"read":{"timeout":4,
-             "maxfetch":5},"clear":{"period":0,"usedblock":7,"unusedblock":8,"over":{"usedblock":9,
-             "unusedblock":10}}}})"), kOk);
-         const std::string total = "[CACHE] [" + cache.path() + "] Total cache : 0(limits : " +
-                                   std::to_string(cache.GetLimit()) + ")";
-         // A settings file beside the program may have let one pass run before.
-         const int earlier = e.log.Count(total);
-         EXPECT_TRUE(WaitFor([&] { return e.log.Count(total) > earlier; }));
-         EXPECT_EQ(cache.SetLimit(64 * kMiB - 1), kErrLimitTooSmall);
-         EXPECT_EQ(cache.SetLimit(64 * kMiB), kOk);
-         cache.Open("x/a.bin", 'r', e.origin.size(), &e.origin);
-         cache.Open("x/a.bin", 'w', e.origin.size(), &e.origin);
-         EXPECT_EQ(cache.Rehash("x/a.bin", "b.bin", "b.bin"), kOk);
-         EXPECT_EQ(cache.Close("b.bin"), kOk);
-         lines = {"I Cache initialized : " + cache.path() + ", Storage limit : " + limit + " bytes",
-                  "D Cache quota manager started", "D Cache configuration : 1, 2, 3, 4, 5, 0, 7, 8, 9, 10", "D " + total,
-                  "E Change cache storage limit requested but too small : Requested " + limit + " bytes",
-                  "I Storage limit changed : " + LocaleNumber(static_cast<long long>(cache.GetLimit())) + " bytes",
-                  "W Cache found for x/a.bin but read-only. Convert to writable cache forcefully.",
-                  "I Rehash cache : x/a.bin to b.bin", "I Close cache : b.bin"};
-       }
-       lines.insert(lines.end(), {"I Uninitialize cache...", "D Cache quota manager stopped", "I Cache uninitialized"});
-       return lines;
+       Cache cache(e.dir.path().c_str(), 0);
+       const std::string limit = LocaleNumber(static_cast<long long>(cache.GetLimit()));
+       EXPECT_TRUE(WaitFor([&] { return e.log.Count("Cache quota manager started") > 0; }));
+       EXPECT_EQ(cache.SetConfiguration(R"({"cache":{"ra":{"hit":1,"min":2,"max":3},"read":{"timeout":4,
+           "maxfetch":5},"clear":{"period":0,"usedblock":7,"unusedblock":8,"over":{"usedblock":9,
+           "unusedblock":10}}}})"), kOk);
+       const std::string total =
+           "[CACHE] [" + cache.path() + "] Total cache : 0(limits : " + std::to_string(cache.GetLimit()) + ")";
+       // A settings file beside the program may have let one pass run before.
+       const int earlier = e.log.Count(total);
+       EXPECT_TRUE(WaitFor([&] { return e.log.Count(total) > earlier; }));
+       EXPECT_EQ(cache.SetLimit(64 * kMiB - 1), kErrLimitTooSmall);
+       EXPECT_EQ(cache.SetLimit(64 * kMiB), kOk);
+       cache.Open("x/a.bin", 'r', e.origin.size(), &e.origin);
+       cache.Open("x/a.bin", 'w', e.origin.size(), &e.origin);
+       EXPECT_EQ(cache.Rehash("x/a.bin", "b.bin", "b.bin"), kOk);
+       EXPECT_EQ(cache.Close("b.bin"), kOk);
+       // The lines of the manager's end come as it goes, when this returns.
+       return Lines{"I Cache initialized : " + cache.path() + ", Storage limit : " + limit + " bytes",
+                    "D Cache quota manager started", "D Cache configuration : 1, 2, 3, 4, 5, 0, 7, 8, 9, 10", "D " + total,
+                    "E Change cache storage limit requested but too small : Requested " + limit + " bytes",
+                    "I Storage limit changed : " + LocaleNumber(static_cast<long long>(cache.GetLimit())) + " bytes",
+                    "W Cache found for x/a.bin but read-only. Convert to writable cache forcefully.",
+                    "I Rehash cache : x/a.bin to b.bin", "I Close cache : b.bin", "I Uninitialize cache...",
+                    "D Cache quota manager stopped", "I Cache uninitialized"};
      }},
 };
 

@@ -34,8 +34,6 @@ TEST(ReadAheadPolicy, ScriptsOfReads) {
        kFile, {Next(0, 0, V::kFirstRead), Next(4 * M, 1, V::kFetch, M), Next(8 * M + 1, 2, V::kNotContinuous)}},
       {"a pause of 301 s breaks the stream; one of 300.5 s does not", M, 8 * M, 0, kNoLimit, kFile,
        {Next(0, 0, V::kFirstRead), Next(M, 300.5, V::kFetch, M), Next(2 * M, 601.5, V::kNotContinuous)}},
-      {"a busy file records the read but starts nothing", M, 8 * M, 1, kNoLimit, kFile,
-       {Next(0, 0, V::kFirstRead), {M, M + S, 1, V::kBusy, 0, true}, Next(2 * M, 2, V::kFetch, M)}},
       {"a run longer than ramax records nothing; one cached to the end forgets the stream", M, 8 * M, 1, kNoLimit,
        kFile, {Next(0, 0, V::kFirstRead), {M, -1, 1, V::kRunTooLong}, Next(2 * M, 2, V::kTooFewReads),
                {3 * M, kFile - S, 3, V::kCachedToEnd}, Next(4 * M, 4, V::kFirstRead)}},

@@ -1,6 +1,6 @@
-// Eviction of the sector cache, as scripts for the read-path model: which
-// sectors age out, how the survivors are packed down, how the file shrinks
-// and finally goes.
+// Eviction of the sector cache, as scripts for the read-path model: how the
+// survivors are packed down, how the file shrinks and finally goes, and a
+// pass over a file that went away.
 #include <gtest/gtest.h>
 
 #include "cache/default_settings.h"
@@ -17,18 +17,8 @@ constexpr long long kHalf = kSectorSize;
 TEST(SectorEvictionTest, Scripts) {
   _CACHECONFIG conf = kDefaultCacheConfig;
   conf.clrused = conf.clrunused = conf.clroverused = conf.clroverunused = 1000000;
-  conf.ramax = kMiB;
   RunReadPathScripts(
       {
-          {"selection by age, use and reservation; ages compared strictly in whole seconds", 8 * kMiB,
-           {{Op::kSet, M::kClrUsed, 100}, {Op::kSet, M::kClrUnused, 1000}, {Op::kSet, M::kClrOverUsed, 10},
-            {Op::kSet, M::kClrOverUnused, 50}, {Op::kFetchWrite, 0, kHalf, kOk},
-            {Op::kCachedRead, 0, 100, kOk, 100},  // sector 0 is used, sector 1 is not
-            {Op::kFetchWrite, kHalf, kHalf, kOk}, {Op::kReserve, kMiB, kHalf, kOk},  // sector 2 is on its way
-            {Op::kClock, 100000}, {Op::kEvict, 0, 0, 2 * kHalf}, {Op::kClock, 1000}, {Op::kEvict, 0, 0, kHalf},
-            {Op::kCachedRead, 0, 100, kOk, 0}, {Op::kEvictOverQuota, 0, 0, -1},  // shorter ages: the unread one goes
-            {Op::kClock, 1000000000}, {Op::kEvictOverQuota}, {Op::kEvict},  // a reservation never ages out
-            {Op::kReserve, kMiB, kHalf, kNothingReserved}}},
           {"survivors move down, the file shrinks and finally goes, then starts anew", 2 * kHalf + 1000,
            {{Op::kFetchWrite, 0, kHalf, kOk}, {Op::kClock, 200000}, {Op::kFetchWrite, kHalf, kHalf, kOk},
             {Op::kClock, 200000}, {Op::kFetchWrite, kMiB, 1000, kOk}, {Op::kFileSize, 0, 0, 3 * kHalf},

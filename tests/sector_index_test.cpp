@@ -44,21 +44,20 @@ TEST(SectorIndex, ReservationsReadinessTheCachedRunAndOldSectors) {
 
   struct Case { const char* what; std::vector<long long> sectors; long long offset, ramax, run_end; };
   const Case cases[] = {
-      {"an absent sector is its own run end", {0, S}, 5 * S + 7, 8 * S, 5 * S},
+      {"an absent sector is its own run end", {0, S, 3 * S}, 2 * S + 7, 8 * S, 2 * S},
       {"a gap ends the run", {0, S, 3 * S}, 10, 8 * S, S},
       {"a run reaching beyond offset + ramax", {0, S, 2 * S, 3 * S}, 0, 2 * S, -1},
       {"a run ending exactly at offset + ramax", {0, S, 2 * S}, 0, 2 * S, 2 * S},
   };
   for (const Case& c : cases) EXPECT_EQ(Settled(c.sectors).RunEnd(c.offset, c.ramax), c.run_end) << c.what;
 
-  // Read sectors go after 60 s, unread ones after 120 s; a reservation never.
-  index = Settled({0, S, 2 * S, 3 * S});
-  index.Find(0)->hits = 1;                                         // read, 100 s old
-  index.Find(S)->access_time = kStart + std::chrono::seconds(50);  // never read, 50 s old at 100 s
-  index.Find(2 * S)->access_time = kStart + std::chrono::hours(1);  // from the future: very old
-  index.InsertReserved(4 * S, 0, kStart);
-  EXPECT_EQ(index.SelectOld(kStart + std::chrono::seconds(100), 60, 120), (std::vector<long long>{0, 2 * S}));
-  EXPECT_EQ(index.SelectOld(kStart + std::chrono::seconds(200), 60, 120), (std::vector<long long>{0, S, 2 * S, 3 * S}));
+  // Read sectors go after more than 60 s, unread ones after more than 120 s, a reservation never.
+  index = Settled({0, S, 2 * S});
+  index.Find(0)->hits = 1;
+  index.Find(S)->access_time = kStart + std::chrono::hours(1);  // from the future: very old
+  index.InsertReserved(3 * S, 0, kStart);
+  for (auto c : std::vector<std::pair<int, std::vector<long long>>>{{60, {S}}, {61, {0, S}}, {121, {0, S, 2 * S}}})
+    EXPECT_EQ(index.SelectOld(kStart + std::chrono::seconds(c.first), 60, 120), c.second) << c.first;
 }
 
 }  // namespace

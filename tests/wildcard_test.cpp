@@ -36,19 +36,17 @@ TEST(WildcardTest, MatchesByTable) {
   for (int i = 0; i < 20; ++i) stars += "*a";
   const std::vector<std::pair<std::string, std::string>> matching = {
       {"*", ""}, {"*.txt", ".txt"}, {"a*b*c", "aXbYbZc"}, {"a?c", "abc"}, {"", ""}, {stars + "*", a100},
-      {"*.txt", "a.txt.txt"},       // must not settle on the first ".txt"
-      {"a*.c", "a.c"},              // a star inside matches nothing too
-      {"a\"", "a"}, {"a\"", "a."},  // DOS dot: a "." or nothing
+      {"*.txt", "a.txt.txt"}, {"a*.c", "a.c"},  // no settling on the first ".txt"; an inner star matches nothing too
+      {"a\"", "a"}, {"a\"", "a."},              // DOS dot: a "." or nothing
       {"<.txt", "a.b.txt"}, {"<.<", "a.b.c"}, {"a<", "abc"},  // DOS star: up to the last dot, never swallowing it
-      // DOS question mark: nothing at the last dot, an earlier dot is consumed.
-      {"a>c", "abc"}, {"a>.b", "a.b"}, {"a>b.c", "a.b.c"},
-      {"a*<\"*", "a"},  // only * < " may match nothing at the end of a name
+      // DOS question mark: nothing at the last dot, an earlier dot is consumed; only * < " match nothing at the end.
+      {"a>c", "abc"}, {"a>.b", "a.b"}, {"a>b.c", "a.b.c"}, {"a*<\"*", "a"},
   }, failing = {
       {"*.txt", "a.txt.bak"}, {"a?c", "ac"}, {"", "a"}, {"abc", "abcd"}, {"ABC", "abc"}, {"a\"", "ab"}, {"<", "a.b"},
       {"a>", "a"}, {stars + "*b", a100}, {std::string(20, '<') + "b", a100 + ".c"},
       // An expression outlasting the name never reads past it.
-      {"abc?", "abc"}, {"a?b", "a"}, {"a>b", "a"}, {"a?>", "a"}, {"*?*?*?*?*?*?*?*?", "abc"},
-      {"<>>>>>>>>>>>>>>>>>", "x.y"}, {"a.txt.with.a.longer.tail", "a.txt"},
+      {"abc?", "abc"}, {"a?b", "a"}, {"a>b", "a"}, {"a?>", "a"}, {"*?*?*?*?*?*?*?*?", "abc"}, {"<>>>>>>>>>>", "x.y"},
+      {"a.txt.with.a.longer.tail", "a.txt"},
   };
   for (const auto& c : matching) EXPECT_TRUE(Match(c.first, c.second)) << c.first << " ~ " << c.second;
   for (const auto& c : failing) EXPECT_FALSE(Match(c.first, c.second)) << c.first << " ~ " << c.second;
