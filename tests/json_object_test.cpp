@@ -23,9 +23,9 @@ TEST(JsonObjectTest, ParsingAndPathWalk) {
   const char kDocument[] = R"({"cache":{"ra":{"hit":3}},"name":"x"})";
   JsonObject doc(kDocument);
   for (const char* path : {"cache/ra/hit", "/cache//ra/hit/", "", "//"}) EXPECT_TRUE(doc.HasObject(path)) << path;
-  for (const char* path : {"/cache/ra/miss", "/Cache/ra/hit", "/cache/ra/hit/deeper", static_cast<const char*>(nullptr)}) {
-    EXPECT_FALSE(doc.HasObject(path)) << path;
-    EXPECT_EQ(ErrorThrownBy([&] { doc.GetObject(path); }), kErrInvalidArgument) << path;
+  for (const char* p : {"/cache/ra/miss", "/Cache/ra/hit", "/cache/ra/hit/deeper", static_cast<const char*>(nullptr)}) {
+    EXPECT_FALSE(doc.HasObject(p)) << p;
+    EXPECT_EQ(ErrorThrownBy([&] { doc.GetObject(p); }), kErrInvalidArgument) << p;
   }
   EXPECT_EQ(doc.GetObject("/").ToText(), kDocument);  // a failed walk creates nothing
 }

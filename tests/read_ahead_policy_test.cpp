@@ -17,7 +17,7 @@ constexpr long long M = 1 << 20;
 struct Step { long long offset, run_end; double at_seconds; V verdict; long long block = 0; bool busy = false; };
 
 // A sequential reader whose cached run ends one sector past each read.
-Step Next(long long offset, double at, V verdict, long long block = 0) { return {offset, offset + S, at, verdict, block}; }
+Step Next(long long offset, double at, V v, long long block = 0) { return {offset, offset + S, at, v, block}; }
 
 TEST(ReadAheadPolicy, ScriptsOfReads) {
   const long long kFile = 100 * M, kNoLimit = 1ll << 40;

@@ -30,8 +30,8 @@ TEST(ReadAheadTest, Scripts) {
             ReadAt(0, {{kHalf, kHalf}, {kMiB, kHalf}})}},
           {"one large block at a time; a dropped or failed one does not block the next", 16 * kMiB,
            {{Op::kQueue, M::kRun}, ReadAt(0, {{0, kMiB}}), {Op::kQueue, M::kHold}, ReadAt(0), ReadAt(0),
-            {Op::kHeld, 0, 0, 0}, ReadAt(0),  // served from the cache while its block waits in the queue
-            {Op::kHeld, 0, 0, 1}, ReadAt(0), {Op::kHeld, 0, 0, 1}, {Op::kRunHeld, 0, 0, M::kAny, M::kAny, {{kHalf, kMiB}}},
+            {Op::kHeld, 0, 0, 0}, ReadAt(0), {Op::kHeld, 0, 0, 1},  // served from the cache while its block waits
+            ReadAt(0), {Op::kHeld, 0, 0, 1}, {Op::kRunHeld, 0, 0, M::kAny, M::kAny, {{kHalf, kMiB}}},
             ReadAt(kHalf),  // the read made while busy kept the run going
             {Op::kRunHeld, 0, 0, M::kAny, M::kAny, {{kMiB, 2 * kMiB}}}, {Op::kCachedRead, 0, 3 * kMiB, kOk, 3 * kMiB},
             ReadAt(kMiB), {Op::kCancelHeld}, ReadAt(kMiB), {Op::kOrigin, M::kFail},
