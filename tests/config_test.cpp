@@ -12,7 +12,6 @@ TEST(ConfigTest, ParseReplacesOnlyNamedSettings) {
   config.AddConfiguration("rahit", "/cache/ra/hit", 3u);
   config.AddConfiguration("ramin", "/cache/ra/min", 4294967295u);
   config.AddConfiguration("label", "label", "old");
-  config.Parse("");
   config.Parse(R"({"cache":{"ra":{"hit":7}},"label":"new","ramin":1})");
   EXPECT_EQ(config.GetValue("rahit") + config.GetValue("ramin") + config.GetValue("label"), "74294967295new");
   config.AddConfiguration("rahit", "/hit", 3u);  // re-registering moves the path

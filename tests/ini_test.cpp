@@ -46,7 +46,6 @@ TEST(IniTest, LookupsAndBufferSizes) {
       {"xyz", 4, 3, "xyz"},  // a value that does not fit gives the default, if that fits
       {"wxyz", 4, 0, nullptr},
       {"xyz", -1, 0, nullptr},
-      {"", 0, 0, nullptr},
   };
   for (const auto& c : kSizes) {
     char buffer[8] = "zzzzzzz";

@@ -35,7 +35,8 @@ TEST(JsonObjectTest, ViewsAssignmentConversionsAndEditing) {
   doc["cache"]["ra"]["max"] = "9";
   // Copy() and copies of views are views; a copy of an owner is a document of its own.
   EXPECT_TRUE(doc.Copy().Remove("name"));
-  EXPECT_TRUE(JsonObject(doc.GetObject("/cache/ra")).Remove("max"));
+  JsonObject ra = doc.GetObject("/cache/ra");
+  EXPECT_TRUE(JsonObject(ra).Remove("max"));
   JsonObject owner(doc);
   owner["cache"] = "gone";
   JsonObject hit = doc.GetObject("/cache/ra/hit");

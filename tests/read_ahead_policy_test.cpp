@@ -10,8 +10,7 @@
 namespace {
 
 using V = ReadAheadPolicy::Verdict;
-constexpr long long S = kSectorSize;
-constexpr long long M = 1 << 20;
+constexpr long long S = kSectorSize, M = 1 << 20;
 
 // run_end: where the cached run of the read ends (-1: beyond ramax); block: the size of the block, for kFetch.
 struct Step { long long offset, run_end; double at_seconds; V verdict; long long block = 0; bool busy = false; };

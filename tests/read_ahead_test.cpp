@@ -11,8 +11,7 @@ namespace {
 
 using M = ReadPathModel;
 using Op = M::Op;
-constexpr long long kMiB = 1048576;
-constexpr long long kHalf = kSectorSize;
+constexpr long long kMiB = 1048576, kHalf = kSectorSize;
 
 // A 4 KiB read with a fetcher, which must succeed, and what it fetches.
 M::Step ReadAt(long long offset, std::vector<M::Range> fetched = {}) {

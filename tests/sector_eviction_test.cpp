@@ -11,8 +11,7 @@ namespace {
 
 using M = ReadPathModel;
 using Op = M::Op;
-constexpr long long kMiB = 1048576;
-constexpr long long kHalf = kSectorSize;
+constexpr long long kMiB = 1048576, kHalf = kSectorSize;
 
 TEST(SectorEvictionTest, Scripts) {
   _CACHECONFIG conf = kDefaultCacheConfig;

@@ -41,6 +41,9 @@ TEST(SectorIndex, ReservationsReadinessTheCachedRunAndOldSectors) {
   EXPECT_EQ(index.Find(2 * S), nullptr);
   EXPECT_FALSE(index.RangeReady(S, 2 * S, &stop, &missing));
   EXPECT_TRUE(missing);
+  index.Drop(0);  // slot 0 is free: the bytes of a sector new to the index take it before the file's end
+  EXPECT_EQ(index.PlaceFetched(4 * S, 100, kStart, [] { return -7LL; }).sector->cache_offset, 0);
+  EXPECT_EQ(index.PlaceFetched(5 * S, 100, kStart, [] { return 9 * S; }).sector->cache_offset, 9 * S);
 
   struct Case { const char* what; std::vector<long long> sectors; long long offset, ramax, run_end; };
   const Case cases[] = {
@@ -56,8 +59,8 @@ TEST(SectorIndex, ReservationsReadinessTheCachedRunAndOldSectors) {
   index.Find(0)->hits = 1;
   index.Find(S)->access_time = kStart + std::chrono::hours(1);  // from the future: very old
   index.InsertReserved(3 * S, 0, kStart);
-  for (auto c : std::vector<std::pair<int, std::vector<long long>>>{{60, {S}}, {61, {0, S}}, {121, {0, S, 2 * S}}})
-    EXPECT_EQ(index.SelectOld(kStart + std::chrono::seconds(c.first), 60, 120), c.second) << c.first;
+  const std::pair<int, std::vector<long long>> kAges[] = {{60, {S}}, {61, {0, S}}, {120, {0, S}}, {121, {0, S, 2 * S}}};
+  for (const auto& c : kAges) EXPECT_EQ(index.SelectOld(kStart + std::chrono::seconds(c.first), 60, 120), c.second);
 }
 
 }  // namespace
