@@ -91,6 +91,8 @@ TEST(ReadPathTest, Scripts) {
             {Op::kReopen}, {Op::kRead, 0, 100, kOk, 100, {{0, kMiB}}}, {Op::kCheckHandles, 11000, 0, 1},
             {Op::kCloseRemove, 0, 0, kErrNotOpen}, {Op::kDeleteFile},
             {Op::kRead, 0, 5000, kOk, 5000, {{0, kMiB}}}, {Op::kFileSize, 0, 0, kMiB}}},
+          {"a cache file that cannot be opened", 4 * kMiB,
+           {{Op::kBlockFile}, {Op::kRead, 0, 100, kErrRead}, {Op::kFetchWrite, 0, 10, kErrRead}}},
       },
       conf);
 }
