@@ -1,6 +1,7 @@
 // Settings for cache files under test, changeable at any time.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 
 #include "cache/default_settings.h"
@@ -8,10 +9,7 @@
 
 class FakeConfig : public ICacheConfig {
  public:
-  unsigned long long GetQuota() override {
-    std::lock_guard<std::mutex> guard(lock_);
-    return quota_;
-  }
+  unsigned long long GetQuota() override { return quota_; }
   _CACHECONFIG GetConfig() override {
     std::lock_guard<std::mutex> guard(lock_);
     return config_;
@@ -20,13 +18,10 @@ class FakeConfig : public ICacheConfig {
     std::lock_guard<std::mutex> guard(lock_);
     config_ = config;
   }
-  void SetQuota(unsigned long long quota) {
-    std::lock_guard<std::mutex> guard(lock_);
-    quota_ = quota;
-  }
+  void SetQuota(unsigned long long quota) { quota_ = quota; }
 
  private:
   std::mutex lock_;
-  _CACHECONFIG config_ = kDefaultCacheConfig;
-  unsigned long long quota_ = 1ull << 30;
+  _CACHECONFIG config_ = kDefaultCacheConfig;  // guarded by lock_
+  std::atomic<unsigned long long> quota_{1ull << 30};
 };

@@ -16,7 +16,7 @@ long long FakeOrigin::FirstMismatch(const char* data, long long offset, long lon
 }
 
 long long FakeOrigin::Fetch(long long offset, long length, std::shared_ptr<_FS_HANDLE> handle,
-                           IFetchCallback* callback) {
+                            IFetchCallback* callback) {
   {
     std::unique_lock<std::mutex> guard(lock_);
     requests_.emplace_back(offset, length);
@@ -25,36 +25,23 @@ long long FakeOrigin::Fetch(long long offset, long length, std::shared_ptr<_FS_H
     changed_.wait(guard, [this] { return !blocked_; });
   }
   const Mode mode = mode_.load();
-  if (mode == Mode::kFail) return 1;
-  if (mode == Mode::kNothing) return 0;
-  long long end = offset + length;
-  if (mode == Mode::kShort) end = offset + std::max(kSectorSize, SectorOf(length / 2));
-  if (mode == Mode::kExtra) end += kSectorSize;
-  end = std::min(end, size_);
-  std::vector<char> bytes;
+  if (mode == Mode::kFail || mode == Mode::kNothing) return mode == Mode::kFail ? 1 : 0;
+  long long end = offset + (mode == Mode::kShort ? std::max(kSectorSize, SectorOf(length / 2)) : length);
+  end = std::min(end + (mode == Mode::kExtra ? kSectorSize : 0), size_);
+  std::vector<char> bytes(static_cast<size_t>(kSectorSize));
   for (long long position = offset; position < end; position += kSectorSize) {
-    bytes.resize(static_cast<size_t>(std::min(kSectorSize, end - position)));
-    Fill(bytes.data(), position, static_cast<long long>(bytes.size()));
+    const long count = static_cast<long>(std::min(kSectorSize, end - position));
+    Fill(bytes.data(), position, count);
     long written = 0;
-    const int result = callback->FetchWrite(position, bytes.data(), static_cast<long>(bytes.size()), &written);
+    const int result = callback->FetchWrite(position, bytes.data(), count, &written);
     if (result != 0) return result;
   }
   return 0;
 }
 
-std::string FakeOrigin::HandleInfo(_FS_HANDLE*) {
-  ++handle_infos_;
-  return "origin-handle-info";
-}
-
-void FakeOrigin::Block() {
+void FakeOrigin::SetBlocked(bool blocked) {
   std::lock_guard<std::mutex> guard(lock_);
-  blocked_ = true;
-}
-
-void FakeOrigin::Release() {
-  std::lock_guard<std::mutex> guard(lock_);
-  blocked_ = false;
+  blocked_ = blocked;
   changed_.notify_all();
 }
 

@@ -16,13 +16,10 @@
 
 class FakeOrigin : public IFetch {
  public:
-  enum class Mode {
-    kNormal,   // deliver the range, clipped to the file size
-    kFail,     // deliver nothing, return 1
-    kShort,    // deliver the first half of the range (whole sectors), return 0
-    kNothing,  // deliver nothing, return 0
-    kExtra,    // deliver one sector past the range too, return 0
-  };
+  // kNormal delivers the range, clipped to the file size; kFail nothing, and
+  // returns 1; kShort the first half of the range (whole sectors); kNothing
+  // nothing; kExtra one sector past the range too. All but kFail return 0.
+  enum class Mode { kNormal, kFail, kShort, kNothing, kExtra };
 
   explicit FakeOrigin(long long size) : size_(size) {}
 
@@ -42,13 +39,16 @@ class FakeOrigin : public IFetch {
 
   long long Fetch(long long offset, long length, std::shared_ptr<_FS_HANDLE> handle,
                   IFetchCallback* callback) override;
-  std::string HandleInfo(_FS_HANDLE* handle) override;
+  std::string HandleInfo(_FS_HANDLE*) override {
+    ++handle_infos_;
+    return "origin-handle-info";
+  }
 
   long long size() const { return size_; }
   void set_mode(Mode mode) { mode_.store(mode); }
   // While blocked, Fetch waits (after recording the request) until Release.
-  void Block();
-  void Release();
+  void Block() { SetBlocked(true); }
+  void Release() { SetBlocked(false); }
   // Waits until at least `n` requests arrived; false after ~5 s.
   bool WaitForRequests(size_t n);
 
@@ -59,12 +59,15 @@ class FakeOrigin : public IFetch {
   int HandleInfoCalls() const { return handle_infos_.load(); }
 
  private:
+  void SetBlocked(bool blocked);
+
   const long long size_;
   std::atomic<Mode> mode_{Mode::kNormal};
+  std::atomic<int> handle_infos_{0};
   mutable std::mutex lock_;
   std::condition_variable changed_;
-  bool blocked_ = false;                              // guarded by lock_
-  std::vector<std::pair<long long, long>> requests_;  // guarded by lock_
-  std::vector<_FS_HANDLE> handles_;                   // guarded by lock_
-  std::atomic<int> handle_infos_{0};
+  // State below is protected by lock_.
+  bool blocked_ = false;
+  std::vector<std::pair<long long, long>> requests_;
+  std::vector<_FS_HANDLE> handles_;
 };

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <mutex>
@@ -29,10 +30,7 @@ class FaultyFileIo : public FileIo {
     stored_ = stored;
   }
   void Heal() { Break(Call::kNone, 0); }
-  int failures() {
-    std::lock_guard<std::mutex> guard(lock_);
-    return failures_;
-  }
+  int failures() { return failures_; }
 
   FILE* Open(const std::string& path, const char* mode) override {
     return Fails(Call::kOpen) ? nullptr : FileIo::Open(path, mode);
@@ -45,8 +43,8 @@ class FaultyFileIo : public FileIo {
   }
   size_t Write(FILE* stream, const void* data, size_t length) override {
     size_t stored = 0;
-    int error = 0;
-    if (!Fails(Call::kWrite, &stored, &error)) return FileIo::Write(stream, data, length);
+    if (!Fails(Call::kWrite, &stored)) return FileIo::Write(stream, data, length);
+    const int error = errno;
     const size_t put = stored > 0 ? FileIo::Write(stream, data, std::min(stored, length - 1)) : 0;
     errno = error;
     return put;
@@ -57,20 +55,21 @@ class FaultyFileIo : public FileIo {
   }
 
  private:
-  bool Fails(Call call, size_t* stored = nullptr, int* error = nullptr) {
+  // Sets errno when `call` is broken.
+  bool Fails(Call call, size_t* stored = nullptr) {
     std::lock_guard<std::mutex> guard(lock_);
     if (call != broken_) return false;
     ++failures_;
     if (stored != nullptr) *stored = stored_;
-    if (error != nullptr) *error = error_;
     errno = error_;
     return true;
   }
 
   FileIo* const previous_;
+  std::atomic<int> failures_{0};
   std::mutex lock_;
-  Call broken_ = Call::kNone;  // guarded by lock_
-  int error_ = 0;              // guarded by lock_
-  size_t stored_ = 0;          // guarded by lock_
-  int failures_ = 0;           // guarded by lock_
+  // State below is protected by lock_.
+  Call broken_ = Call::kNone;
+  int error_ = 0;
+  size_t stored_ = 0;
 };

@@ -7,13 +7,10 @@
 #include <sstream>
 
 std::string FileContents(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
   std::ostringstream out;  // copied in blocks: byte by byte is slow under the thread sanitizer
-  out << in.rdbuf();
+  out << std::ifstream(path, std::ios::binary).rdbuf();
   return out.str();
 }
-
-bool Exists(const std::string& path) { return FileSize(path) >= 0; }
 
 long long FileSize(const std::string& path) {
   struct stat st;
@@ -23,17 +20,15 @@ long long FileSize(const std::string& path) {
 std::vector<std::string> SectorCacheFiles(const std::string& directory) {
   std::vector<std::string> files;
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error))
     if (entry.path().extension() == ".cache" && entry.is_regular_file()) files.push_back(entry.path().string());
-  }
   return files;
 }
 
 long long BytesInDirectory(const std::string& directory) {
   long long total = 0;
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
+  for (const auto& entry : std::filesystem::directory_iterator(directory, error))
     total += std::max(0LL, FileSize(entry.path().string()));
-  }
   return total;
 }

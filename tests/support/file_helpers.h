@@ -6,9 +6,9 @@
 
 // The whole file as bytes; empty when it cannot be read.
 std::string FileContents(const std::string& path);
-bool Exists(const std::string& path);
 // The file's size, or -1 when it cannot be read.
 long long FileSize(const std::string& path);
+inline bool Exists(const std::string& path) { return FileSize(path) >= 0; }
 // Regular files ending in ".cache" directly in `directory` (sector caches).
 std::vector<std::string> SectorCacheFiles(const std::string& directory);
 // Bytes of every entry of `directory` (st_size, as the manager counts them).

@@ -1,18 +1,11 @@
 // Drives one sector cache (ReadonlyCache) through a script of operations
-// against an in-memory origin and checks every status, size and byte that
-// comes back. The read-path tests give each step its expected outcome; the
-// read-path fuzz target gives none and relies on what every step checks:
-//  - a read that returns kOk serves the origin's bytes only, nothing past its
-//    size and nothing past the end of the file;
-//  - a fetching read, with no queue bound, whose fetches all work and that
-//    meets no reservation or short sector the script made itself, returns
-//    kOk with every byte up to the end of the file;
-//  - every status is one the operation documents; the cache file is a whole
-//    number of slots;
-//  - fetches ask for ranges that start inside the file, with the reader's
-//    handle (a whole-file read may use the cache's own: type 2, id 0, the
-//    reader's info).
-// The origin's byte at offset x is FakeOrigin::ByteAt(x).
+// against an origin whose byte at offset x is FakeOrigin::ByteAt(x), and
+// checks what every step gives back: a read that returns kOk serves only the
+// origin's bytes, nothing past its size or the end of the file; a fetching
+// read whose fetches all worked, with no queue bound and no reservation or
+// short sector the script made in its way, serves every byte up to the end of
+// the file. The read-path tests also give each step its expected outcome; the
+// read-path fuzz target relies on those checks alone.
 #pragma once
 
 #include <climits>
@@ -26,9 +19,10 @@
 
 #include "cache/readonly_cache.h"
 #include "support/fake_config.h"
+#include "support/faulty_file_io.h"
 #include "support/test_queue.h"
 
-class ReadPathModel {
+class ReadPathModel : private IFetch {
  public:
   // Each step's operands (a, b) and expectations (want, served):
   //  - reads: a offset, b size; want the status, served the bytes transferred. kCachedRead has no
@@ -38,26 +32,27 @@ class ReadPathModel {
   //  - kClock: a ms more on the clock; kCheckHandles the same, want 1 when the idle stream was closed;
   //  - kEvict*: want the cache file's length after the pass, as kLength; kClose*: want the status;
   //  - kReopen: a new cache object for the same origin file; kDeleteFile behind the cache's back;
-  //    kBlockFile: a directory takes the cache file's name, if it is free; kBreakStream: writes through
-  //    the cache's stream fail until kMendStream;
+  //    kBlockFile: a directory takes the cache file's name, if it is free; kBreakStream: writes to
+  //    cache files fail (EIO) until kMendStream;
   //  - want: kFileSize GetFileSize(), kQuotaSize GetFileSizeForQuota(), kLength the cache file's length
   //    on disk (-1 when there is none), kLargestEmpty GetLargestEmptyOffset(a), kHeld the tasks held;
   //  - kSlot: slot a holds `want` bytes of the origin from offset b, then zeros; kSlotStart starts so;
   //  - kQueue: a QueueMode; kRunHeld waits until the queue is idle;
   //  - kOrigin: a OriginMode (or kMixed + a pattern byte), b sectors per delivery (0: 1);
   //  - kTimeout: a the time-out of later fetching reads, ms; kSet: a Setting, b its value.
+  // The fuzz target's operation byte picks one of those up to kSet.
   enum class Op {
     kRead, kCachedRead, kWholeFileRead, kClosedRead, kClosedWholeFileRead, kFetchWrite, kReserve, kClearReserved,
     kClock, kEvict, kEvictOverQuota, kCheckHandles, kClose, kCloseRemove, kReopen, kDeleteFile, kBlockFile,
-    kBreakStream, kMendStream, kFileSize, kQuotaSize, kLength, kLargestEmpty, kSlot, kSlotStart, kQueue, kRunHeld,
-    kCancelHeld, kHeld, kOrigin, kTimeout, kSet,
+    kFileSize, kQuotaSize, kLength, kLargestEmpty, kOrigin, kTimeout, kSet, kBreakStream, kMendStream, kSlot,
+    kSlotStart, kQueue, kRunHeld, kCancelHeld, kHeld,
   };
   enum Setting { kRaHit, kRaMin, kRaMax, kReadTimeout, kReadFetchMax, kClrUsed, kClrUnused, kClrOverUsed,
                  kClrOverUnused, kQuota };
   enum QueueMode { kInline, kRun, kHold, kDrop };
   // kShort delivers whole sectors up to about half the range and returns 0;
   // kPartialThenFail delivers half of the first piece, which settles its
-  // sector short, and returns 1.
+  // sector short, and returns 1. kMixed + p gives each call a mode from p.
   enum OriginMode { kNormal, kFail, kShort, kNothing, kExtra, kPartialThenFail, kShortThenFail, kMixed = 256 };
   static constexpr long long kAny = LLONG_MIN;
   using Range = std::pair<long long, long>;
@@ -75,7 +70,6 @@ class ReadPathModel {
   // step that needs it, so leading kSet steps shape its read-ahead ladder.
   ReadPathModel(std::string cache_dir, long long file_size, const _CACHECONFIG& config,
                 std::function<void(const std::string&)> fail);
-  ~ReadPathModel();
   ReadPathModel(const ReadPathModel&) = delete;
   ReadPathModel& operator=(const ReadPathModel&) = delete;
 
@@ -85,38 +79,41 @@ class ReadPathModel {
   // over a reservation the steps made (which would never settle) reads only
   // what is cached instead.
   void Apply(const Step& step) { Do(step, false); }
-  ReadonlyCache& cache();
 
  private:
-  class Origin;
+  long long Fetch(long long offset, long length, std::shared_ptr<_FS_HANDLE> handle,
+                  IFetchCallback* callback) override;
+  std::string HandleInfo(_FS_HANDLE*) override { return "model"; }
+  ReadonlyCache& cache();
   void Do(const Step& step, bool strict);
   void Read(const Step& step, bool strict);
   void FetchWrite(const Step& step);
   void Expect(bool ok, const std::string& what);
-  void ExpectValue(long long want, long long got, const char* what);
-  bool Touches(const std::set<long long>& sectors, long long from, long long to) const;
+  void Expect(long long want, long long got, const char* what);
   long long Length();
-  void CheckSlots();
-  void Forget();
 
   const std::string dir_;
   const long long file_size_;
   const std::function<void(const std::string&)> fail_;
   std::string step_;  // the step being applied, for messages
   FakeConfig config_;
-  std::unique_ptr<Origin> origin_;
+  // The origin writes the state below under lock_, on queue workers too; the
+  // steps read it while the queue is idle.
+  std::mutex lock_;
+  int origin_mode_ = kNormal;
+  long long piece_sectors_ = 1;
+  int calls_ = 0;  // origin calls since the last kOrigin step
+  bool abnormal_ = false;  // an origin call misbehaved or a delivery was refused since the last read began
+  std::vector<Range> requests_;
+  // Sectors the script may have left reserved or short: over-approximations,
+  // used only to decide which reads must be complete.
+  std::set<long long> reserved_;
+  std::set<long long> short_;
   std::unique_ptr<ReadonlyCache> cache_;
   std::unique_ptr<TestQueue> queue_;  // declared after the cache: goes first
   long long timeout_ = 0;
-  bool unopenable_ = false;  // kBlockFile
-  int stream_fd_ = -1;
-  int saved_fd_ = -1;
+  std::unique_ptr<FaultyFileIo> broken_;  // kBreakStream
   std::vector<char> buffer_;
-  // What the script did that may leave sectors reserved or short; both are
-  // over-approximations, used only to decide which reads must be complete.
-  std::mutex lock_;
-  std::set<long long> maybe_reserved_;
-  std::set<long long> maybe_short_;  // guarded by lock_: the origin adds to it
 };
 
 // A named script for one origin file, for the table tests.

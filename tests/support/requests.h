@@ -16,17 +16,31 @@ constexpr long long kMiB = 1048576;
 
 // An open client handle, and its closing as a client does it: one relaxed
 // atomic store.
-std::shared_ptr<_FS_HANDLE> OpenHandle();
-void CloseClientHandle(const std::shared_ptr<_FS_HANDLE>& handle);
+inline std::shared_ptr<_FS_HANDLE> OpenHandle() { return std::make_shared<_FS_HANDLE>(_FS_HANDLE{1, 1, 1, ""}); }
+inline void CloseClientHandle(const std::shared_ptr<_FS_HANDLE>& handle) {
+  __atomic_store_n(&handle->state, 3, __ATOMIC_RELAXED);
+}
 
 // `size` bytes of a client's own: seed, seed + 1, ... repeating every 23.
-std::vector<char> Pattern(size_t size, char seed);
+inline std::vector<char> Pattern(size_t size, char seed) {
+  std::vector<char> bytes(size);
+  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>(seed + static_cast<char>(i % 23));
+  return bytes;
+}
 // The origin's bytes [offset, offset + size).
-std::vector<char> OriginBytes(long long offset, long long size);
+inline std::vector<char> OriginBytes(long long offset, long long size) {
+  std::vector<char> bytes(static_cast<size_t>(size));
+  FakeOrigin::Fill(bytes.data(), offset, size);
+  return bytes;
+}
 
-_READDATA ReadRequest(std::vector<char>& buffer, long long offset, IFetch* fetch, long long file_size = 0,
-                      long long timeout_ms = 0, bool whole_file = false);
-_WRITEDATA WriteRequest(const std::vector<char>& data, long long offset, long long file_size, IFetch* fetch);
+inline _READDATA ReadRequest(std::vector<char>& buffer, long long offset, IFetch* fetch, long long file_size = 0,
+                             long long timeout_ms = 0, bool whole_file = false) {
+  return _READDATA{buffer.data(), offset, buffer.size(), 0, OpenHandle(), file_size, fetch, timeout_ms, whole_file};
+}
+inline _WRITEDATA WriteRequest(const std::vector<char>& data, long long offset, long long file_size, IFetch* fetch) {
+  return _WRITEDATA{data.data(), offset, data.size(), 0, OpenHandle(), file_size, fetch};
+}
 
 // What one read gave.
 struct ReadOutcome {
@@ -82,4 +96,11 @@ template <class File>
 }
 
 // The AERROR `call` throws, or kOk when it returns.
-AERROR ErrorThrownBy(const std::function<void()>& call);
+inline AERROR ErrorThrownBy(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (AERROR error) {
+    return error;
+  }
+  return kOk;
+}

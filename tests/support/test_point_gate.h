@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
 #include <mutex>
 #include <string>
 
@@ -14,7 +13,13 @@
 class TestPointGate {
  public:
   explicit TestPointGate(std::string point) : point_(std::move(point)) {
-    SetTestPointHook([this](const char* name) { Arrive(name); });
+    SetTestPointHook([this](const char* name) {
+      std::unique_lock<std::mutex> guard(lock_);
+      if (point_ != name || held_ || open_) return;
+      held_ = true;
+      changed_.notify_all();
+      changed_.wait(guard, [this] { return open_; });
+    });
   }
   ~TestPointGate() {
     Release();
@@ -36,15 +41,6 @@ class TestPointGate {
   }
 
  private:
-  void Arrive(const char* name) {
-    if (point_ != name) return;
-    std::unique_lock<std::mutex> guard(lock_);
-    if (held_ || open_) return;
-    held_ = true;
-    changed_.notify_all();
-    changed_.wait(guard, [this] { return open_; });
-  }
-
   const std::string point_;
   std::mutex lock_;
   std::condition_variable changed_;

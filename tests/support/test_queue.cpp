@@ -20,26 +20,6 @@ TestQueue::~TestQueue() {
   for (std::thread& t : workers_) t.join();
 }
 
-void TestQueue::Enqueue(IAsyncObj* work, void* param) {
-  std::lock_guard<std::mutex> guard(lock_);
-  (mode_ == Mode::kHold ? held_ : ready_).push_back({work, param, mode_ == Mode::kDrop});
-  changed_.notify_all();
-}
-
-void TestQueue::set_mode(Mode mode) {
-  std::lock_guard<std::mutex> guard(lock_);
-  mode_ = mode;
-}
-
-size_t TestQueue::Held() {
-  std::lock_guard<std::mutex> guard(lock_);
-  return held_.size();
-}
-
-void TestQueue::RunHeld() { Release(false); }
-
-void TestQueue::CancelHeld() { Release(true); }
-
 void TestQueue::Release(bool cancel) {
   std::lock_guard<std::mutex> guard(lock_);
   for (Item& item : held_) ready_.push_back({item.work, item.param, cancel});

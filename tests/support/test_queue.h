@@ -8,31 +8,37 @@
 #include <deque>
 #include <mutex>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "korvcache.h"
 
 class TestQueue : public IAsyncQueue {
  public:
-  enum class Mode {
-    kRun,   // workers run each task as it arrives
-    kHold,  // tasks wait until RunHeld or CancelHeld
-    kDrop,  // workers hand each task Canceled
-  };
+  // kRun: workers run each task as it arrives; kHold: tasks wait until
+  // RunHeld or CancelHeld; kDrop: workers hand each task Canceled.
+  enum class Mode { kRun, kHold, kDrop };
 
   explicit TestQueue(Mode mode = Mode::kRun, int workers = 2);
   ~TestQueue();
   TestQueue(const TestQueue&) = delete;
   TestQueue& operator=(const TestQueue&) = delete;
 
-  void Enqueue(IAsyncObj* work, void* param) override;
-
-  void set_mode(Mode mode);
-  size_t Held();
+  void Enqueue(IAsyncObj* work, void* param) override {
+    std::lock_guard<std::mutex> guard(lock_);
+    (mode_ == Mode::kHold ? held_ : ready_).push_back({work, param, mode_ == Mode::kDrop});
+    changed_.notify_all();
+  }
+  void set_mode(Mode mode) {
+    std::lock_guard<std::mutex> guard(lock_);
+    mode_ = mode;
+  }
+  size_t Held() {
+    std::lock_guard<std::mutex> guard(lock_);
+    return held_.size();
+  }
   // Hands the held tasks to the workers (to run) or cancels them.
-  void RunHeld();
-  void CancelHeld();
+  void RunHeld() { Release(false); }
+  void CancelHeld() { Release(true); }
   // Waits until no task is queued or running; false after ~10 s.
   bool WaitIdle();
 
