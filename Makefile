@@ -112,7 +112,7 @@ soak: deps
 # Findings stay in $(FUZZ_BUILD)/fuzz-runs; the summary says how to merge them.
 FUZZ_BUILD   ?= build-fuzz
 FUZZ_SECONDS ?= 60
-FUZZ_TARGETS ?= ini json wildcard read_path
+FUZZ_TARGETS ?= read_path
 fuzz:
 	bash scripts/install-deps.sh --fuzz
 	cmake -S . -B $(FUZZ_BUILD) $(CMAKE_GEN) -DCMAKE_BUILD_TYPE=RelWithDebInfo \
