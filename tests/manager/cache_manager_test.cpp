@@ -1,4 +1,6 @@
-// The cache manager: settings, limits, the object table and the registry.
+// The cache manager: settings, limits, the object table, the registry, and
+// the quota pass, which clears only while the directory is over its limit
+// and, stopped over one file, holds up no other.
 #include "cache/cache_manager.h"
 
 #include <gtest/gtest.h>
@@ -9,13 +11,19 @@
 #include <filesystem>
 
 #include "cache/default_settings.h"
+#include "common/clock.h"
 #include "common/platform.h"
 #include "support/fake_origin.h"
+#include "support/file_helpers.h"
 #include "support/requests.h"
 #include "support/settings_file.h"
 #include "support/temp_dir.h"
+#include "support/test_point_gate.h"
+#include "support/waits.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 TEST(CacheManager, SettingsComeFromTheFileThenFromJson) {
   TempDir dir;
@@ -28,36 +36,28 @@ TEST(CacheManager, SettingsComeFromTheFileThenFromJson) {
   Cache cache(dir.path().c_str(), 1ull << 30);
   EXPECT_EQ(cache.GetConfig().rahit, 5u);
   EXPECT_EQ(cache.GetConfig().ramin, 0u);  // a readable file without the key gives 0
-  EXPECT_EQ(cache.GetConfig().clroverunused, 0u);
-
   EXPECT_EQ(cache.SetConfiguration(R"({"cache":{"ra":{"hit":7},"clear":{"period":"250"}}})"), kOk);
   EXPECT_EQ(cache.SetConfiguration(nullptr), kErrInvalidArgument);
   EXPECT_EQ(cache.SetConfiguration("{not json"), kErrJson);
   const _CACHECONFIG conf = cache.GetConfig();
-  EXPECT_EQ(conf.rahit, 7u);
-  EXPECT_EQ(conf.clrperiod, 250u);
-  EXPECT_EQ(conf.ramin, 0u);
+  EXPECT_EQ(std::make_tuple(conf.rahit, conf.clrperiod, conf.ramin), std::make_tuple(7u, 250u, 0u));
 }
 
-TEST(CacheManager, DirectoryIsCreatedComponentByComponent) {
+// The directory is made component by component (a relative path is taken
+// from the root); the limit has a floor, and more than the volume holds is
+// cut to part of what it could hold.
+TEST(CacheManager, DirectoryAndLimit) {
   SettingsFile none("");
   TempDir dir;
   EXPECT_EQ(Cache((dir.path() + "//a///b").c_str(), 0).path(), dir.path() + "/a/b/");
   struct stat st;
   EXPECT_TRUE(stat((dir.path() + "/a/b").c_str(), &st) == 0 && S_ISDIR(st.st_mode));
   dir.Write("file", "x");
-  for (const std::string& bad : {dir.File("file"), dir.File("file") + "/sub"}) {
-    EXPECT_EQ(ErrorThrownBy([&] { Cache cache(bad.c_str(), 0); }), kErrCacheDirectory) << bad;
-  }
-  // A relative path is taken from the root.
+  EXPECT_EQ(ErrorThrownBy([&] { Cache cache((dir.File("file") + "/sub").c_str(), 0); }), kErrCacheDirectory);
   const std::string relative = "tmp/korv-relative-" + std::to_string(getpid());
   EXPECT_EQ(Cache(relative.c_str(), 0).path(), "/" + relative + "/");
   std::filesystem::remove_all("/" + relative);
-}
 
-TEST(CacheManager, LimitHasAFloorAndFitsTheVolume) {
-  SettingsFile none("");
-  TempDir dir;
   long long free_bytes = 0;
   ASSERT_TRUE(VolumeFreeBytes(dir.path(), &free_bytes));
   ASSERT_GT(free_bytes, 512 * kMiB) << "the test needs some free space";
@@ -65,21 +65,18 @@ TEST(CacheManager, LimitHasAFloorAndFitsTheVolume) {
   EXPECT_EQ(Cache(dir.path().c_str(), UINT64_MAX).GetLimit(), kFloor);  // negative when signed: the floor
   Cache cache(dir.path().c_str(), 0);
   EXPECT_EQ(cache.GetLimit(), kFloor);
-
   const struct {
     unsigned long long asked;
     unsigned int status;
     unsigned long long limit;
   } cases[] = {
       {100 * kMiB, kOk, 100 * kMiB}, {kFloor - 1, kErrLimitTooSmall, 100 * kMiB}, {kFloor, kOk, kFloor},
-      // 2^63 and more: accepted, and never lowered (negative when signed).
-      {1ull << 63, kOk, 1ull << 63},
+      {1ull << 63, kOk, 1ull << 63},  // accepted, and never lowered (negative when signed)
   };
   for (const auto& c : cases) {
     EXPECT_EQ(cache.SetLimit(c.asked), c.status) << c.asked;
     EXPECT_EQ(cache.GetLimit(), c.limit) << c.asked;
   }
-  // More than the volume holds: half of what it could hold.
   EXPECT_EQ(cache.SetLimit(static_cast<unsigned long long>(free_bytes) * 4), kOk);
   EXPECT_LE(cache.GetLimit(), static_cast<unsigned long long>(free_bytes));
   EXPECT_GT(cache.GetLimit(), static_cast<unsigned long long>(free_bytes) / 4);
@@ -95,7 +92,6 @@ TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
 
   auto a = open("x/a.bin", 'r');
   EXPECT_EQ(open("x/a.bin", 'r'), a);
-  EXPECT_EQ(a->GetHashIndex(), "x/a.bin");
   // 'w' on a read-only object converts it; 'r' on a writable one keeps it.
   const std::vector<char> mine = Pattern(10, 'm');
   _WRITEDATA wd = WriteRequest(mine, 0, origin.size(), &origin);
@@ -103,7 +99,6 @@ TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
   EXPECT_EQ(open("x/a.bin", 'w'), a);
   EXPECT_EQ(open("x/a.bin", 'r'), a);
   EXPECT_EQ(a->Write(&wd), kOk);
-
   for (char bad_mode : {'x', '\0'}) EXPECT_EQ(ErrorThrownBy([&] { open("bad.bin", bad_mode); }), kErrInvalidMode);
   for (const char* bad_name : {"", "/"}) EXPECT_EQ(ErrorThrownBy([&] { open(bad_name, 'r'); }), kErrInvalidArgument);
 
@@ -113,9 +108,8 @@ TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
   EXPECT_EQ(cache.Close("never-opened"), kOk);
   EXPECT_TRUE(Served(*b, origin, 100, 4096, -1));
   EXPECT_NE(open("b.bin", 'r'), b);
-
-  EXPECT_EQ(cache.Rehash("unknown", "b.bin", "f"), kErrNotOpen);
   // Rehash onto an open name force-closes what was there.
+  EXPECT_EQ(cache.Rehash("unknown", "b.bin", "f"), kErrNotOpen);
   auto c = open("c.bin", 'r');
   EXPECT_EQ(cache.Rehash("c.bin", "b.bin", "b-renamed.bin"), kOk);
   EXPECT_EQ(open("b.bin", 'r'), c);
@@ -142,6 +136,86 @@ TEST(CacheManager, RegistryKeysAreExactPathStrings) {
   EXPECT_EQ(InitCache((dir.File("file") + "/sub").c_str(), 0, &none_made), kErrCacheDirectory);
   EXPECT_EQ(none_made, nullptr);
   EXPECT_EQ(InitCache(nullptr, 0, &none_made), kErrInvalidArgument);
+}
+
+// Reads the whole origin in 1 MiB requests; true when each served the origin's bytes.
+bool ReadAll(ICacheObj& file, FakeOrigin& origin) {
+  for (long long offset = 0; offset < origin.size(); offset += kMiB) {
+    if (!Served(file, origin, offset, static_cast<size_t>(std::min(kMiB, origin.size() - offset)), 5000)) return false;
+  }
+  return true;
+}
+
+// Passes run only when a test calls RunQuotaPassNow. Sectors are old after
+// `age` seconds, or `over_age` while the directory is over its limit.
+class QuotaManagerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { Cache_UnbindAsyncQ(); }
+  void TearDown() override { ResetClockForTesting(); }
+  std::unique_ptr<Cache> Start(unsigned long long limit, long long age, long long over_age) {
+    auto cache = std::make_unique<Cache>(dir_.path().c_str(), limit);
+    const std::string json = R"({"cache":{"clear":{"period":4000000000,"usedblock":)" + std::to_string(age) +
+                             R"(,"unusedblock":)" + std::to_string(age) + R"(,"over":{"usedblock":)" +
+                             std::to_string(over_age) + R"(,"unusedblock":)" + std::to_string(over_age) + "}}}}";
+    EXPECT_EQ(cache->SetConfiguration(json.c_str()), kOk);
+    return cache;
+  }
+  SettingsFile none_{""};
+  TempDir dir_;
+};
+
+TEST_F(QuotaManagerTest, ClearsOldSectorsOnlyWhileOverTheLimit) {
+  auto cache = Start(64 * kMiB, 1000000, 0);
+  FakeOrigin origin(4 * kMiB);
+  auto file = cache->Open("a.bin", 'r', origin.size(), &origin);
+  ASSERT_TRUE(Served(*file, origin, 0, 1000, -1));
+  const std::vector<std::string> cached = SectorCacheFiles(dir_.path());
+  ASSERT_EQ(cached.size(), 1u);
+  const long long size = FileSize(cached[0]);
+  AdvanceClockForTesting(5s);
+  cache->RunQuotaPassNow();
+  EXPECT_EQ(FileSize(cached[0]), size) << "cleared under the limit";
+  // A sparse ballast fills the directory to exactly its limit, which is not
+  // over it; one byte more is.
+  const std::string ballast = dir_.Write("ballast", "");
+  ASSERT_EQ(truncate(ballast.c_str(), static_cast<off_t>(cache->GetLimit()) - BytesInDirectory(dir_.path())), 0);
+  cache->RunQuotaPassNow();
+  EXPECT_EQ(FileSize(cached[0]), size) << "cleared at the limit";
+  ASSERT_EQ(truncate(ballast.c_str(), FileSize(ballast) + 1), 0);
+  cache->RunQuotaPassNow();
+  EXPECT_TRUE(SectorCacheFiles(dir_.path()).empty());
+}
+
+// A pass stopped just before clearing a large file: meanwhile another file
+// opens, fetches, serves correct bytes and closes, so the pass holds no lock
+// of the manager. Let go, it drops the old sectors and the file fetches again, exactly.
+TEST_F(QuotaManagerTest, APassHeldOverOneFileHoldsUpNoOther) {
+  Watchdog watchdog("a file opened during a clearing pass", 60s);
+  auto cache = Start(1024 * kMiB, 50, 50);
+  FakeOrigin big_origin(16 * kMiB);
+  std::shared_ptr<ICacheObj> big = cache->Open("big.bin", 'r', big_origin.size(), &big_origin);
+  ASSERT_TRUE(ReadAll(*big, big_origin));
+  const std::vector<std::string> cached = SectorCacheFiles(dir_.path());
+  ASSERT_EQ(cached.size(), 1u);
+
+  AdvanceClockForTesting(100s);
+  TestPointGate gate("quota: clearing a file");
+  Background pass([&] { cache->RunQuotaPassNow(); });
+  ASSERT_TRUE(gate.WaitUntilHeld());
+  FakeOrigin small_origin(8 * kMiB + 12345);
+  for (int round = 0; round < 3; ++round) {
+    std::shared_ptr<ICacheObj> small = cache->Open("small.bin", 'r', small_origin.size(), &small_origin);
+    EXPECT_TRUE(ReadAll(*small, small_origin) && ReadAll(*small, small_origin));
+    small.reset();
+    EXPECT_EQ(cache->Close("small.bin"), kOk);
+  }
+  EXPECT_FALSE(pass.Done());
+  EXPECT_EQ(FileSize(cached[0]), 16 * kMiB);
+
+  gate.Release();
+  ASSERT_TRUE(pass.WaitDone());
+  EXPECT_LT(FileSize(cached[0]), 16 * kMiB);
+  EXPECT_TRUE(ReadAll(*big, big_origin));
 }
 
 }  // namespace
