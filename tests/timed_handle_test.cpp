@@ -5,12 +5,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <functional>
-#include <memory>
-#include <string>
-#include <thread>
 #include <vector>
 
 #include "common/clock.h"
@@ -105,43 +101,6 @@ TEST_F(TimedHandleTest, ReplacedOrOrphanedStreamClosesWithItsLastReference) {
   }
   EXPECT_EQ(FileContents(dir_.File("two")) + FileContents(dir_.File("three")), "minemine");
   EXPECT_FALSE(CloseHandle(nullptr));
-}
-
-TEST_F(TimedHandleTest, ConcurrentUseAndClosingLoseNoWrites) {
-  const std::string path = dir_.File("f.cache");
-  TimedHandle handle(path);
-  constexpr int kUsers = 3;
-  std::atomic<bool> closer_started{false};
-  std::atomic<int> users_left{kUsers}, written{0};
-  // The owner's pattern: reopen when closed, write through a reference, let go.
-  auto user = [&] {
-    while (!closer_started) std::this_thread::yield();
-    for (int i = 0; i < 2000; ++i) {
-      if (!handle.IsValidHandle()) handle = std::fopen(path.c_str(), "a");
-      std::shared_ptr<FILE> s = handle.GetHandle();
-      if (s != nullptr && std::fputc('x', s.get()) != EOF) written.fetch_add(1);
-      s.reset();
-      handle.Tick();
-      std::this_thread::yield();
-    }
-    users_left.fetch_sub(1);
-  };
-  std::vector<std::thread> threads;
-  threads.emplace_back([&] {
-    closer_started = true;
-    for (int i = 0; users_left > 0; ++i) {
-      AdvanceClockForTesting(kIdle);
-      handle.CloseIfExpired();
-      if (i % 8 == 0) handle.Close();
-      std::this_thread::yield();
-    }
-  });
-  for (int t = 0; t < kUsers; ++t) threads.emplace_back(user);
-  for (auto& t : threads) t.join();
-  handle.Close();
-  EXPECT_GT(written.load(), 0);
-  // Every stream, replaced or closed, was flushed by its last holder.
-  EXPECT_EQ(FileContents(path).size(), static_cast<size_t>(written.load()));
 }
 
 }  // namespace
