@@ -53,9 +53,14 @@ using SharedOrigins = std::vector<std::deque<FakeOrigin>>;
 class Client {
  public:
   Client(int index, ICache_V2* cache, SharedOrigins& shared, std::atomic<long long>& verified)
-      : index_(index), cache_(cache), shared_(shared), verified_(verified), own_origin_(2 * kMiB + 1000 * index) {
-    OpenOwn();
-  }
+      : index_(index),
+        cache_(cache),
+        shared_(shared),
+        verified_(verified),
+        own_origin_(2 * kMiB + 1000 * index),
+        own_name_("t" + std::to_string(index) + "/a.bin"),
+        own_(cache->Open(own_name_.c_str(), 'w', own_origin_.size(), &own_origin_)),
+        model_(OriginBytes(0, own_origin_.size())) {}
 
   void Round(int round) {
     static const std::pair<int, void (Client::*)()> kOperations[] = {
@@ -111,12 +116,6 @@ class Client {
 
   void DropShared() { cache_->Close(SharedName(Uniform(0, kSharedFiles - 1)).c_str()); }
 
-  void OpenOwn() {
-    own_name_ = "t" + std::to_string(index_) + (own_alternate_ ? "/own-b.bin" : "/own-a.bin");
-    own_ = cache_->Open(own_name_.c_str(), own_mode_, own_origin_.size(), &own_origin_);
-    model_ = OriginBytes(0, own_origin_.size());
-  }
-
   void OwnReadOrWrite() {
     const long long offset = Uniform(0, own_origin_.size() - 1);
     const long long size = std::min(Uniform(1, 384 * 1024), own_origin_.size() - offset);
@@ -147,10 +146,10 @@ class Client {
 
   // The same object under its other name: the contents stay.
   void RenameOwn() {
-    own_alternate_ = !own_alternate_;
-    const std::string stem = own_alternate_ ? "own-b.bin" : "own-a.bin";
-    const std::string next = "t" + std::to_string(index_) + "/" + stem;
-    const std::string file_name = "t" + std::to_string(index_) + "-" + stem;
+    std::string next = own_name_;
+    next[next.size() - 5] = next[next.size() - 5] == 'a' ? 'b' : 'a';
+    std::string file_name = next;  // the name of the files the object makes from now on
+    file_name[file_name.find('/')] = '-';
     ASSERT_EQ(cache_->Rehash(own_name_.c_str(), next.c_str(), file_name.c_str()), kOk);
     own_name_ = next;
     EXPECT_EQ(cache_->Open(own_name_.c_str(), own_mode_, own_origin_.size(), &own_origin_), own_);
@@ -171,9 +170,8 @@ class Client {
   int cursor_file_ = -1;
   long long cursor_ = 0;
   FakeOrigin own_origin_;
-  std::shared_ptr<ICacheObj> own_;
   std::string own_name_;
-  bool own_alternate_ = false;
+  std::shared_ptr<ICacheObj> own_;
   char own_mode_ = 'w';
   std::vector<char> model_;
 };

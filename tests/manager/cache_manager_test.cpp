@@ -4,7 +4,6 @@
 #include "cache/cache_manager.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -50,8 +49,7 @@ TEST(CacheManager, DirectoryAndLimit) {
   SettingsFile none("");
   TempDir dir;
   EXPECT_EQ(Cache((dir.path() + "//a///b").c_str(), 0).path(), dir.path() + "/a/b/");
-  struct stat st;
-  EXPECT_TRUE(stat((dir.path() + "/a/b").c_str(), &st) == 0 && S_ISDIR(st.st_mode));
+  EXPECT_TRUE(std::filesystem::is_directory(dir.path() + "/a/b"));
   dir.Write("file", "x");
   EXPECT_EQ(ErrorThrownBy([&] { Cache cache((dir.File("file") + "/sub").c_str(), 0); }), kErrCacheDirectory);
   const std::string relative = "tmp/korv-relative-" + std::to_string(getpid());
@@ -80,7 +78,6 @@ TEST(CacheManager, DirectoryAndLimit) {
   EXPECT_EQ(cache.SetLimit(static_cast<unsigned long long>(free_bytes) * 4), kOk);
   EXPECT_LE(cache.GetLimit(), static_cast<unsigned long long>(free_bytes));
   EXPECT_GT(cache.GetLimit(), static_cast<unsigned long long>(free_bytes) / 4);
-  EXPECT_EQ(cache.GetQuota(), cache.GetLimit());
 }
 
 TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
@@ -119,9 +116,7 @@ TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
 TEST(CacheManager, RegistryKeysAreExactPathStrings) {
   SettingsFile none("");
   TempDir dir;
-  ICache_V2* first = nullptr;
-  ICache_V2* again = nullptr;
-  ICache_V2* slashed = nullptr;
+  ICache_V2 *first = nullptr, *again = nullptr, *slashed = nullptr, *none_made = nullptr;
   ASSERT_EQ(InitCache(dir.path().c_str(), 100 * kMiB, &first), kOk);
   ASSERT_EQ(InitCache(dir.path().c_str(), 200 * kMiB, &again), kOk);
   EXPECT_EQ(first, again);
@@ -132,7 +127,6 @@ TEST(CacheManager, RegistryKeysAreExactPathStrings) {
     EXPECT_EQ(ReleaseCache(path.c_str()), kOk) << path;
   }
   dir.Write("file", "x");
-  ICache_V2* none_made = nullptr;
   EXPECT_EQ(InitCache((dir.File("file") + "/sub").c_str(), 0, &none_made), kErrCacheDirectory);
   EXPECT_EQ(none_made, nullptr);
   EXPECT_EQ(InitCache(nullptr, 0, &none_made), kErrInvalidArgument);
