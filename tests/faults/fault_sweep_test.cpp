@@ -1,18 +1,16 @@
 // Many client threads on one manager, with origin faults and closed handles
 // injected at random while the quota thread clears: every byte served is the
-// origin's (or, in a writable file, the client's own), each clearing pass
-// over the limit brings the directory back within it, and ReleaseCache
-// leaves nothing behind.
+// origin's, each clearing pass over the limit brings the directory back
+// within it, and ReleaseCache leaves nothing behind.
 //
 // The sweep runs in rounds. In a round every thread makes a fixed number of
 // operations (seeded, so each thread's sequence is the same every run):
-// streaming reads of shared read-only files, reads and writes of a file of
-// its own checked against a model, mode switches, renames (Rehash), dropped
-// table entries and changed read-ahead settings and limits. Between rounds,
-// with the clients quiet, a sparse ballast puts the directory over its limit
-// by half the sector bytes, the clock steps past the over-limit ages, and the
-// quota thread must bring the directory back within the limit. `make test`
-// runs three rounds; KORV_FAULT_SWEEP_SECONDS=n runs rounds for n seconds
+// streaming reads of shared read-only files, dropped table entries and
+// changed read-ahead settings and limits. Between rounds, with the clients
+// quiet, a sparse ballast puts the directory over its limit by half the
+// sector bytes, the clock steps past the over-limit ages, and the quota
+// thread must bring the directory back within the limit. `make test` runs
+// three rounds; KORV_FAULT_SWEEP_SECONDS=n runs rounds for n seconds
 // (`make soak`).
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -49,23 +47,15 @@ constexpr int kModes = 5;  // FakeOrigin::Mode, kNormal first
 // other reads.
 using SharedOrigins = std::vector<std::deque<FakeOrigin>>;
 
-// One client thread: a cursor in the shared files and a file of its own.
+// One client thread: a cursor in the shared files.
 class Client {
  public:
   Client(int index, ICache_V2* cache, SharedOrigins& shared, std::atomic<long long>& verified)
-      : index_(index),
-        cache_(cache),
-        shared_(shared),
-        verified_(verified),
-        own_origin_(2 * kMiB + 1000 * index),
-        own_name_("t" + std::to_string(index) + "/a.bin"),
-        own_(cache->Open(own_name_.c_str(), 'w', own_origin_.size(), &own_origin_)),
-        model_(OriginBytes(0, own_origin_.size())) {}
+      : index_(index), cache_(cache), shared_(shared), verified_(verified) {}
 
   void Round(int round) {
     static const std::pair<int, void (Client::*)()> kOperations[] = {
-        {55, &Client::SharedRead}, {80, &Client::OwnReadOrWrite}, {86, &Client::SwitchOwnMode},
-        {91, &Client::RenameOwn},  {96, &Client::DropShared},     {100, &Client::Tune}};
+        {90, &Client::SharedRead}, {96, &Client::DropShared}, {100, &Client::Tune}};
     random_.seed(static_cast<uint64_t>(index_) * 7919 + static_cast<uint64_t>(round));
     for (int i = 0; i < kOperationsPerRound; ++i) {
       const long long pick = Uniform(0, 99);
@@ -76,11 +66,6 @@ class Client {
         }
       }
     }
-  }
-
-  void Finish() {
-    own_.reset();
-    cache_->Close(own_name_.c_str());
   }
 
  private:
@@ -116,45 +101,6 @@ class Client {
 
   void DropShared() { cache_->Close(SharedName(Uniform(0, kSharedFiles - 1)).c_str()); }
 
-  void OwnReadOrWrite() {
-    const long long offset = Uniform(0, own_origin_.size() - 1);
-    const long long size = std::min(Uniform(1, 384 * 1024), own_origin_.size() - offset);
-    if (Uniform(0, 1) == 0) {
-      const std::vector<char> data = Pattern(static_cast<size_t>(size), static_cast<char>(Uniform(0, 255)));
-      _WRITEDATA wd = WriteRequest(data, offset, own_origin_.size(), &own_origin_);
-      const unsigned int status = own_->Write(&wd);
-      ASSERT_EQ(status, own_mode_ == 'r' ? kErrReadOnly : kOk) << "write at " << offset;
-      if (status == kOk) std::copy(data.begin(), data.end(), model_.begin() + offset);
-      return;
-    }
-    ReadOutcome r = ReadAndCheck(*own_, own_origin_, offset, static_cast<size_t>(size), 0, nullptr, false, &model_);
-    // A read-only file may time out under a busy origin; a writable one never fails.
-    if (r.status == kErrRead && own_mode_ == 'r') return;
-    ASSERT_EQ(r.status, kOk) << "own read (mode " << own_mode_ << ") at " << offset;
-    EXPECT_TRUE(r.Clean()) << "wrong byte " << r.mismatch << " of own read (mode " << own_mode_ << ") at " << offset;
-    EXPECT_EQ(r.transferred, static_cast<unsigned long long>(size));
-    verified_ += static_cast<long long>(r.transferred);
-  }
-
-  // A switch starts an empty file of the other form: nothing is carried.
-  void SwitchOwnMode() {
-    const char mode = own_mode_ == 'w' ? 'r' : 'w';
-    ASSERT_EQ(own_->SetMode(mode, own_origin_.size(), &own_origin_), kOk);
-    own_mode_ = mode;
-    model_ = OriginBytes(0, own_origin_.size());
-  }
-
-  // The same object under its other name: the contents stay.
-  void RenameOwn() {
-    std::string next = own_name_;
-    next[next.size() - 5] = next[next.size() - 5] == 'a' ? 'b' : 'a';
-    std::string file_name = next;  // the name of the files the object makes from now on
-    file_name[file_name.find('/')] = '-';
-    ASSERT_EQ(cache_->Rehash(own_name_.c_str(), next.c_str(), file_name.c_str()), kOk);
-    own_name_ = next;
-    EXPECT_EQ(cache_->Open(own_name_.c_str(), own_mode_, own_origin_.size(), &own_origin_), own_);
-  }
-
   // The read-ahead streak and the limit at random.
   void Tune() {
     const std::string json = R"({"cache":{"ra":{"hit":)" + std::to_string(Uniform(0, 4)) + "}}}";
@@ -169,11 +115,6 @@ class Client {
   std::mt19937_64 random_;
   int cursor_file_ = -1;
   long long cursor_ = 0;
-  FakeOrigin own_origin_;
-  std::string own_name_;
-  std::shared_ptr<ICacheObj> own_;
-  char own_mode_ = 'w';
-  std::vector<char> model_;
 };
 
 long long SectorBytes(const std::string& directory) {
@@ -237,7 +178,6 @@ TEST(FaultSweep, ClientsUnderFaultsGetExactBytesWhileTheLimitHoldsAndReleaseLeav
           << " with " << SectorBytes(path) << " sector bytes left";
       ++cleared_rounds;
     }
-    for (auto& client : clients) client->Finish();
   }
   ResetClockForTesting();
   EXPECT_GE(cleared_rounds, 2);
