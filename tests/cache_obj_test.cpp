@@ -29,37 +29,6 @@ class CacheObjTest : public ::testing::Test {
   FakeOrigin origin_{20 * kMiB + 12345};
 };
 
-// The mode is checked at creation and on a switch; a write reports the
-// cache file's size; Close(true) detaches the file, and a mode request then
-// makes a new one.
-TEST_F(CacheObjTest, ModesWritesAndClosing) {
-  EXPECT_EQ(ErrorThrownBy([&] { Make("bad.bin", 'x'); }), kErrInvalidMode);
-  CacheObj obj = Make("a.bin", 'r');
-  EXPECT_EQ(obj.SetMode('x', origin_.size(), &origin_), kErrInvalidMode);
-  EXPECT_TRUE(obj.IsReadOnly());
-  EXPECT_EQ(obj.GetHashIndex(), "dir/a.bin");
-  obj.SetHashIndex("dir/b.bin");
-  EXPECT_EQ(obj.GetHashIndex(), "dir/b.bin");
-  EXPECT_EQ(obj.Close(false), kOk);
-  EXPECT_TRUE(Served(obj, origin_, 10, 1000));  // still attached
-  EXPECT_EQ(obj.SetMode('w', origin_.size(), &origin_), kOk);
-  EXPECT_FALSE(obj.IsReadOnly());
-  const std::vector<char> bytes(100, 'x');
-  _WRITEDATA wd = WriteRequest(bytes, 10, origin_.size(), &origin_);
-  EXPECT_EQ(obj.Write(&wd), kOk);
-  EXPECT_EQ(wd.file_size, kSectorSize);  // the head sector was fetched whole before the write
-  EXPECT_EQ(obj.Write(nullptr), kErrInvalidArgument);
-
-  EXPECT_EQ(obj.Close(true), kOk);
-  EXPECT_EQ(ReadAndCheck(obj, origin_, 10, 1000, 0).status, kErrInvalidArgument);
-  EXPECT_EQ(obj.Reserve(0, kSectorSize), kErrInvalidArgument);
-  EXPECT_EQ(obj.GetFileSize(), 0);
-  EXPECT_EQ(obj.Close(true), kErrNotOpen);
-  EXPECT_EQ(obj.SetMode('r', origin_.size(), &origin_), kOk);
-  EXPECT_TRUE(obj.IsReadOnly());
-  EXPECT_TRUE(Served(obj, origin_, 10, 1000));
-}
-
 // Two first readers of a fresh sector cache: the first is held just before
 // it creates the file. The second must wait for it rather than create the
 // file as well, which would let the first's creation cut off the sectors the
