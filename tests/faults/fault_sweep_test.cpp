@@ -47,75 +47,60 @@ constexpr int kModes = 5;  // FakeOrigin::Mode, kNormal first
 // other reads.
 using SharedOrigins = std::vector<std::deque<FakeOrigin>>;
 
-// One client thread: a cursor in the shared files.
-class Client {
- public:
-  Client(int index, ICache_V2* cache, SharedOrigins& shared, std::atomic<long long>& verified)
-      : index_(index), cache_(cache), shared_(shared), verified_(verified) {}
+// Where a client thread's streaming read goes on.
+struct Cursor {
+  int file = -1;
+  long long offset = 0;
+};
 
-  void Round(int round) {
-    static const std::pair<int, void (Client::*)()> kOperations[] = {
-        {90, &Client::SharedRead}, {96, &Client::DropShared}, {100, &Client::Tune}};
-    random_.seed(static_cast<uint64_t>(index_) * 7919 + static_cast<uint64_t>(round));
-    for (int i = 0; i < kOperationsPerRound; ++i) {
-      const long long pick = Uniform(0, 99);
-      for (const auto& [below, operation] : kOperations) {
-        if (pick < below) {
-          (this->*operation)();
-          break;
-        }
-      }
+std::string SharedName(long long k) { return "shared/file" + std::to_string(k) + ".bin"; }
+
+// One round of a client thread, seeded by `seed`: streaming reads, each
+// holding its file for one read only as a client holds a file from open to
+// release, with a fault or a closed handle at random; dropped table entries;
+// a changed read-ahead streak or limit.
+void ClientRound(ICache_V2* cache, SharedOrigins& shared, Cursor& cursor, uint64_t seed,
+                 std::atomic<long long>& verified) {
+  std::mt19937_64 random(seed);
+  auto uniform = [&](long long low, long long high) {
+    return std::uniform_int_distribution<long long>(low, high)(random);
+  };
+  for (int i = 0; i < kOperationsPerRound; ++i) {
+    const long long pick = uniform(0, 99);
+    if (pick >= 96) {
+      const std::string json = R"({"cache":{"ra":{"hit":)" + std::to_string(uniform(0, 4)) + "}}}";
+      EXPECT_EQ(cache->SetConfiguration(json.c_str()), kOk) << json;
+      EXPECT_EQ(cache->SetLimit(static_cast<unsigned long long>(uniform(64, 96) * kMiB)), kOk);
+      continue;
     }
-  }
-
- private:
-  long long Uniform(long long low, long long high) {
-    return std::uniform_int_distribution<long long>(low, high)(random_);
-  }
-  static std::string SharedName(long long k) { return "shared/file" + std::to_string(k) + ".bin"; }
-
-  // Held for one read only, as a client holds a file from open to release.
-  void SharedRead() {
-    if (cursor_file_ < 0 || cursor_ >= shared_[cursor_file_][0].size()) {
-      cursor_file_ = static_cast<int>(Uniform(0, kSharedFiles - 1));
-      cursor_ = Uniform(0, kSharedSize / (512 * 1024) - 2) * 512 * 1024;
+    if (pick >= 90) {
+      cache->Close(SharedName(uniform(0, kSharedFiles - 1)).c_str());
+      continue;
     }
-    std::deque<FakeOrigin>& origins = shared_[cursor_file_];
+    if (cursor.file < 0 || cursor.offset >= shared[cursor.file][0].size()) {
+      cursor.file = static_cast<int>(uniform(0, kSharedFiles - 1));
+      cursor.offset = uniform(0, kSharedSize / (512 * 1024) - 2) * 512 * 1024;
+    }
+    std::deque<FakeOrigin>& origins = shared[cursor.file];
     std::shared_ptr<ICacheObj> file =
-        cache_->Open(SharedName(cursor_file_).c_str(), 'r', origins[0].size(), &origins[0]);
-    const long long size = std::min(Uniform(64 * 1024, kMiB), origins[0].size() - cursor_);
-    const int fault = Uniform(0, 99) < 15 ? static_cast<int>(Uniform(1, kModes - 1)) : 0;
-    const bool closed = Uniform(0, 99) < 5;
+        cache->Open(SharedName(cursor.file).c_str(), 'r', origins[0].size(), &origins[0]);
+    const long long at = cursor.offset;
+    const long long size = std::min(uniform(64 * 1024, kMiB), origins[0].size() - at);
+    const int fault = uniform(0, 99) < 15 ? static_cast<int>(uniform(1, kModes - 1)) : 0;
+    const bool closed = uniform(0, 99) < 5;
     auto handle = OpenHandle();
     if (closed) CloseClientHandle(handle);
-    ReadOutcome r = ReadAndCheck(*file, origins[fault], cursor_, static_cast<size_t>(size), 0, handle);
+    ReadOutcome r = ReadAndCheck(*file, origins[fault], at, static_cast<size_t>(size), 0, handle);
     // A fault fails the reads that wait for the same sectors too.
     const bool allowed = r.status == kOk || r.status == kErrRead || (closed && r.status == kErrHandleClosed);
-    EXPECT_TRUE(allowed) << "shared read at " << cursor_ << " gave " << r.status << ", fault " << fault;
-    if (r.status != kOk) return;
-    EXPECT_TRUE(r.Clean()) << "wrong byte " << r.mismatch << " of shared read at " << cursor_ << ", fault " << fault;
-    EXPECT_EQ(r.transferred, static_cast<unsigned long long>(size)) << "shared read at " << cursor_;
-    verified_ += static_cast<long long>(r.transferred);
-    cursor_ += size;
+    EXPECT_TRUE(allowed) << "shared read at " << at << " gave " << r.status << ", fault " << fault;
+    if (r.status != kOk) continue;
+    EXPECT_TRUE(r.Clean()) << "wrong byte " << r.mismatch << " of shared read at " << at << ", fault " << fault;
+    EXPECT_EQ(r.transferred, static_cast<unsigned long long>(size)) << "shared read at " << at;
+    verified += static_cast<long long>(r.transferred);
+    cursor.offset += size;
   }
-
-  void DropShared() { cache_->Close(SharedName(Uniform(0, kSharedFiles - 1)).c_str()); }
-
-  // The read-ahead streak and the limit at random.
-  void Tune() {
-    const std::string json = R"({"cache":{"ra":{"hit":)" + std::to_string(Uniform(0, 4)) + "}}}";
-    EXPECT_EQ(cache_->SetConfiguration(json.c_str()), kOk) << json;
-    EXPECT_EQ(cache_->SetLimit(static_cast<unsigned long long>(Uniform(64, 96) * kMiB)), kOk);
-  }
-
-  const int index_;
-  ICache_V2* const cache_;
-  SharedOrigins& shared_;
-  std::atomic<long long>& verified_;
-  std::mt19937_64 random_;
-  int cursor_file_ = -1;
-  long long cursor_ = 0;
-};
+}
 
 long long SectorBytes(const std::string& directory) {
   long long total = 0;
@@ -147,8 +132,7 @@ TEST(FaultSweep, ClientsUnderFaultsGetExactBytesWhileTheLimitHoldsAndReleaseLeav
   int cleared_rounds = 0;
   {
     TestQueue queue(TestQueue::Mode::kRun, 4);
-    std::vector<std::unique_ptr<Client>> clients;
-    for (int i = 0; i < kThreads; ++i) clients.push_back(std::make_unique<Client>(i, cache, shared, verified));
+    std::vector<Cursor> cursors(kThreads);
     while (rounds < 3 || std::chrono::steady_clock::now() < deadline) {
       // Every round starts clearing what is a second old, under the clients.
       ASSERT_EQ(cache->SetConfiguration(R"({"cache":{"ra":{"hit":2,"min":1048576,"max":4194304},)"
@@ -157,7 +141,10 @@ TEST(FaultSweep, ClientsUnderFaultsGetExactBytesWhileTheLimitHoldsAndReleaseLeav
                                         R"("over":{"usedblock":0,"unusedblock":0}}}})"),
                 kOk);
       std::vector<std::thread> threads;
-      for (auto& client : clients) threads.emplace_back([&client, rounds] { client->Round(rounds); });
+      for (int t = 0; t < kThreads; ++t) {
+        const uint64_t seed = static_cast<uint64_t>(t) * 7919 + static_cast<uint64_t>(rounds);
+        threads.emplace_back([&, t, seed] { ClientRound(cache, shared, cursors[t], seed, verified); });
+      }
       for (std::thread& thread : threads) thread.join();
       ASSERT_TRUE(queue.WaitIdle());
       ++rounds;
