@@ -5,9 +5,7 @@
 #include <sys/stat.h>
 
 #include <climits>
-#include <memory>
 #include <tuple>
-#include <vector>
 
 #include "cache/sector.h"
 #include "support/fake_config.h"
@@ -182,7 +180,6 @@ TEST_F(WritableCacheTest, FaultyFetchesLeaveHolesAndNeverOverwriteTheClientsByte
 TEST_F(WritableCacheTest, FillHandleBadRangesAndClosedFiles) {
   FakeOrigin origin(3 * S);
   auto cache = Make("c.bin", origin.size());
-  const std::string path = cache->GetCachePath();
   ASSERT_EQ(Store(*cache, Pattern(static_cast<size_t>(S), 'f'), S, origin.size()), kOk);
   EXPECT_EQ(cache->FillEmptySectors(nullptr), kErrInvalidArgument);
   EXPECT_EQ(cache->FillEmptySectors(&origin), kOk);
@@ -209,7 +206,7 @@ TEST_F(WritableCacheTest, FillHandleBadRangesAndClosedFiles) {
   EXPECT_EQ(cache->Close(false), kOk);
   EXPECT_EQ(LocalBytes(*cache, S, 10), Pattern(10, 'f'));
   EXPECT_EQ(cache->Close(true), kOk);
-  EXPECT_FALSE(Exists(path));
+  EXPECT_FALSE(Exists(cache->GetCachePath()));
   EXPECT_EQ(cache->Close(true), kErrNotOpen);
   rd = ReadRequest(buffer, 0, nullptr);
   EXPECT_EQ(cache->Read(&rd), kErrRead);

@@ -17,6 +17,7 @@
 #include "support/requests.h"
 #include "support/settings_file.h"
 #include "support/temp_dir.h"
+#include "support/waits.h"
 
 namespace {
 
@@ -140,43 +141,34 @@ TEST(CacheManager, RegistryKeysAreExactPathStrings) {
   EXPECT_EQ(InitCache(nullptr, 0, &none_made), kErrInvalidArgument);
 }
 
-// Passes run only when a test calls RunQuotaPassNow. Sectors are old after
-// `age` seconds, or `over_age` while the directory is over its limit.
-class QuotaManagerTest : public ::testing::Test {
- protected:
-  void SetUp() override { Cache_UnbindAsyncQ(); }
-  void TearDown() override { ResetClockForTesting(); }
-  std::unique_ptr<Cache> Start(unsigned long long limit, long long age, long long over_age) {
-    auto cache = std::make_unique<Cache>(dir_.path().c_str(), limit);
-    const std::string json = R"({"cache":{"clear":{"period":4000000000,"usedblock":)" + std::to_string(age) +
-                             R"(,"unusedblock":)" + std::to_string(age) + R"(,"over":{"usedblock":)" +
-                             std::to_string(over_age) + R"(,"unusedblock":)" + std::to_string(over_age) + "}}}}";
-    EXPECT_EQ(cache->SetConfiguration(json.c_str()), kOk);
-    return cache;
-  }
-  SettingsFile none_{""};
-  TempDir dir_;
-};
-
-TEST_F(QuotaManagerTest, ClearsOldSectorsOnlyWhileOverTheLimit) {
-  auto cache = Start(64 * kMiB, 1000000, 0);
+// Passes run only when the test calls RunQuotaPassNow. Sectors are old after
+// a million seconds, or at once while the directory is over its limit.
+TEST(QuotaManagerTest, ClearsOldSectorsOnlyWhileOverTheLimit) {
+  SettingsFile none("");
+  TempDir dir;
+  Cache_UnbindAsyncQ();
+  OnExit reset_clock([] { ResetClockForTesting(); });
+  Cache cache(dir.path().c_str(), 64 * kMiB);
+  ASSERT_EQ(cache.SetConfiguration(R"({"cache":{"clear":{"period":4000000000,"usedblock":1000000,)"
+                                   R"("unusedblock":1000000,"over":{"usedblock":0,"unusedblock":0}}}})"),
+            kOk);
   FakeOrigin origin(4 * kMiB);
-  auto file = cache->Open("a.bin", 'r', origin.size(), &origin);
+  auto file = cache.Open("a.bin", 'r', origin.size(), &origin);
   ASSERT_TRUE(Served(*file, origin, 0, 1000, -1));
-  const std::string cached = SectorCacheFiles(dir_.path()).at(0);
+  const std::string cached = SectorCacheFiles(dir.path()).at(0);
   const long long size = FileSize(cached);
   AdvanceClockForTesting(5s);
-  cache->RunQuotaPassNow();
+  cache.RunQuotaPassNow();
   EXPECT_EQ(FileSize(cached), size) << "cleared under the limit";
   // A sparse ballast fills the directory to exactly its limit, which is not
   // over it; one byte more is.
-  const std::string ballast = dir_.Write("ballast", "");
-  ASSERT_EQ(truncate(ballast.c_str(), static_cast<off_t>(cache->GetLimit()) - BytesInDirectory(dir_.path())), 0);
-  cache->RunQuotaPassNow();
+  const std::string ballast = dir.Write("ballast", "");
+  ASSERT_EQ(truncate(ballast.c_str(), static_cast<off_t>(cache.GetLimit()) - BytesInDirectory(dir.path())), 0);
+  cache.RunQuotaPassNow();
   EXPECT_EQ(FileSize(cached), size) << "cleared at the limit";
   ASSERT_EQ(truncate(ballast.c_str(), FileSize(ballast) + 1), 0);
-  cache->RunQuotaPassNow();
-  EXPECT_TRUE(SectorCacheFiles(dir_.path()).empty());
+  cache.RunQuotaPassNow();
+  EXPECT_TRUE(SectorCacheFiles(dir.path()).empty());
 }
 
 }  // namespace
