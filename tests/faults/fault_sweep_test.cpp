@@ -128,8 +128,7 @@ TEST(FaultSweep, ClientsUnderFaultsGetExactBytesWhileTheLimitHoldsAndReleaseLeav
     }
   }
   std::atomic<long long> verified{0};
-  int rounds = 0;
-  int cleared_rounds = 0;
+  int rounds = 0, cleared_rounds = 0;
   {
     TestQueue queue(TestQueue::Mode::kRun, 4);
     std::vector<Cursor> cursors(kThreads);

@@ -185,8 +185,7 @@ TEST_F(OriginFaultTest, HangingOriginEndsReadsAtTheTimeOutOrTheHandlesCloseAndLa
 TEST_F(ReleaseUnderLoad, ReleaseWaitsForHangingFetchesAndHeldFilesOutliveTheManager) {
   // Read-ahead from the third read of a run on, 1 MiB at a time.
   Configure(R"({"cache":{"ra":{"hit":1,"min":1048576,"max":2097152},"read":{"timeout":10000}}})");
-  FakeOrigin dropped_origin(16 * kMiB);
-  FakeOrigin late_origin(16 * kMiB + 1);
+  FakeOrigin dropped_origin(16 * kMiB), late_origin(16 * kMiB + 1);
   std::shared_ptr<ICacheObj> dropped = cache_->Open("load/dropped.bin", 'r', dropped_origin.size(), &dropped_origin);
   std::shared_ptr<ICacheObj> late = cache_->Open("load/late.bin", 'r', late_origin.size(), &late_origin);
   constexpr size_t kChunk = 256 * 1024;
