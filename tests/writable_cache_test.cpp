@@ -18,7 +18,6 @@ namespace {
 
 constexpr long long S = kSectorSize;
 using Requests = std::vector<std::pair<long long, long>>;
-using Mode = FakeOrigin::Mode;
 
 std::pair<long long, long> Span(long long offset, long long length) { return {offset, static_cast<long>(length)}; }
 
@@ -57,9 +56,7 @@ TEST_F(WritableCacheTest, TakenNamesAreNumberedBeforeTheLastDot) {
   EXPECT_EQ(Make("noext", 0)->GetCachePath(), Dir() + "[0].noext");  // no dot: the whole name is the extension
   ASSERT_EQ(mkdir((Dir() + "x.y.bin").c_str(), 0700), 0);  // a directory takes a name as a file does
   EXPECT_EQ(Make("x.y.bin", 0)->GetCachePath(), Dir() + "x.y[0].bin");
-  auto b = Make("drive:b.txt:rest", 0);  // named by its middle part
-  EXPECT_EQ(b->GetCachePath(), Dir() + "b.txt");
-  EXPECT_EQ(b->GetFileName(), "b.txt");
+  EXPECT_EQ(Make("drive:b.txt:rest", 0)->GetCachePath(), Dir() + "b.txt");  // named by its middle part
   a.reset();  // destruction deletes the file
   EXPECT_FALSE(Exists(Dir() + "a.txt"));
   dir_.Write("plain", "x");
@@ -72,13 +69,14 @@ TEST_F(WritableCacheTest, TakenNamesAreNumberedBeforeTheLastDot) {
 // nothing at or past the logical size); a write fetches only the holes of
 // its head sector and of the sector of its end offset that it covers in
 // part; a cut keeps the hole of the sector holding the new end, growing adds
-// zeros. 'W' writes without a fetcher and 'A' is a write of the whole file
-// (the request's file size is its end): both fetch nothing, and the sectors
-// they touch read as zeros around the bytes written. Then FillEmptySectors
-// fetches the rest and the file holds the model's bytes.
+// zeros. 'W' writes without a fetcher, 'A' is a write of the whole file (the
+// request's file size is its end) and 'E' one that starts at the logical
+// size: all fetch nothing, and the sectors they touch read as zeros around
+// the bytes written. Then FillEmptySectors fetches the rest and the file
+// holds the model's bytes.
 TEST_F(WritableCacheTest, ReadsWritesAndCutsFetchTheHolesTheyNeed) {
   struct Step {
-    char op;  // r read, w write, W write without fetcher, A whole-file write, t truncate to `offset`
+    char op;  // r read, w write, W without fetcher, A of the whole file, E at the end, t truncate to `offset`
     long long offset, length;
     Requests requests;
   };
@@ -98,6 +96,7 @@ TEST_F(WritableCacheTest, ReadsWritesAndCutsFetchTheHolesTheyNeed) {
       {2 * S, {{'w', 0, S, {Span(S, S)}}}, {}}, {4 * S, {{'w', S, 2 * S, {Span(3 * S, S)}}}, {Span(0, S)}},
       {4 * S, {{'A', 0, 4 * S, {}}}, {}}, {4 * S, {{'A', 0, 100, {}}}, {Span(S, 3 * S)}},
       {2 * S, {{'w', 3 * S, 10, {}}}, {Span(0, 2 * S)}},
+      {2 * S + 100, {{'E', 2 * S + 100, 10, {}}}, {Span(0, 2 * S)}},
       {4 * S, {{'W', S + 5, 10, {}}}, {Span(0, S), Span(2 * S, 2 * S)}},
       {4 * S, {{'t', S + 100, 0, {}}, {'r', S + 100, 100, {}}}, {Span(0, 2 * S)}},
       {4 * S, {{'t', 2 * S, 0, {}}, {'r', 2 * S, 10, {}}}, {Span(0, 3 * S)}},
@@ -134,9 +133,8 @@ TEST_F(WritableCacheTest, ReadsWritesAndCutsFetchTheHolesTheyNeed) {
       EXPECT_EQ(origin.Requests(), step.requests);
       origin.ClearRequests();
     }
-    SCOPED_TRACE(testing::Message() << "filling a file of " << row.size);
     EXPECT_EQ(cache->FillEmptySectors(&origin), kOk);
-    EXPECT_EQ(origin.Requests(), row.by_fill);
+    EXPECT_EQ(origin.Requests(), row.by_fill) << "filling a file of " << row.size;
     EXPECT_EQ(FileContents(cache->GetCachePath()).substr(0, model.size()), std::string(model.begin(), model.end()));
   }
 }
@@ -147,14 +145,13 @@ TEST_F(WritableCacheTest, ReadsWritesAndCutsFetchTheHolesTheyNeed) {
 // client's bytes are never overwritten.
 TEST_F(WritableCacheTest, FaultyFetchesLeaveHolesAndNeverOverwriteTheClientsBytes) {
   const struct {
-    Mode mode;
+    FakeOrigin::Mode mode;
     unsigned long long served;  // the local file's length after the read
     Requests refetched;
   } rows[] = {
-      {Mode::kFail, 2 * S, {Span(0, S), Span(2 * S, 2 * S)}},
-      {Mode::kNothing, 2 * S, {Span(0, S), Span(2 * S, 2 * S)}},
-      {Mode::kShort, 3 * S, {Span(3 * S, S)}},
-      {Mode::kExtra, 4 * S, {}},
+      {FakeOrigin::Mode::kFail, 2 * S, {Span(0, S), Span(2 * S, 2 * S)}},
+      {FakeOrigin::Mode::kShort, 3 * S, {Span(3 * S, S)}},
+      {FakeOrigin::Mode::kExtra, 4 * S, {}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(static_cast<int>(row.mode));
@@ -166,7 +163,7 @@ TEST_F(WritableCacheTest, FaultyFetchesLeaveHolesAndNeverOverwriteTheClientsByte
     std::copy(mine.begin(), mine.end(), expected.begin() + S);
     origin.set_mode(row.mode);
     EXPECT_EQ(ReadAndCheck(*cache, origin, 0, static_cast<size_t>(4 * S), 0).transferred, row.served);
-    origin.set_mode(Mode::kNormal);
+    origin.set_mode(FakeOrigin::Mode::kNormal);
     origin.ClearRequests();
     EXPECT_EQ(cache->FillEmptySectors(&origin), kOk);
     EXPECT_EQ(origin.Requests(), row.refetched);

@@ -67,8 +67,7 @@ TEST_F(FileIoFaults, EachFailureGivesItsStatusAndTheSameFileRecovers) {
   } cases[] = {
       {"fetched sector cannot be stored: disk full", Call::kWrite, ENOSPC, S / 2, Action::kFetchRead, kErrRead},
       {"fetched sector cannot be flushed", Call::kFlush, ENOSPC, 0, Action::kFetchRead, kErrRead},
-      {"whole-file read on a full disk fails instead of waiting", Call::kWrite, ENOSPC, S / 2, Action::kWholeRead,
-       kErrRead},
+      {"whole-file read on a full disk, not waiting", Call::kWrite, ENOSPC, S / 2, Action::kWholeRead, kErrRead},
       {"sector cache file cannot be opened", Call::kOpen, EACCES, 0, Action::kFetchRead, kErrRead},
       {"cached sector cannot be read back", Call::kReadAt, EIO, 0, Action::kCachedRead, kErrFileRead},
       {"local copy cannot be created", Call::kOpen, EACCES, 0, Action::kCreate, kErrCreateFile},

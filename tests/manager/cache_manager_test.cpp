@@ -142,7 +142,8 @@ TEST(CacheManager, RegistryKeysAreExactPathStrings) {
 }
 
 // Passes run only when the test calls RunQuotaPassNow. Sectors are old after
-// a million seconds, or at once while the directory is over its limit.
+// a million seconds, or at once while the directory is over its limit; then
+// after a second.
 TEST(QuotaManagerTest, ClearsOldSectorsOnlyWhileOverTheLimit) {
   SettingsFile none("");
   TempDir dir;
@@ -167,6 +168,13 @@ TEST(QuotaManagerTest, ClearsOldSectorsOnlyWhileOverTheLimit) {
   cache.RunQuotaPassNow();
   EXPECT_EQ(FileSize(cached), size) << "cleared at the limit";
   ASSERT_EQ(truncate(ballast.c_str(), FileSize(ballast) + 1), 0);
+  cache.RunQuotaPassNow();
+  EXPECT_TRUE(SectorCacheFiles(dir.path()).empty());
+  // Under the limit again, sectors older than the periodic ages go too.
+  ASSERT_EQ(unlink(ballast.c_str()), 0);
+  ASSERT_TRUE(Served(*file, origin, 0, 1000, -1));
+  ASSERT_EQ(cache.SetConfiguration(R"({"cache":{"clear":{"usedblock":1,"unusedblock":1}}})"), kOk);
+  AdvanceClockForTesting(5s);
   cache.RunQuotaPassNow();
   EXPECT_TRUE(SectorCacheFiles(dir.path()).empty());
 }
