@@ -113,11 +113,13 @@ TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
   EXPECT_EQ(cache.Close("b.bin"), kOk);
   EXPECT_EQ(cache.Close("never-opened"), kOk);
   EXPECT_TRUE(Served(*b, origin, 100, 4096, -1));
-  EXPECT_NE(open("b.bin", 'r'), b);
+  auto taken = open("b.bin", 'r');
+  EXPECT_NE(taken, b);
   // Rehash onto an open name force-closes what was there.
   EXPECT_EQ(cache.Rehash("unknown", "b.bin", "f"), kErrNotOpen);
   auto c = open("c.bin", 'r');
   EXPECT_EQ(cache.Rehash("c.bin", "b.bin", "b-renamed.bin"), kOk);
+  EXPECT_EQ(ReadAndCheck(*taken, origin, 0, 10, 0).status, kErrInvalidArgument);
   EXPECT_EQ(open("b.bin", 'r'), c);
   EXPECT_EQ(c->GetHashIndex(), "b.bin");
 }
