@@ -15,8 +15,7 @@
 
 namespace {
 
-using std::chrono::seconds;
-constexpr seconds kIdle{11};
+constexpr std::chrono::seconds kIdle{11};
 
 class TimedHandleTest : public ::testing::Test {
  protected:
@@ -55,9 +54,9 @@ TEST_F(TimedHandleTest, IdleStreamClosesAfterElevenSecondsUnlessUsedOrHeld) {
   };
   for (const auto& use : uses) {
     SCOPED_TRACE(use.first);
-    AdvanceClockForTesting(seconds(10));
+    AdvanceClockForTesting(std::chrono::seconds(10));
     use.second();
-    AdvanceClockForTesting(seconds(10));
+    AdvanceClockForTesting(std::chrono::seconds(10));
     EXPECT_FALSE(handle.CloseIfExpired());
   }
 

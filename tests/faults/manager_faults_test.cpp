@@ -81,9 +81,9 @@ TEST_F(FileIoFaults, EachFailureGivesItsStatusAndTheSameFileRecovers) {
     SCOPED_TRACE(c.what);
     const std::string name = "faults/file" + std::to_string(&c - cases) + ".bin";
     FakeOrigin origin(3 * S + 1000);
-    const bool writable = c.action >= Action::kCreate;
     std::shared_ptr<ICacheObj> file;
-    auto open = [&] { file = cache_->Open(name.c_str(), writable ? 'w' : 'r', origin.size(), &origin); };
+    const char mode = c.action >= Action::kCreate ? 'w' : 'r';
+    auto open = [&] { file = cache_->Open(name.c_str(), mode, origin.size(), &origin); };
     const std::vector<char> mine = Pattern(256 * 1024, 'A');
     auto write = [&] {
       _WRITEDATA wd = WriteRequest(mine, 1000, origin.size(), &origin);

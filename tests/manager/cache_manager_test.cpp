@@ -96,6 +96,10 @@ TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
   EXPECT_EQ(a->Write(&wd), kOk);
   EXPECT_EQ(wd.file_size, kSectorSize);  // the head sector was fetched whole before the write
   EXPECT_EQ(a->Write(nullptr), kErrInvalidArgument);
+  EXPECT_EQ(a->SetMode('w', origin.size(), &origin), kOk);  // already writable: the file stays
+  std::vector<char> expected = OriginBytes(0, 20);
+  std::copy(mine.begin(), mine.end(), expected.begin() + 10);
+  EXPECT_TRUE(Served(*a, origin, 0, 20, 0, &expected));
   // Close(true) detaches the file; a mode request then makes a new one.
   EXPECT_EQ(a->Close(true), kOk);
   EXPECT_EQ(ReadAndCheck(*a, origin, 10, 1000, 0).status, kErrInvalidArgument);
