@@ -1,21 +1,27 @@
-// The cache manager: settings, limits, the object table and the registry.
+// The cache manager: settings, limits, the object table, the registry, and
+// the quota pass, which clears only while the directory is over its limit.
 #include "cache/cache_manager.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
 
 #include "cache/default_settings.h"
+#include "cache/sector.h"
+#include "common/clock.h"
 #include "common/platform.h"
 #include "support/fake_origin.h"
+#include "support/file_helpers.h"
 #include "support/requests.h"
 #include "support/settings_file.h"
 #include "support/temp_dir.h"
+#include "support/waits.h"
 
 namespace {
+
+using namespace std::chrono_literals;
 
 TEST(CacheManager, SettingsComeFromTheFileThenFromJson) {
   TempDir dir;
@@ -26,38 +32,27 @@ TEST(CacheManager, SettingsComeFromTheFileThenFromJson) {
   }
   SettingsFile file("; comment\n[cache]\nra_hit_streak=5\n");
   Cache cache(dir.path().c_str(), 1ull << 30);
-  EXPECT_EQ(cache.GetConfig().rahit, 5u);
-  EXPECT_EQ(cache.GetConfig().ramin, 0u);  // a readable file without the key gives 0
-  EXPECT_EQ(cache.GetConfig().clroverunused, 0u);
-
+  // A readable file without a key gives 0.
+  EXPECT_EQ(std::make_tuple(cache.GetConfig().rahit, cache.GetConfig().ramin), std::make_tuple(5u, 0u));
   EXPECT_EQ(cache.SetConfiguration(R"({"cache":{"ra":{"hit":7},"clear":{"period":"250"}}})"), kOk);
   EXPECT_EQ(cache.SetConfiguration(nullptr), kErrInvalidArgument);
   EXPECT_EQ(cache.SetConfiguration("{not json"), kErrJson);
   const _CACHECONFIG conf = cache.GetConfig();
-  EXPECT_EQ(conf.rahit, 7u);
-  EXPECT_EQ(conf.clrperiod, 250u);
-  EXPECT_EQ(conf.ramin, 0u);
+  EXPECT_EQ(std::make_tuple(conf.rahit, conf.clrperiod, conf.ramin), std::make_tuple(7u, 250u, 0u));
 }
 
-TEST(CacheManager, DirectoryIsCreatedComponentByComponent) {
+// The directory is made component by component (a relative path is taken
+// from the root); the limit has a floor, and more than the volume holds is
+// cut to part of what it could hold.
+TEST(CacheManager, DirectoryAndLimit) {
   SettingsFile none("");
   TempDir dir;
   EXPECT_EQ(Cache((dir.path() + "//a///b").c_str(), 0).path(), dir.path() + "/a/b/");
-  struct stat st;
-  EXPECT_TRUE(stat((dir.path() + "/a/b").c_str(), &st) == 0 && S_ISDIR(st.st_mode));
-  dir.Write("file", "x");
-  for (const std::string& bad : {dir.File("file"), dir.File("file") + "/sub"}) {
-    EXPECT_EQ(ErrorThrownBy([&] { Cache cache(bad.c_str(), 0); }), kErrCacheDirectory) << bad;
-  }
-  // A relative path is taken from the root.
+  EXPECT_TRUE(std::filesystem::is_directory(dir.path() + "/a/b"));
   const std::string relative = "tmp/korv-relative-" + std::to_string(getpid());
   EXPECT_EQ(Cache(relative.c_str(), 0).path(), "/" + relative + "/");
   std::filesystem::remove_all("/" + relative);
-}
 
-TEST(CacheManager, LimitHasAFloorAndFitsTheVolume) {
-  SettingsFile none("");
-  TempDir dir;
   long long free_bytes = 0;
   ASSERT_TRUE(VolumeFreeBytes(dir.path(), &free_bytes));
   ASSERT_GT(free_bytes, 512 * kMiB) << "the test needs some free space";
@@ -65,25 +60,21 @@ TEST(CacheManager, LimitHasAFloorAndFitsTheVolume) {
   EXPECT_EQ(Cache(dir.path().c_str(), UINT64_MAX).GetLimit(), kFloor);  // negative when signed: the floor
   Cache cache(dir.path().c_str(), 0);
   EXPECT_EQ(cache.GetLimit(), kFloor);
-
   const struct {
     unsigned long long asked;
     unsigned int status;
     unsigned long long limit;
   } cases[] = {
       {100 * kMiB, kOk, 100 * kMiB}, {kFloor - 1, kErrLimitTooSmall, 100 * kMiB}, {kFloor, kOk, kFloor},
-      // 2^63 and more: accepted, and never lowered (negative when signed).
-      {1ull << 63, kOk, 1ull << 63},
+      {1ull << 63, kOk, 1ull << 63},  // accepted, and never lowered (negative when signed)
   };
   for (const auto& c : cases) {
     EXPECT_EQ(cache.SetLimit(c.asked), c.status) << c.asked;
     EXPECT_EQ(cache.GetLimit(), c.limit) << c.asked;
   }
-  // More than the volume holds: half of what it could hold.
   EXPECT_EQ(cache.SetLimit(static_cast<unsigned long long>(free_bytes) * 4), kOk);
   EXPECT_LE(cache.GetLimit(), static_cast<unsigned long long>(free_bytes));
   EXPECT_GT(cache.GetLimit(), static_cast<unsigned long long>(free_bytes) / 4);
-  EXPECT_EQ(cache.GetQuota(), cache.GetLimit());
 }
 
 TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
@@ -95,29 +86,44 @@ TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
 
   auto a = open("x/a.bin", 'r');
   EXPECT_EQ(open("x/a.bin", 'r'), a);
-  EXPECT_EQ(a->GetHashIndex(), "x/a.bin");
+  EXPECT_EQ(a->SetMode('x', origin.size(), &origin), kErrInvalidMode);
   // 'w' on a read-only object converts it; 'r' on a writable one keeps it.
   const std::vector<char> mine = Pattern(10, 'm');
-  _WRITEDATA wd = WriteRequest(mine, 0, origin.size(), &origin);
+  _WRITEDATA wd = WriteRequest(mine, 10, origin.size(), &origin);
   EXPECT_EQ(a->Write(&wd), kErrReadOnly);
   EXPECT_EQ(open("x/a.bin", 'w'), a);
   EXPECT_EQ(open("x/a.bin", 'r'), a);
   EXPECT_EQ(a->Write(&wd), kOk);
-
+  EXPECT_EQ(wd.file_size, kSectorSize);  // the head sector was fetched whole before the write
+  EXPECT_EQ(a->Write(nullptr), kErrInvalidArgument);
+  EXPECT_EQ(a->SetMode('w', origin.size(), &origin), kOk);  // already writable: the file stays
+  std::vector<char> expected = OriginBytes(0, 20);
+  std::copy(mine.begin(), mine.end(), expected.begin() + 10);
+  EXPECT_TRUE(Served(*a, origin, 0, 20, 0, &expected));
+  // Close(true) detaches the file; a mode request then makes a new one.
+  EXPECT_EQ(a->Close(true), kOk);
+  EXPECT_EQ(ReadAndCheck(*a, origin, 10, 1000, 0).status, kErrInvalidArgument);
+  EXPECT_EQ(a->Reserve(0, kSectorSize), kErrInvalidArgument);
+  EXPECT_EQ(a->Close(true), kErrNotOpen);
+  EXPECT_EQ(a->SetMode('r', origin.size(), &origin), kOk);
+  EXPECT_EQ(a->Write(&wd), kErrReadOnly);
+  EXPECT_TRUE(Served(*a, origin, 10, 1000));
   for (char bad_mode : {'x', '\0'}) EXPECT_EQ(ErrorThrownBy([&] { open("bad.bin", bad_mode); }), kErrInvalidMode);
   for (const char* bad_name : {"", "/"}) EXPECT_EQ(ErrorThrownBy([&] { open(bad_name, 'r'); }), kErrInvalidArgument);
 
-  // Closing drops the table's reference only.
+  // Closing drops the table's reference only; Close(false) keeps the file.
   auto b = open("b.bin", 'r');
+  EXPECT_EQ(b->Close(false), kOk);
   EXPECT_EQ(cache.Close("b.bin"), kOk);
   EXPECT_EQ(cache.Close("never-opened"), kOk);
   EXPECT_TRUE(Served(*b, origin, 100, 4096, -1));
-  EXPECT_NE(open("b.bin", 'r'), b);
-
-  EXPECT_EQ(cache.Rehash("unknown", "b.bin", "f"), kErrNotOpen);
+  auto taken = open("b.bin", 'r');
+  EXPECT_NE(taken, b);
   // Rehash onto an open name force-closes what was there.
+  EXPECT_EQ(cache.Rehash("unknown", "b.bin", "f"), kErrNotOpen);
   auto c = open("c.bin", 'r');
   EXPECT_EQ(cache.Rehash("c.bin", "b.bin", "b-renamed.bin"), kOk);
+  EXPECT_EQ(ReadAndCheck(*taken, origin, 0, 10, 0).status, kErrInvalidArgument);
   EXPECT_EQ(open("b.bin", 'r'), c);
   EXPECT_EQ(c->GetHashIndex(), "b.bin");
 }
@@ -125,9 +131,7 @@ TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
 TEST(CacheManager, RegistryKeysAreExactPathStrings) {
   SettingsFile none("");
   TempDir dir;
-  ICache_V2* first = nullptr;
-  ICache_V2* again = nullptr;
-  ICache_V2* slashed = nullptr;
+  ICache_V2 *first = nullptr, *again = nullptr, *slashed = nullptr, *none_made = nullptr;
   ASSERT_EQ(InitCache(dir.path().c_str(), 100 * kMiB, &first), kOk);
   ASSERT_EQ(InitCache(dir.path().c_str(), 200 * kMiB, &again), kOk);
   EXPECT_EQ(first, again);
@@ -138,10 +142,43 @@ TEST(CacheManager, RegistryKeysAreExactPathStrings) {
     EXPECT_EQ(ReleaseCache(path.c_str()), kOk) << path;
   }
   dir.Write("file", "x");
-  ICache_V2* none_made = nullptr;
   EXPECT_EQ(InitCache((dir.File("file") + "/sub").c_str(), 0, &none_made), kErrCacheDirectory);
   EXPECT_EQ(none_made, nullptr);
   EXPECT_EQ(InitCache(nullptr, 0, &none_made), kErrInvalidArgument);
+}
+
+// Passes run only when the test calls RunQuotaPassNow. Sectors are old after
+// a million seconds, or at once while the directory is over its limit, and
+// only until a cleared file brings it back within; then after a second.
+TEST(QuotaManagerTest, ClearsOldSectorsOnlyWhileOverTheLimit) {
+  SettingsFile none("");
+  TempDir dir;
+  Cache_UnbindAsyncQ();
+  OnExit reset_clock([] { ResetClockForTesting(); });
+  Cache cache(dir.path().c_str(), 64 * kMiB);
+  ASSERT_EQ(cache.SetConfiguration(R"({"cache":{"clear":{"period":4000000000,"usedblock":1000000,)"
+                                   R"("unusedblock":1000000,"over":{"usedblock":0,"unusedblock":0}}}})"),
+            kOk);
+  FakeOrigin origin(4 * kMiB);
+  auto a = cache.Open("a.bin", 'r', origin.size(), &origin), b = cache.Open("b.bin", 'r', origin.size(), &origin);
+  ASSERT_TRUE(Served(*a, origin, 0, 1000, -1) && Served(*b, origin, 0, 1000, -1));
+  const long long cached = BytesInDirectory(dir.path());
+  AdvanceClockForTesting(5s);
+  cache.RunQuotaPassNow();
+  EXPECT_EQ(BytesInDirectory(dir.path()), cached) << "cleared under the limit";
+  // A sparse ballast fills the directory to exactly its limit, which is not
+  // over it; one byte more is.
+  const std::string ballast = dir.Write("ballast", "");
+  ASSERT_EQ(truncate(ballast.c_str(), static_cast<off_t>(cache.GetLimit()) - cached), 0);
+  cache.RunQuotaPassNow();
+  EXPECT_EQ(SectorCacheFiles(dir.path()).size(), 2u) << "cleared at the limit";
+  ASSERT_EQ(truncate(ballast.c_str(), FileSize(ballast) + 1), 0);
+  cache.RunQuotaPassNow();
+  EXPECT_EQ(SectorCacheFiles(dir.path()).size(), 1u) << "the first file cleared brings it within the limit";
+  ASSERT_EQ(unlink(ballast.c_str()), 0);
+  ASSERT_EQ(cache.SetConfiguration(R"({"cache":{"clear":{"usedblock":1,"unusedblock":1}}})"), kOk);
+  cache.RunQuotaPassNow();
+  EXPECT_TRUE(SectorCacheFiles(dir.path()).empty());
 }
 
 }  // namespace
