@@ -53,17 +53,14 @@ int StopChild(pid_t pid) {
   return WaitChild(pid, std::chrono::seconds(10));
 }
 
-int RunProgram(const std::vector<std::string>& argv, std::string* out, std::string* err) {
+int RunProgram(const std::vector<std::string>& argv, std::string* out) {
   TempDir scratch;
   const int out_fd = open(scratch.File("out").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-  const int err_fd = open(scratch.File("err").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-  const pid_t pid = SpawnChild(argv, out_fd, err_fd);
+  const pid_t pid = SpawnChild(argv, out_fd, -1);
   close(out_fd);
-  close(err_fd);
-  int status = pid < 0 ? -1 : WaitChild(pid, std::chrono::minutes(2));
+  const int status = pid < 0 ? -1 : WaitChild(pid, std::chrono::minutes(2));
   if (pid > 0 && status < 0) StopChild(pid);
   if (out != nullptr) *out = FileContents(scratch.File("out"));
-  if (err != nullptr) *err = FileContents(scratch.File("err"));
   return status;
 }
 

@@ -19,8 +19,8 @@ int WaitChild(pid_t pid, std::chrono::milliseconds limit);
 int StopChild(pid_t pid);
 
 // Runs a program to completion (2 minutes at most) with standard output into
-// `out` and standard error into `err` (either may be null). Returns its exit
+// `out` (when not null) and standard error to the test's. Returns its exit
 // status, or -1.
-int RunProgram(const std::vector<std::string>& argv, std::string* out, std::string* err);
+int RunProgram(const std::vector<std::string>& argv, std::string* out);
 // korvmount or korvcat of this build.
 std::string ClientBinary(const std::string& name);

@@ -21,23 +21,22 @@
 
 class NginxServer {
  public:
-  // `server_extra` is pasted into the server block, e.g. "limit_rate 64k;" or
-  // "location /whole/ { max_ranges 0; }".
+  // `server_extra` is pasted into the server block, e.g. "limit_rate 64k;".
   explicit NginxServer(std::string server_extra = "");
-  ~NginxServer();  // Stop()s
+  ~NginxServer() { Stop(); }
   NginxServer(const NginxServer&) = delete;
   NginxServer& operator=(const NginxServer&) = delete;
 
   // False, with the reason, when there is no nginx to run.
   static bool Installed(std::string* reason);
-  // Starts nginx and waits until it accepts connections. After a Stop() it
-  // comes back on the same port and serves the same files. Returns false
-  // with nginx's complaint on failure.
+  // Starts nginx and waits until it listens. After a Stop() it comes back on
+  // the same port and serves the same files. Returns false with nginx's
+  // complaint on failure.
   bool Start(std::string* reason);
   // Terminates nginx; connections to the port are then refused.
   void Stop();
 
-  std::string Url() const;  // "http://127.0.0.1:PORT"
+  std::string Url() const { return "http://127.0.0.1:" + std::to_string(port_); }
   std::string Root() const { return dir_.File("root"); }  // the served directory
 
   // Writes `bytes` to Root() + "/" + rel_path, creating directories on the
@@ -48,16 +47,12 @@ class NginxServer {
   std::string ReadFile(const std::string& rel_path) const;
 
   struct Request {
-    std::string method;
-    std::string uri;    // decoded
     std::string range;  // the Range header, "-" when absent
     long long connection = 0;  // nginx's serial number of the connection
   };
   // The requests in the order nginx logged them, which it does just after
-  // answering: a client may see the answer before its request is here.
-  std::vector<Request> Requests() const;
-  // Waits until at least `count` requests are logged; false after 5 s.
-  bool WaitForRequests(size_t count) const;
+  // answering: waits up to 5 s until at least `count` are there.
+  std::vector<Request> Requests(size_t count) const;
 
  private:
   void WriteConfig() const;
