@@ -34,15 +34,15 @@ std::unique_ptr<Origin> Connect(const std::string& url, long long timeout_ms = 5
 struct Read {
   OriginStatus status = OriginStatus::kFailed;
   std::string bytes;
-  std::string error;
 };
 
 // With `refuse` the sink takes the first bytes it is given and then stops.
 Read ReadRange(Origin* origin, const std::string& path, long long offset, long long length,
                const std::string& validator = "", bool refuse = false) {
   Read read;
+  std::string error;
   const ByteSink sink = [&](const char* data, size_t size) { return read.bytes.append(data, size), !refuse; };
-  read.status = origin->ReadRange(path, offset, length, validator, sink, &read.error);
+  read.status = origin->ReadRange(path, offset, length, validator, sink, &error);
   return read;
 }
 
@@ -51,9 +51,8 @@ Read ReadRange(Origin* origin, const std::string& path, long long offset, long l
 ByteSource SourceOf(const std::string& data, long long fail_at = -1) {
   return [data, fail_at](long long offset, char* buffer, size_t length) -> long long {
     if (fail_at >= 0 && offset >= fail_at) return -1;
-    size_t piece = std::min<size_t>(length, 1 + static_cast<size_t>(offset % 3001));
-    piece = std::min<size_t>(piece, data.size() - static_cast<size_t>(offset));
-    memcpy(buffer, data.data() + offset, piece);
+    const size_t at = static_cast<size_t>(offset), piece = std::min({length, 1 + at % 3001, data.size() - at});
+    memcpy(buffer, data.data() + at, piece);
     return static_cast<long long>(piece);
   };
 }
@@ -123,7 +122,7 @@ class HttpOriginTest : public ::testing::Test {
   std::unique_ptr<Origin> origin_;
 };
 
-TEST(HttpOriginUrlTest, AcceptsServerUrlsRejectsOthersAndNeverConnectsEarly) {
+TEST(HttpOriginUrlTest, RejectsOtherUrlsAndNeverConnectsEarly) {
   OriginOptions options;
   std::string error;
   for (const char* bad : {"ftp://127.0.0.1/", "http://", "http://:80/", "127.0.0.1:8080", "http://127.0.0.1:99999",
@@ -132,11 +131,9 @@ TEST(HttpOriginUrlTest, AcceptsServerUrlsRejectsOthersAndNeverConnectsEarly) {
   }
   options.timeout_ms = 0;
   EXPECT_EQ(MakeHttpOrigin("http://127.0.0.1:1", options, &error), nullptr);
-
   // Port 1 has no server: construction must not connect, and every request
   // is refused as a failure worth retrying.
-  for (const char* good : {"http://127.0.0.1:1/", "HTTP://localhost:1/a/b/"}) EXPECT_TRUE(Connect(good, 1000));
-  std::unique_ptr<Origin> refused = Connect("http://127.0.0.1:1", 1000);
+  std::unique_ptr<Origin> refused = Connect("HTTP://localhost:1/a/b/", 1000);
   ASSERT_TRUE(refused);
   OriginFileInfo info;
   std::vector<OriginEntry> entries;
@@ -146,36 +143,27 @@ TEST(HttpOriginUrlTest, AcceptsServerUrlsRejectsOthersAndNeverConnectsEarly) {
   EXPECT_EQ(refused->Upload("/f", 3, SourceOf("abc"), &error), OriginStatus::kUnreachable);
 }
 
-TEST(HttpListingTest, ParsesAutoindexJsonAndDatesAndRejectsOtherAnswers) {
-  long long seconds = 0;
-  EXPECT_TRUE(ParseHttpDate("Sat, 03 Feb 2001 04:05:06 GMT", &seconds));
-  EXPECT_EQ(seconds, 981173106);
-  EXPECT_TRUE(ParseHttpDate("Thu, 29 Feb 2024 23:59:59 GMT", &seconds));
-  EXPECT_EQ(seconds, 1709251199);
-  for (const char* bad : {"", "Sat, 03 Feb 2001 04:05:06 UTC", "Sat, 3 Feb 2001 04:05:06 GMT",
-                          "Sat, 03 Fex 2001 04:05:06 GMT", "Sat, 03 Feb 2001 24:05:06 GMT",
-                          "Xyz, 03 Feb 2001 04:05:06 GMT", "Saturday, 03-Feb-01 04:05:06 GMT"}) {
-    EXPECT_FALSE(ParseHttpDate(bad, &seconds)) << bad;
-  }
-
+TEST(HttpListingTest, TakesFilesAndDirectoriesOfAutoindexJsonAndRejectsOtherAnswers) {
   std::vector<OriginEntry> entries;
   std::string error;
   ASSERT_TRUE(ParseJsonListing(R"([{ "name":".", "type":"directory" }, { "name":"..", "type":"directory" },
-          { "name":"d", "type":"directory", "mtime":"Sat, 03 Feb 2001 04:05:06 GMT" },
+          { "name":"d", "type":"directory", "mtime":"Thu, 29 Feb 2024 23:59:59 GMT" },
           { "name":"big \"q\".bin", "type":"file", "mtime":"bad date", "size":6000000000 },
           { "name":"fifo", "type":"other", "mtime":"Sat, 03 Feb 2001 04:05:06 GMT" },
           { "name":"a/b", "type":"file", "size":1 }])",
                                &entries, &error))
       << error;
   EXPECT_EQ(Listed(entries), "big \"q\".bin 6000000000;d/ 0;");
-  EXPECT_EQ(entries[0].mtime, 981173106);
+  EXPECT_EQ(entries[0].mtime, 1709251199);
   EXPECT_EQ(entries[1].mtime, 0);
-  ASSERT_TRUE(ParseJsonListing("[]", &entries, &error));
-  EXPECT_TRUE(entries.empty());
-  for (const char* bad : {"<html><body>Index of /</body></html>", "{\"name\":\"a\"}",
-                          "[{\"name\":\"a\",\"type\":\"file\"}]", "[{\"name\":\"a\",\"type\":\"file\",\"size\":-1}]",
-                          "[{\"type\":\"file\",\"size\":1}]", "[] trailing", ""}) {
+  for (const char* bad : {"{\"name\":\"a\"}", "[{\"name\":\"a\",\"type\":\"file\"}]",
+                          "[{\"name\":\"a\",\"type\":\"file\",\"size\":-1}]", "[] trailing"}) {
     EXPECT_FALSE(ParseJsonListing(bad, &entries, &error)) << bad;
+  }
+  long long seconds = 0;
+  for (const char* bad : {"Sat, 03 Feb 2001 04:05:06 UTC", "Sat, 3 Feb 2001 04:05:06 GMT",
+                          "Sat, 03 Fex 2001 04:05:06 GMT", "Sat, 03 Feb 2001 24:05:06 GMT"}) {
+    EXPECT_FALSE(ParseHttpDate(bad, &seconds)) << bad;
   }
 }
 
@@ -191,7 +179,7 @@ TEST(HttpScriptedServerTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
   auto whole = [&](size_t sent, const std::string& headers = "") {
     return "HTTP/1.1 200 OK\r\n" + headers + "Content-Length: 1000\r\n\r\n" + body.substr(0, sent);
   };
-  const std::string date = "Sat, 03 Feb 2001 04:05:06 GMT";
+  const std::string date = "Sat, 03 Feb 2001 04:05:06 GMT", etag = "ETag: \"v2\"\r\n";
   enum Twist { kPlain, kServerStalls, kReaderRefuses };
   struct Case {
     const char* what;
@@ -204,7 +192,7 @@ TEST(HttpScriptedServerTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
   };
   const Case cases[] = {
       {"exact range", partial(100, 299, 200), 100, 200, "", kPlain, OriginStatus::kOk, 100, 200},
-      {"connection closed mid-range", partial(0, 999, 300), 0, 1000, "", kPlain, OriginStatus::kUnreachable, 0, 300},
+      {"closed mid-range", partial(0, 999, 300), 0, 1000, "", kPlain, OriginStatus::kUnreachable, 0, 300},
       {"range from elsewhere", partial(0, 99, 100), 50, 100, "", kPlain, OriginStatus::kFailed, 0, 0},
       {"multipart answer",
        "HTTP/1.1 206 Partial Content\r\nContent-Type: multipart/byteranges; boundary=x\r\nContent-Length: 100\r\n\r\n" +
@@ -213,21 +201,16 @@ TEST(HttpScriptedServerTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
       {"Range ignored", whole(1000), 123, 400, "", kPlain, OriginStatus::kOk, 123, 400},
       {"Range ignored, range past the end", whole(1000), 900, 500, "", kPlain, OriginStatus::kOk, 900, 100},
       {"Range ignored, closed early", whole(300), 200, 500, "", kPlain, OriginStatus::kUnreachable, 200, 100},
-      {"changed ETag", partial(0, 99, 100, "ETag: \"v2\"\r\n"), 0, 100, "\"v1\"", kPlain, OriginStatus::kChanged, 0, 0},
-      {"changed ETag, Range ignored", whole(1000, "ETag: \"v2\"\r\n"), 0, 100, "\"v1\"", kPlain,
-       OriginStatus::kChanged, 0, 0},
+      {"changed ETag", partial(0, 99, 100, etag), 0, 100, "\"v1\"", kPlain, OriginStatus::kChanged, 0, 0},
+      {"changed ETag, Range ignored", whole(1000, etag), 0, 100, "\"v1\"", kPlain, OriginStatus::kChanged, 0, 0},
       {"changed Last-Modified", partial(0, 99, 100, "Last-Modified: Sat, 03 Feb 2001 04:05:07 GMT\r\n"), 0, 100,
        date, kPlain, OriginStatus::kChanged, 0, 0},
-      {"same ETag", partial(0, 99, 100, "ETag: \"v1\"\r\n"), 0, 100, "\"v1\"", kPlain, OriginStatus::kOk, 0, 100},
+      {"same ETag", partial(0, 99, 100, etag), 0, 100, "\"v2\"", kPlain, OriginStatus::kOk, 0, 100},
       {"same Last-Modified", partial(0, 99, 100, "Last-Modified: " + date + "\r\n"), 0, 100, date, kPlain,
        OriginStatus::kOk, 0, 100},
       {"no validator in the answer", partial(0, 99, 100), 0, 100, "\"v1\"", kPlain, OriginStatus::kOk, 0, 100},
-      {"not found", "HTTP/1.1 404 Not Found\r\nContent-Length: 9\r\n\r\nnot here!", 0, 100, "", kPlain,
-       OriginStatus::kNotFound, 0, 0},
       {"error page", "HTTP/1.1 500 Oops\r\nContent-Length: 5\r\n\r\noops!", 0, 100, "", kPlain,
        OriginStatus::kFailed, 0, 0},
-      {"range not satisfiable", "HTTP/1.1 416 Range Not Satisfiable\r\nContent-Length: 0\r\n\r\n", 2000, 10, "",
-       kPlain, OriginStatus::kFailed, 0, 0},
       // The bytes that came before the stall reach the reader before it ends.
       {"stall after some bytes", partial(0, 999, 100), 0, 1000, "", kServerStalls, OriginStatus::kUnreachable, 0,
        100},
@@ -241,38 +224,32 @@ TEST(HttpScriptedServerTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
     const int stall_ms = c.twist == kServerStalls ? 300 : 10000;
     const Read read = ReadRange(Connect(server.Url(), stall_ms).get(), "/f", c.offset, c.length, c.validator,
                                 c.twist == kReaderRefuses);
-    EXPECT_EQ(read.status, c.status) << read.error;
+    EXPECT_EQ(read.status, c.status);
     EXPECT_EQ(read.bytes, body.substr(c.from, c.count));
   }
 }
 
 TEST_F(HttpOriginTest, ListsDirectoriesAndStatsFilesAndDirectories) {
-  for (const char* name : {"with space.txt", "we?ird #name%.bin", "html/page"}) nginx_.WriteFile(name, "x");
+  for (const char* name : {"we?ird #name%.bin", "html/page"}) nginx_.WriteFile(name, "x");
   nginx_.WriteFile("a.bin", RandomBytes(1000, 1));
   nginx_.WriteFile("sub dir/inner file", RandomBytes(77, 2));
 
   std::vector<OriginEntry> entries;
   std::string error;
   ASSERT_EQ(origin_->List("/", &entries, &error), OriginStatus::kOk) << error;
-  EXPECT_EQ(Listed(entries), "a.bin 1000;html/ 0;sub dir/ 0;we?ird #name%.bin 1;with space.txt 1;");
-  ASSERT_EQ(origin_->List("/sub dir", &entries, &error), OriginStatus::kOk) << error;
-  EXPECT_EQ(Listed(entries), "inner file 77;");
+  EXPECT_EQ(Listed(entries), "a.bin 1000;html/ 0;sub dir/ 0;we?ird #name%.bin 1;");
   EXPECT_EQ(origin_->List("/missing", &entries, &error), OriginStatus::kNotFound);
   EXPECT_EQ(origin_->List("/a.bin", &entries, &error), OriginStatus::kNotFound);
   EXPECT_EQ(origin_->List("/html", &entries, &error), OriginStatus::kFailed);
 
   OriginFileInfo info;
   ASSERT_EQ(origin_->Stat("/a.bin", &info, &error), OriginStatus::kOk) << error;
-  EXPECT_FALSE(info.is_directory);
-  EXPECT_EQ(info.size, 1000);
+  EXPECT_TRUE(!info.is_directory && info.size == 1000 && info.validator[0] == '"') << info.validator;
   EXPECT_EQ(info.mtime, NginxServer::kFileMtime);
-  EXPECT_EQ(info.validator.substr(0, 1), "\"") << "nginx sends an ETag: " << info.validator;
   ASSERT_EQ(origin_->Stat("/we?ird #name%.bin", &info, &error), OriginStatus::kOk) << error;
   EXPECT_EQ(info.size, 1);
-  for (const char* directory : {"/", "/sub dir"}) {
-    ASSERT_EQ(origin_->Stat(directory, &info, &error), OriginStatus::kOk) << directory << error;
-    EXPECT_TRUE(info.is_directory && info.size == 0) << directory;
-  }
+  ASSERT_EQ(origin_->Stat("/sub dir", &info, &error), OriginStatus::kOk) << error;
+  EXPECT_TRUE(info.is_directory && info.size == 0);
   EXPECT_EQ(origin_->Stat("/missing", &info, &error), OriginStatus::kNotFound);
   EXPECT_EQ(origin_->Stat("/boom", &info, &error), OriginStatus::kFailed);
 
@@ -283,65 +260,55 @@ TEST_F(HttpOriginTest, ListsDirectoriesAndStatsFilesAndDirectories) {
   EXPECT_EQ(ReadRange(prefixed.get(), "/inner file", 0, 77).bytes, RandomBytes(77, 2));
 }
 
-TEST_F(HttpOriginTest, ReadsExactRangesOverOneConnection) {
+TEST_F(HttpOriginTest, ReadsExactRangesOverOneConnectionAndUploadsWholeFilesOnly) {
   const std::string data = RandomBytes(100000, 3);
   const long long size = static_cast<long long>(data.size());
   nginx_.WriteFile("dir/f.bin", data);
-
   struct Case {
     long long offset, length, expected;
     OriginStatus status = OriginStatus::kOk;
   };
-  for (const Case& c : {Case{0, 100, 100}, Case{12345, 4096, 4096}, Case{size - 10, 100, 10},
-                        Case{1, size + 5, size - 1}, Case{5, 0, 0}, Case{size + 5, 10, 0, OriginStatus::kFailed}}) {
+  for (const Case& c : {Case{12345, 4096, 4096}, Case{size - 10, 100, 10}, Case{1, size + 5, size - 1},
+                        Case{5, 0, 0}, Case{size + 5, 10, 0, OriginStatus::kFailed}}) {
     const Read read = ReadRange(origin_.get(), "/dir/f.bin", c.offset, c.length);
-    EXPECT_EQ(read.status, c.status) << c.offset << "+" << c.length << ": " << read.error;
+    EXPECT_EQ(read.status, c.status) << c.offset << "+" << c.length;
     EXPECT_EQ(read.bytes, data.substr(std::min(c.offset, size), c.expected)) << c.offset << "+" << c.length;
   }
   EXPECT_EQ(ReadRange(origin_.get(), "/dir/missing", 0, 10).status, OriginStatus::kNotFound);
   // After the thread's connection is closed, the next request opens another.
   CloseHttpConnectionsOfThisThread();
   EXPECT_EQ(ReadRange(origin_.get(), "/dir/f.bin", 7, 7).bytes, data.substr(7, 7));
-  ASSERT_TRUE(nginx_.WaitForRequests(7));
-  std::vector<NginxServer::Request> requests = nginx_.Requests();
-  EXPECT_EQ(requests[1].range, "bytes=12345-16440");
-  for (size_t i = 0; i < 6; ++i) EXPECT_EQ(requests[i].connection, requests[0].connection) << i;
-  EXPECT_NE(requests[6].connection, requests[0].connection);
+  std::vector<NginxServer::Request> requests = nginx_.Requests(6);
+  ASSERT_EQ(requests.size(), 6u);
+  EXPECT_EQ(requests[0].range, "bytes=12345-16440");
+  for (size_t i = 0; i < 5; ++i) EXPECT_EQ(requests[i].connection, requests[0].connection) << i;
+  EXPECT_NE(requests[5].connection, requests[0].connection);
 
   // A sink that starts a request of its own mid-transfer.
-  Read read;
-  read.status = origin_->ReadRange(
-      "/dir/f.bin", 500, 50000, "",
-      [&](const char* bytes, size_t length) {
-        OriginFileInfo nested;
-        EXPECT_EQ(origin_->Stat("/dir/f.bin", &nested, &read.error), OriginStatus::kOk);
-        return read.bytes.append(bytes, length), true;
-      },
-      &read.error);
-  EXPECT_EQ(read.status, OriginStatus::kOk) << read.error;
-  EXPECT_EQ(read.bytes, data.substr(500, 50000));
-}
+  std::string bytes, error;
+  EXPECT_EQ(origin_->ReadRange("/dir/f.bin", 500, 50000, "",
+                               [&](const char* piece, size_t length) {
+                                 OriginFileInfo nested;
+                                 EXPECT_EQ(origin_->Stat("/dir/f.bin", &nested, &error), OriginStatus::kOk);
+                                 return bytes.append(piece, length), true;
+                               },
+                               &error),
+            OriginStatus::kOk);
+  EXPECT_EQ(bytes, data.substr(500, 50000));
 
-TEST_F(HttpOriginTest, UploadsStoreTheWholeFileOrLeaveTheOldOne) {
-  nginx_.WriteFile("sub dir/keep", "x");
+  // An upload replaces the whole file or nothing: a source failing half-way,
+  // or running dry before the size, leaves the old one.
   const std::string first = RandomBytes((3 << 20) + 7, 10);
-  const std::string second = RandomBytes(5000, 11);
-  const std::string path = "/new dir/deep/f #1.bin";
   const long long first_size = static_cast<long long>(first.size());
-  std::string error;
-
+  const std::string path = "/new dir/deep/f #1.bin";
   ASSERT_EQ(origin_->Upload(path, first_size, SourceOf(first), &error), OriginStatus::kOk) << error;
   EXPECT_TRUE(Same(nginx_.ReadFile(path.substr(1)), first));
-  ASSERT_EQ(origin_->Upload(path, 5000, SourceOf(second), &error), OriginStatus::kOk) << error;
-  // A source failing half-way, or running dry before the size, must not
-  // replace the file with a prefix.
   EXPECT_EQ(origin_->Upload(path, first_size, SourceOf(first, 1 << 20), &error), OriginStatus::kFailed);
   EXPECT_EQ(origin_->Upload(path, first_size + 10, SourceOf(first), &error), OriginStatus::kFailed);
-  EXPECT_EQ(nginx_.ReadFile(path.substr(1)), second);
-
+  EXPECT_TRUE(Same(nginx_.ReadFile(path.substr(1)), first));
   ASSERT_EQ(origin_->Upload("/empty", 0, SourceOf(""), &error), OriginStatus::kOk) << error;
   EXPECT_EQ(FileSize(nginx_.Root() + "/empty"), 0);
-  EXPECT_EQ(origin_->Upload("/sub dir", 1, SourceOf("x"), &error), OriginStatus::kFailed);
+  EXPECT_EQ(origin_->Upload("/dir", 1, SourceOf("x"), &error), OriginStatus::kFailed);
 }
 
 }  // namespace
