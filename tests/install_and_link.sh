@@ -24,15 +24,10 @@ read -ra pc_flags <<<"$(PKG_CONFIG_PATH="$libdir/pkgconfig" pkg-config --cflags 
 "$scratch/client-pc" "$prefix/cache"
 
 cp "$source" "$scratch/find-package/client_program.cpp"
-cat >"$scratch/find-package/CMakeLists.txt" <<'CMAKE'
-cmake_minimum_required(VERSION 3.16)
-project(korvcache_user CXX)
-set(CMAKE_CXX_STANDARD 17)
-find_package(korvcache 0.1 REQUIRED)
-add_executable(client client_program.cpp)
-target_compile_options(client PRIVATE -Wall -Wextra -Werror)
-target_link_libraries(client PRIVATE korvcache::korvcache)
-CMAKE
+printf '%s\n' 'cmake_minimum_required(VERSION 3.16)' 'project(korvcache_user CXX)' 'set(CMAKE_CXX_STANDARD 17)' \
+  'find_package(korvcache 0.1 REQUIRED)' 'add_executable(client client_program.cpp)' \
+  'target_compile_options(client PRIVATE -Wall -Wextra -Werror)' \
+  'target_link_libraries(client PRIVATE korvcache::korvcache)' >"$scratch/find-package/CMakeLists.txt"
 CXX="$cxx" cmake -S "$scratch/find-package" -B "$scratch/build" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$scratch/build" >/dev/null
 "$scratch/build/client" "$prefix/cache"

@@ -7,51 +7,20 @@
 
 #include <map>
 
+#include "client/support/faulty_origin.h"
 #include "client/support/test_bytes.h"
+#include "directory_origin.h"
+#include "support/temp_dir.h"
 
 namespace {
 
 constexpr long long kSector = 512 * 1024;
 
-// An origin serving one file ("v1") from memory in 64 KiB pieces.
-class MemoryOrigin : public Origin {
- public:
-  explicit MemoryOrigin(std::string bytes) : bytes_(std::move(bytes)) {}
-
-  std::string Describe() const override { return "memory"; }
-  OriginStatus List(const std::string&, std::vector<OriginEntry>*, std::string*) override {
-    return OriginStatus::kFailed;
-  }
-  OriginStatus Stat(const std::string&, OriginFileInfo*, std::string*) override { return OriginStatus::kFailed; }
-  OriginStatus Upload(const std::string&, long long, const ByteSource&, std::string*) override {
-    return OriginStatus::kFailed;
-  }
-  OriginStatus ReadRange(const std::string&, long long offset, long long length, const std::string& validator,
-                         const ByteSink& sink, std::string*) override {
-    if (validator != "v1") return OriginStatus::kChanged;
-    const long long end = std::min<long long>(offset + length, static_cast<long long>(bytes_.size()));
-    for (long long at = offset; at < end; at += 65536) {
-      if (breaks > 0 && at - offset >= break_after) return --breaks, OriginStatus::kUnreachable;
-      const long long piece = std::min<long long>(65536, end - at);
-      sent += piece;
-      if (!sink(bytes_.data() + at, static_cast<size_t>(piece))) return OriginStatus::kFailed;
-    }
-    return OriginStatus::kOk;
-  }
-
-  int breaks = 0;  // the next `breaks` transfers break after `break_after` bytes
-  long long break_after = 0;
-  long long sent = 0;  // bytes handed to sinks
-
- private:
-  const std::string bytes_;
-};
-
 // Keeps every piece by its offset; refuses the one at `refuse_at` (after
 // keeping it). Notes how much the origin had sent at the first piece.
 class RecordingCache : public IFetchCallback {
  public:
-  explicit RecordingCache(const MemoryOrigin* origin) : origin_(origin) {}
+  explicit RecordingCache(const FaultyOrigin* origin) : origin_(origin) {}
   int FetchWrite(long long offset, const char* data, long length, long* written) override {
     if (pieces.empty()) sent_at_first = origin_->sent;
     pieces[offset] = std::string(data, static_cast<size_t>(length));
@@ -62,44 +31,49 @@ class RecordingCache : public IFetchCallback {
   long long refuse_at = -1, sent_at_first = -1;
 
  private:
-  const MemoryOrigin* const origin_;
+  const FaultyOrigin* const origin_;
 };
 
 TEST(OriginFetch, DeliversSectorsAsTheyArriveResumesAfterADropAndFailsWhenItCannotFinish) {
   const long long size = 3 * kSector - 1000;
   const std::string bytes = RandomBytes(size, 2);
+  TempDir dir;
+  dir.Write("f", bytes);
   struct Case {
     const char* what;
     long long offset;
     int breaks;
     long long break_after;
-    std::string validator;
+    const char* validator;  // the file's own when empty
     long long refuse_at;
     bool closed, stop;
     long long result, kept, requests, fetched;
   };
   const Case cases[] = {
-      {"from mid-sector to the end", kSector - 100, 0, 0, "v1", -1, false, false, 0, size - kSector + 100, 1,
+      {"from mid-sector to the end", kSector - 100, 0, 0, "", -1, false, false, 0, size - kSector + 100, 1,
        size - kSector + 100},
-      {"one drop", 0, 1, kSector / 2, "v1", -1, false, false, 0, size, 2, size},
-      {"drops beyond the retries", 0, 100, 0, "v1", -1, false, false, 1, 0, 4, 0},
-      {"drop on a closed handle", 0, 1, 0, "v1", -1, true, false, 1, 0, 1, 0},
-      {"the cache refuses a sector", 0, 0, 0, "v1", 0, false, false, 1, kSector, 1, kSector},
-      {"the cache refuses the short last piece", 0, 0, 0, "v1", 2 * kSector, false, false, 1, size, 1, size},
+      {"one drop", 0, 1, kSector / 2, "", -1, false, false, 0, size, 2, size},
+      {"drops beyond the retries", 0, 100, 0, "", -1, false, false, 1, 0, 4, 0},
+      {"drop on a closed handle", 0, 1, 0, "", -1, true, false, 1, 0, 1, 0},
+      {"the cache refuses a sector", 0, 0, 0, "", 0, false, false, 1, kSector, 1, kSector},
+      {"the cache refuses the short last piece", 0, 0, 0, "", 2 * kSector, false, false, 1, size, 1, size},
       {"another version", 0, 0, 0, "v0", -1, false, false, 1, 0, 1, 0},
-      {"unmounting", 0, 0, 0, "v1", -1, false, true, 1, 0, 1, 0},
+      {"unmounting", 0, 0, 0, "", -1, false, true, 1, 0, 1, 0},
   };
   RetryPolicy retry;
   retry.first_delay_ms = 1;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    MemoryOrigin origin(bytes);
+    std::string error;
+    FaultyOrigin origin(MakeDirectoryOrigin(dir.path(), OriginOptions(), &error));
     origin.breaks = c.breaks;
     origin.break_after = c.break_after;
+    OriginFileInfo info;
+    ASSERT_EQ(origin.Stat("/f", &info, &error), OriginStatus::kOk) << error;
     TransferCounters drive;
     auto file = std::make_shared<TransferCounters>();
     const std::atomic<bool> stop{c.stop};
-    OriginFetch fetch(&origin, "/f", c.validator, &drive, file, retry, &stop);
+    OriginFetch fetch(&origin, "/f", *c.validator ? c.validator : info.validator, &drive, file, retry, &stop);
     RecordingCache cache(&origin);
     cache.refuse_at = c.refuse_at;
     auto closed = std::make_shared<_FS_HANDLE>(_FS_HANDLE{1, 3, 1, "/f"});

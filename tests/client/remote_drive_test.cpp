@@ -10,6 +10,7 @@
 #include <future>
 #include <sstream>
 
+#include "client/support/faulty_origin.h"
 #include "client/support/test_bytes.h"
 #include "directory_origin.h"
 #include "support/file_helpers.h"
@@ -20,40 +21,6 @@ namespace {
 constexpr long long kSector = 512 * 1024;
 constexpr long long kAll = 1LL << 40;
 const char kNoReadAhead[] = R"({"cache": {"ra": {"hit": 1000}}})";
-
-// Wraps the directory origin and fails on demand: down (every request is
-// unreachable), reads or uploads refused; `before_upload` runs inside every
-// upload. Counts the reads it passes on.
-class FaultyOrigin : public Origin {
- public:
-  explicit FaultyOrigin(std::unique_ptr<Origin> inner) : inner_(std::move(inner)) {}
-
-  std::atomic<bool> down{false}, refuse_uploads{false}, refuse_reads{false};
-  std::atomic<int> reads{0};
-  std::function<void()> before_upload = [] {};
-
-  std::string Describe() const override { return inner_->Describe(); }
-  OriginStatus List(const std::string& path, std::vector<OriginEntry>* entries, std::string* error) override {
-    return down ? OriginStatus::kUnreachable : inner_->List(path, entries, error);
-  }
-  OriginStatus Stat(const std::string& path, OriginFileInfo* info, std::string* error) override {
-    return down ? OriginStatus::kUnreachable : inner_->Stat(path, info, error);
-  }
-  OriginStatus ReadRange(const std::string& path, long long offset, long long length, const std::string& validator,
-                         const ByteSink& sink, std::string* error) override {
-    if (down || refuse_reads) return OriginStatus::kUnreachable;
-    ++reads;
-    return inner_->ReadRange(path, offset, length, validator, sink, error);
-  }
-  OriginStatus Upload(const std::string& path, long long size, const ByteSource& source, std::string* error) override {
-    before_upload();
-    if (refuse_uploads) return OriginStatus::kFailed;
-    return down ? OriginStatus::kUnreachable : inner_->Upload(path, size, source, error);
-  }
-
- private:
-  const std::unique_ptr<Origin> inner_;
-};
 
 class DriveTest : public ::testing::Test {
  protected:
@@ -67,8 +34,6 @@ class DriveTest : public ::testing::Test {
     faulty_ = faulty.get();
     DriveOptions options;
     options.cache_dir = cache_.File("cache");
-    options.limit = 256ULL << 20;
-    options.threads = 2;
     options.log_mask = 0;
     options.listing_ttl_ms = 3600 * 1000;
     options.settings_json = settings;
@@ -112,18 +77,17 @@ class DriveTest : public ::testing::Test {
     for (const OriginEntry& entry : entries) names += entry.name + " ";
     return names;
   }
-  // The size, or a negative errno.
-  long long SizeOf(const std::string& path, FileAttributes* attributes = nullptr) {
-    FileAttributes ignored;
-    attributes = attributes != nullptr ? attributes : &ignored;
-    const int status = drive_->GetAttributes(path, attributes);
-    return status != 0 ? status : attributes->size;
+  // The size, or a negative errno; the attributes go to attributes_.
+  long long SizeOf(const std::string& path) {
+    const int status = drive_->GetAttributes(path, &attributes_);
+    return status != 0 ? status : attributes_.size;
   }
 
   TempDir origin_;
   TempDir cache_;
   FaultyOrigin* faulty_ = nullptr;
   std::unique_ptr<RemoteDrive> drive_;
+  FileAttributes attributes_;
 };
 
 TEST_F(DriveTest, ReadsAreExactWarmReadsStayLocalAndStatsAndAttributesTellTheTruth) {
@@ -143,26 +107,20 @@ TEST_F(DriveTest, ReadsAreExactWarmReadsStayLocalAndStatsAndAttributesTellTheTru
   Json::Value stats;
   std::istringstream(ReadWhole("/.korvcache-stats")) >> stats;
   const Json::Value& file = stats["open_files"][0];
-  EXPECT_EQ(stats["open_files"].size(), 1u);
-  EXPECT_EQ(file["path"].asString(), "/data.bin");
-  EXPECT_EQ(file["size"].asInt64(), size);
+  EXPECT_EQ(file["path"].asString() + " " + file["size"].asString(), "/data.bin " + std::to_string(size));
   for (const Json::Value& counters : {stats, file}) {
     EXPECT_EQ(counters["bytes_fetched"].asInt64(), size) << "a warm read went to the origin";
     EXPECT_EQ(counters["bytes_served"].asInt64(), size + 20);
   }
-  EXPECT_EQ(stats["origin_requests"].asInt64(), faulty_->reads);
-  EXPECT_GE(stats["bytes_served_from_cache"].asInt64(), 20);
-  EXPECT_GE(stats["cache_directory_bytes"].asInt64(), size);
-  EXPECT_EQ(stats["limit_bytes"].asInt64(), 256 << 20);
+  EXPECT_TRUE(stats["cache_directory_bytes"].asInt64() >= size && stats["limit_bytes"].asInt64() == 4LL << 30);
   drive_->Release(std::move(handle));
 
   EXPECT_EQ(Names("/"), ".korvcache-stats data.bin dir ");
   EXPECT_EQ(SizeOf("/data.bin"), size);
   EXPECT_EQ(SizeOf("/missing.bin"), -ENOENT);
   EXPECT_EQ(SizeOf("/no-dir/x.bin"), -ENOENT);
-  FileAttributes attributes;
-  EXPECT_TRUE(SizeOf("/dir", &attributes) == 0 && attributes.is_directory);
-  EXPECT_TRUE(SizeOf("/.korvcache-stats", &attributes) >= 0 && attributes.read_only);
+  EXPECT_TRUE(SizeOf("/dir") == 0 && attributes_.is_directory);
+  EXPECT_TRUE(SizeOf("/.korvcache-stats") >= 0 && attributes_.read_only);
   Open("/missing.bin", O_RDONLY, -ENOENT);
   Open("/dir", O_RDONLY, -EISDIR);
   Open("/.korvcache-stats", O_WRONLY, -EACCES);
@@ -255,8 +213,9 @@ TEST_F(DriveTest, WritesTruncatesAndNewFilesReachTheOrigin) {
   ASSERT_EQ(drive_->Write(created.get(), fresh.data(), fresh.size(), 0), static_cast<long long>(fresh.size()));
   EXPECT_EQ(SizeOf("/new.bin"), static_cast<long long>(fresh.size()));
   EXPECT_EQ(Names("/"), ".korvcache-stats new.bin w.bin ");
+  EXPECT_EQ(drive_->Flush(created.get()), 0);
+  EXPECT_EQ(Names("/"), ".korvcache-stats new.bin w.bin ") << "the listing from before the upload";
   EXPECT_EQ(drive_->Release(std::move(created)), 0);
-  EXPECT_EQ(Names("/"), ".korvcache-stats new.bin w.bin ");
   EXPECT_TRUE(Same(OnOrigin("new.bin"), fresh));
   EXPECT_TRUE(Same(ReadWhole("/new.bin"), fresh));
 }
