@@ -23,8 +23,8 @@ TEST(CommandLine, ParsesOptionsSizesAndOriginFiles) {
   ClientOptions options;
   std::string error;
   ASSERT_TRUE(Parse("http://h --limit 8G /mnt --threads 256 -f --timeout-ms 1", &options, &error)) << error;
-  EXPECT_TRUE(options.drive.limit == 8ULL << 30 && options.drive.threads == 256 && options.origin.timeout_ms == 1);
-  EXPECT_TRUE(options.foreground);
+  EXPECT_TRUE(options.drive.limit == 8ULL << 30 && options.drive.threads == 256 && options.origin.timeout_ms == 1 &&
+              options.foreground);
   EXPECT_EQ(options.positional, (std::vector<std::string>{"http://h", "/mnt"}));
   const std::pair<const char*, const char*> refused[] = {
       {"--threads 0", "bad --threads 0"}, {"--threads 4x", "bad --threads 4x"}, {"--threads 257", "bad --threads 257"},

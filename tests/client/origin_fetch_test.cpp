@@ -41,24 +41,22 @@ TEST(OriginFetch, DeliversSectorsAsTheyArriveResumesAfterADropAndFailsWhenItCann
   dir.Write("f", bytes);
   struct Case {
     const char* what;
-    long long offset;
     int breaks;
-    long long break_after;
+    long long offset, break_after, refuse_at;
     const char* validator;  // the file's own when empty
-    long long refuse_at;
     bool closed, stop;
     long long result, kept, requests, fetched;
   };
   const Case cases[] = {
-      {"from mid-sector to the end", kSector - 100, 0, 0, "", -1, false, false, 0, size - kSector + 100, 1,
+      {"from mid-sector to the end", 0, kSector - 100, 0, -1, "", false, false, 0, size - kSector + 100, 1,
        size - kSector + 100},
-      {"one drop", 0, 1, kSector / 2, "", -1, false, false, 0, size, 2, size},
-      {"drops beyond the retries", 0, 100, 0, "", -1, false, false, 1, 0, 4, 0},
-      {"drop on a closed handle", 0, 1, 0, "", -1, true, false, 1, 0, 1, 0},
-      {"the cache refuses a sector", 0, 0, 0, "", 0, false, false, 1, kSector, 1, kSector},
-      {"the cache refuses the short last piece", 0, 0, 0, "", 2 * kSector, false, false, 1, size, 1, size},
-      {"another version", 0, 0, 0, "v0", -1, false, false, 1, 0, 1, 0},
-      {"unmounting", 0, 0, 0, "", -1, false, true, 1, 0, 1, 0},
+      {"one drop", 1, 0, kSector / 2, -1, "", false, false, 0, size, 2, size},
+      {"drops beyond the retries", 100, 0, 0, -1, "", false, false, 1, 0, 4, 0},
+      {"drop on a closed handle", 1, 0, 0, -1, "", true, false, 1, 0, 1, 0},
+      {"the cache refuses a sector", 0, 0, 0, 0, "", false, false, 1, kSector, 1, kSector},
+      {"the cache refuses the short last piece", 0, 0, 0, 2 * kSector, "", false, false, 1, size, 1, size},
+      {"another version", 0, 0, 0, -1, "v0", false, false, 1, 0, 1, 0},
+      {"unmounting", 0, 0, 0, -1, "", false, true, 1, 0, 1, 0},
   };
   RetryPolicy retry;
   retry.first_delay_ms = 1;
@@ -76,8 +74,8 @@ TEST(OriginFetch, DeliversSectorsAsTheyArriveResumesAfterADropAndFailsWhenItCann
     OriginFetch fetch(&origin, "/f", *c.validator ? c.validator : info.validator, &drive, file, retry, &stop);
     RecordingCache cache(&origin);
     cache.refuse_at = c.refuse_at;
-    auto closed = std::make_shared<_FS_HANDLE>(_FS_HANDLE{1, 3, 1, "/f"});
-    EXPECT_EQ(fetch.Fetch(c.offset, 3 * kSector, c.closed ? closed : nullptr, &cache), c.result);
+    const auto handle = c.closed ? std::make_shared<_FS_HANDLE>(_FS_HANDLE{1, 3, 1, "/f"}) : nullptr;
+    EXPECT_EQ(fetch.Fetch(c.offset, 3 * kSector, handle, &cache), c.result);
     EXPECT_EQ(fetch.failures(), c.result);
     std::string kept;
     for (auto& [at, piece] : cache.pieces) {

@@ -117,8 +117,7 @@ TEST_F(DriveTest, ReadsAreExactWarmReadsStayLocalAndStatsAndAttributesTellTheTru
 
   EXPECT_EQ(Names("/"), ".korvcache-stats data.bin dir ");
   EXPECT_EQ(SizeOf("/data.bin"), size);
-  EXPECT_EQ(SizeOf("/missing.bin"), -ENOENT);
-  EXPECT_EQ(SizeOf("/no-dir/x.bin"), -ENOENT);
+  for (const char* missing : {"/missing.bin", "/no-dir/x.bin"}) EXPECT_EQ(SizeOf(missing), -ENOENT) << missing;
   EXPECT_TRUE(SizeOf("/dir") == 0 && attributes_.is_directory);
   EXPECT_TRUE(SizeOf("/.korvcache-stats") >= 0 && attributes_.read_only);
   Open("/missing.bin", O_RDONLY, -ENOENT);
@@ -268,8 +267,7 @@ TEST_F(DriveTest, FailedUploadLosesNothingAndUnmountWhileFetchesRunIsClean) {
   drive_->Release(std::move(handle));
   origin_.Write("slow.bin", RandomBytes(8 * kSector, 7));
   auto reader = Open("/slow.bin");
-  char buffer[100];
-  ASSERT_EQ(drive_->Read(reader.get(), buffer, sizeof(buffer), 0), 100);
+  ASSERT_EQ(ReadRange(reader.get(), 0, 100).size(), 100u);
   drive_->Release(std::move(reader));
   drive_->Shutdown();
   EXPECT_EQ(FileContents(cache_.File("cache/unsaved/keep.txt")), "CHanged");
