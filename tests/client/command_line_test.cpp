@@ -38,12 +38,13 @@ TEST(CommandLine, ParsesOptionsSizesAndOriginFiles) {
     EXPECT_EQ(error, expected);
   }
 
+  // ~0: refused.
   const std::pair<const char*, unsigned long long> sizes[] = {{"4G", 4ULL << 30}, {"512MiB", 512ULL << 20},
-      {"64k", 64 << 10}, {"1000", 1000}, {"2TB", 2ULL << 40}, {"", 0}, {"G", 0}, {"-1", 0}, {"4X", 0},
-      {"99999999999T", 0}, {"1.5G", 0}};
+      {"64k", 64 << 10}, {"1000", 1000}, {"2TB", 2ULL << 40}, {"", ~0ULL}, {"G", ~0ULL}, {"-1", ~0ULL},
+      {"4X", ~0ULL}, {"99999999999T", ~0ULL}, {"1.5G", ~0ULL}};
   for (const auto& [text, expected] : sizes) {
     unsigned long long bytes = 0;
-    EXPECT_EQ(ParseSize(text, &bytes) ? bytes : 0, expected) << text;
+    EXPECT_EQ(ParseSize(text, &bytes) ? bytes : ~0ULL, expected) << text;
   }
 
   const std::tuple<const char*, const char*, const char*> splits[] = {

@@ -30,7 +30,9 @@ constexpr long long kMiB = 1 << 20;
 const char kNginx[] = "/usr/sbin/nginx";
 
 // Starts argv[0] with standard output and error to `log_fd` (inherited when
-// negative) and no other descriptor of the test. Returns its pid, or -1.
+// negative) and no other descriptor of the test. Returns its pid, or -1. The
+// child is ended when the thread that started it ends: start it from the
+// test's own thread.
 pid_t Spawn(const std::vector<std::string>& argv, int log_fd) {
   std::vector<char*> args;
   for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
