@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "client/support/test_bytes.h"
+#include "http_listing.h"
 
 namespace {
 
@@ -126,6 +127,7 @@ TEST(HttpScriptedServerTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
       {"same Last-Modified", partial(0, 99, 100, "Last-Modified: " + date + "\r\n"), 0, 100, date, kPlain, ok, 0, 100},
       {"no validator in the answer", partial(0, 99, 100), 0, 100, "\"v1\"", kPlain, ok, 0, 100},
       {"error page", "HTTP/1.1 500 Oops\r\nContent-Length: 5\r\n\r\noops!", 0, 100, "", kPlain, failed, 0, 0},
+      {"not found", "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n", 0, 100, "", kPlain, OriginStatus::kNotFound, 0, 0},
       // The bytes that came before the stall reach the reader before it ends.
       {"stall after some bytes", partial(0, 999, 100), 0, 1000, "", kServerStalls, unreachable, 0, 100},
       {"reader stops mid-range", partial(0, 999, 100), 0, 1000, "", kReaderRefuses, failed, 0, 100},
@@ -143,6 +145,30 @@ TEST(HttpScriptedServerTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
     EXPECT_EQ(origin->ReadRange("/f", c.offset, c.length, c.validator, sink, &error), c.status) << error;
     EXPECT_EQ(bytes, body.substr(c.from, c.count));
   }
+}
+
+// Stats and uploads go by the status and headers the server answers;
+// listings leave out what cannot be addressed.
+TEST(HttpScriptedServerTest, StatsListingsAndUploadsTakeTheAnswer) {
+  std::string error;
+  OriginFileInfo info;
+  std::vector<OriginEntry> entries;
+  auto answered = [&](const std::string& reply, auto request) {
+    ScriptedServer server("HTTP/1.1 " + reply, false);
+    return request(*Connect(server.Url()));
+  };
+  auto stat = [&](Origin& origin) { return origin.Stat("/f", &info, &error); };
+  const std::string date = "Last-Modified: Sat, 03 Feb 2001 04:05:06 GMT\r\n";
+  EXPECT_EQ(answered("200 OK\r\nContent-Length: 1\r\nETag: \"e\"\r\n" + date + "\r\n", stat), OriginStatus::kOk);
+  EXPECT_TRUE(info.size == 1 && info.mtime == 981173106 && info.validator == "\"e\"" && !info.is_directory);
+  // Entries a later request could not address are left out.
+  ASSERT_TRUE(ParseJsonListing(R"([{"name":".","type":"directory"},{"name":"a/b","type":"file","size":1},)"
+                               R"({"name":"d","type":"directory"}])", &entries, &error)) << error;
+  EXPECT_TRUE(entries.size() == 1 && entries[0].name == "d" && entries[0].is_directory);
+  const ByteSource source = [](long long, char* buffer, size_t) { return buffer[0] = 'x', 1LL; };
+  EXPECT_EQ(answered("403 Forbidden\r\nContent-Length: 0\r\n\r\n",
+                     [&](Origin& origin) { return origin.Upload("/f", 1, source, &error); }),
+            OriginStatus::kFailed);
 }
 
 }  // namespace

@@ -18,20 +18,16 @@ constexpr long long kSector = 512 * 1024;
 
 // Keeps every piece by its offset; refuses the one at `refuse_at` (after
 // keeping it). Notes how much the origin had sent at the first piece.
-class RecordingCache : public IFetchCallback {
- public:
-  explicit RecordingCache(const FaultyOrigin* origin) : origin_(origin) {}
+struct RecordingCache : IFetchCallback {
   int FetchWrite(long long offset, const char* data, long length, long* written) override {
-    if (pieces.empty()) sent_at_first = origin_->sent;
+    if (pieces.empty()) sent_at_first = origin->sent;
     pieces[offset] = std::string(data, static_cast<size_t>(length));
     *written = length;
     return refuse_at == offset ? 3007 : 0;
   }
+  const FaultyOrigin* origin;
   std::map<long long, std::string> pieces;
   long long refuse_at = -1, sent_at_first = -1;
-
- private:
-  const FaultyOrigin* const origin_;
 };
 
 TEST(OriginFetch, DeliversSectorsAsTheyArriveResumesAfterADropAndFailsWhenItCannotFinish) {
@@ -72,7 +68,8 @@ TEST(OriginFetch, DeliversSectorsAsTheyArriveResumesAfterADropAndFailsWhenItCann
     auto file = std::make_shared<TransferCounters>();
     const std::atomic<bool> stop{c.stop};
     OriginFetch fetch(&origin, "/f", *c.validator ? c.validator : info.validator, &drive, file, retry, &stop);
-    RecordingCache cache(&origin);
+    RecordingCache cache;
+    cache.origin = &origin;
     cache.refuse_at = c.refuse_at;
     const auto handle = c.closed ? std::make_shared<_FS_HANDLE>(_FS_HANDLE{1, 3, 1, "/f"}) : nullptr;
     EXPECT_EQ(fetch.Fetch(c.offset, 3 * kSector, handle, &cache), c.result);
