@@ -1,6 +1,7 @@
-// The HTTP origin against scripted servers that misbehave in ways nginx will
-// not: whatever they answer, no wrong byte reaches the reader. (Listings,
-// stats and uploads against a real nginx run in the mount tests.)
+// The HTTP origin against scripted servers, also ones that misbehave in ways
+// nginx will not: whatever they answer, no wrong byte reaches the reader and
+// the status is the answer's. (Listings, reads and uploads against a real
+// nginx run in the mount test.)
 #include "http_origin.h"
 
 #include <curl/curl.h>
