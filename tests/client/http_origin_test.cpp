@@ -99,7 +99,7 @@ TEST(HttpScriptedServerTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
   const std::string whole = "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n" + body;
   const std::string date = "Sat, 03 Feb 2001 04:05:06 GMT", etag = "ETag: \"v2\"\r\n";
   const std::string newer = "Last-Modified: Sat, 03 Feb 2001 04:05:07 GMT\r\n";
-  const std::string multipart = "HTTP/1.1 206 Partial Content\r\nContent-Type: multipart/byteranges; boundary=x\r\n\r\n";
+  const std::string multipart = "HTTP/1.1 206 Partial Content\r\nContent-Type: multipart/byteranges; b=x\r\n\r\n";
   const OriginStatus ok = OriginStatus::kOk, failed = OriginStatus::kFailed, changed = OriginStatus::kChanged,
                      unreachable = OriginStatus::kUnreachable;
   enum Twist { kPlain, kServerStalls, kReaderRefuses };
@@ -119,7 +119,6 @@ TEST(HttpScriptedServerTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
       {"Range ignored, range past the end", whole, "", 900, 500, 100, kPlain, ok},
       {"changed ETag", partial(0, 99, 100, etag), "\"v1\"", 0, 100, 0, kPlain, changed},
       {"changed Last-Modified", partial(0, 99, 100, newer), date, 0, 100, 0, kPlain, changed},
-      {"same ETag", partial(0, 99, 100, etag), "\"v2\"", 0, 100, 100, kPlain, ok},
       {"no validator in the answer", partial(0, 99, 100), "\"v1\"", 0, 100, 100, kPlain, ok},
       {"not found", "HTTP/1.1 404 Not Found\r\n\r\n", "", 0, 100, 0, kPlain, OriginStatus::kNotFound},
       // The bytes that came before the stall reach the reader before it ends.
@@ -132,9 +131,7 @@ TEST(HttpScriptedServerTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
     ScriptedServer server(c.reply, c.twist == kServerStalls);
     std::string bytes, error;
     // A refusing reader takes the first bytes it is given and then stops.
-    const ByteSink sink = [&](const char* data, size_t size) {
-      return bytes.append(data, size), c.twist != kReaderRefuses;
-    };
+    const ByteSink sink = [&](const char* data, size_t n) { return bytes.append(data, n), c.twist != kReaderRefuses; };
     std::unique_ptr<Origin> origin = Connect(server.url, c.twist == kServerStalls ? 300 : 10000);
     EXPECT_EQ(origin->ReadRange("/f", c.offset, c.length, c.validator, sink, &error), c.status) << error;
     EXPECT_EQ(bytes, body.substr(c.offset, c.delivered));
