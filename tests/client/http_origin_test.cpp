@@ -10,7 +10,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstring>
 #include <thread>
 
 #include "client/support/test_bytes.h"
@@ -31,57 +30,61 @@ std::unique_ptr<Origin> Connect(const std::string& url, long long timeout_ms = 5
 
 // Answers the first request on its port with `reply` and ends the
 // connection, or with `hold` keeps it open and silent until destroyed.
-class ScriptedServer {
- public:
+struct ScriptedServer {
   ScriptedServer(const std::string& reply, bool hold) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t size = sizeof(address);
     const timeval patience = {10, 0};  // accept and recv give up: a client that never comes hangs nothing
-    setsockopt(listener_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
-    bind(listener_, reinterpret_cast<sockaddr*>(&address), size);
-    listen(listener_, 4);
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
-    url_ = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-    thread_ = std::thread([this, reply, hold] {
-      connection_ = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-      std::string request;
-      char buffer[4096];
-      for (ssize_t got = 1; got > 0 && request.find("\r\n\r\n") == std::string::npos;) {
-        got = recv(connection_, buffer, sizeof(buffer), 0);
-        request.append(buffer, static_cast<size_t>(std::max<ssize_t>(got, 0)));
-      }
-      send(connection_, reply.data(), reply.size(), MSG_NOSIGNAL);
-      if (!hold) shutdown(connection_, SHUT_RDWR);
+    setsockopt(listener, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    bind(listener, reinterpret_cast<sockaddr*>(&address), size);
+    listen(listener, 4);
+    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+    url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+    thread = std::thread([this, reply, hold] {
+      connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+      std::string request;  // read up to the end of its headers
+      for (char c; request.find("\r\n\r\n") == std::string::npos && recv(connection, &c, 1, 0) == 1;) request += c;
+      send(connection, reply.data(), reply.size(), MSG_NOSIGNAL);
+      if (!hold) shutdown(connection, SHUT_RDWR);
     });
   }
   ~ScriptedServer() {
-    thread_.join();
-    close(connection_);
-    close(listener_);
+    thread.join();
+    close(connection);
+    close(listener);
   }
-  const std::string& Url() const { return url_; }
-
- private:
-  const int listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  int connection_ = -1;
-  std::string url_;
-  std::thread thread_;
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int connection = -1;
+  std::string url;
+  std::thread thread;
 };
 
-TEST(HttpOriginUrlTest, RejectsOtherUrlsAndNeverConnectsEarly) {
-  OriginOptions options;
+TEST(HttpOriginTest, RejectsOtherUrlsNeverConnectsEarlyAndTakesStatsAndUploadsAsAnswered) {
   std::string error;
   for (const char* bad : {"ftp://127.0.0.1/", "http://", "http://:80/", "127.0.0.1:8080", "http://127.0.0.1:99999",
                           "http://ho st/", "http://h/a?b=c", "http://h/a#frag"}) {
-    EXPECT_EQ(MakeHttpOrigin(bad, options, &error), nullptr) << bad;
+    EXPECT_EQ(MakeHttpOrigin(bad, OriginOptions(), &error), nullptr) << bad;
   }
   // Port 1 has no server: construction must not connect, and a request is
   // refused as a failure worth retrying.
   const ByteSink ignore = [](const char*, size_t) { return true; };
-  std::unique_ptr<Origin> refused = Connect("HTTP://localhost:1/a/b/", 1000);
-  EXPECT_EQ(refused->ReadRange("/f", 0, 10, "", ignore, &error), OriginStatus::kUnreachable);
+  EXPECT_EQ(Connect("HTTP://localhost:1/a/b/", 1000)->ReadRange("/f", 0, 10, "", ignore, &error),
+            OriginStatus::kUnreachable);
+
+  // Stats and uploads go by the status and headers the server answers;
+  // listings leave out entries a later request could not address.
+  OriginFileInfo info;
+  ScriptedServer stat_server("HTTP/1.1 200 OK\r\nContent-Length: 1\r\nETag: \"e\"\r\n"
+                             "Last-Modified: Sat, 03 Feb 2001 04:05:06 GMT\r\n\r\n", false);
+  EXPECT_EQ(Connect(stat_server.url)->Stat("/f", &info, &error), OriginStatus::kOk);
+  EXPECT_TRUE(info.size == 1 && info.mtime == 981173106 && info.validator == "\"e\"" && !info.is_directory);
+  std::vector<OriginEntry> entries;
+  ASSERT_TRUE(ParseJsonListing(R"([{"name":".","type":"directory"},{"name":"a/b","type":"file","size":1},)"
+                               R"({"name":"d","type":"directory"}])", &entries, &error)) << error;
+  EXPECT_TRUE(entries.size() == 1 && entries[0].name == "d" && entries[0].is_directory);
+  ScriptedServer upload_server("HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n", false);
+  const ByteSource source = [](long long, char* buffer, size_t) { return buffer[0] = 'x', 1LL; };
+  EXPECT_EQ(Connect(upload_server.url)->Upload("/f", 1, source, &error), OriginStatus::kFailed);
 }
 
 TEST(HttpScriptedServerTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
@@ -92,84 +95,48 @@ TEST(HttpScriptedServerTest, MisbehavingServersGiveAFailureNeverWrongBytes) {
            std::to_string(last) + "/1000\r\nContent-Length: " + std::to_string(last - first + 1) + "\r\n\r\n" +
            body.substr(first, sent);
   };
-  // A server ignoring Range: the whole file, of which `sent` bytes arrive.
-  auto whole = [&](size_t sent, const std::string& headers = "") {
-    return "HTTP/1.1 200 OK\r\n" + headers + "Content-Length: 1000\r\n\r\n" + body.substr(0, sent);
-  };
+  // A server ignoring Range: the whole file.
+  const std::string whole = "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n" + body;
   const std::string date = "Sat, 03 Feb 2001 04:05:06 GMT", etag = "ETag: \"v2\"\r\n";
+  const std::string newer = "Last-Modified: Sat, 03 Feb 2001 04:05:07 GMT\r\n";
+  const std::string multipart = "HTTP/1.1 206 Partial Content\r\nContent-Type: multipart/byteranges; b=x\r\n\r\n";
   const OriginStatus ok = OriginStatus::kOk, failed = OriginStatus::kFailed, changed = OriginStatus::kChanged,
                      unreachable = OriginStatus::kUnreachable;
   enum Twist { kPlain, kServerStalls, kReaderRefuses };
   struct Case {
     const char* what;
-    std::string reply;
-    long long offset, length;
-    std::string validator;
+    std::string reply, validator;
+    long long offset, length, delivered;  // the reader is to get body.substr(offset, delivered)
     Twist twist;
     OriginStatus status;
-    size_t from, count;  // the bytes expected: body.substr(from, count)
   };
   const Case cases[] = {
-      {"exact range", partial(100, 299, 200), 100, 200, "", kPlain, ok, 100, 200},
-      {"closed mid-range", partial(0, 999, 300), 0, 1000, "", kPlain, unreachable, 0, 300},
-      {"range from elsewhere", partial(0, 99, 100), 50, 100, "", kPlain, failed, 0, 0},
-      {"multipart answer",
-       "HTTP/1.1 206 Partial Content\r\nContent-Type: multipart/byteranges; boundary=x\r\nContent-Length: 100\r\n\r\n" +
-           body.substr(0, 100),
-       0, 100, "", kPlain, failed, 0, 0},
-      {"Range ignored", whole(1000), 123, 400, "", kPlain, ok, 123, 400},
-      {"Range ignored, range past the end", whole(1000), 900, 500, "", kPlain, ok, 900, 100},
-      {"Range ignored, closed early", whole(300), 200, 500, "", kPlain, unreachable, 200, 100},
-      {"changed ETag", partial(0, 99, 100, etag), 0, 100, "\"v1\"", kPlain, changed, 0, 0},
-      {"changed ETag, Range ignored", whole(1000, etag), 0, 100, "\"v1\"", kPlain, changed, 0, 0},
-      {"changed Last-Modified", partial(0, 99, 100, "Last-Modified: Sat, 03 Feb 2001 04:05:07 GMT\r\n"), 0, 100,
-       date, kPlain, changed, 0, 0},
-      {"same ETag", partial(0, 99, 100, etag), 0, 100, "\"v2\"", kPlain, ok, 0, 100},
-      {"same Last-Modified", partial(0, 99, 100, "Last-Modified: " + date + "\r\n"), 0, 100, date, kPlain, ok, 0, 100},
-      {"no validator in the answer", partial(0, 99, 100), 0, 100, "\"v1\"", kPlain, ok, 0, 100},
-      {"error page", "HTTP/1.1 500 Oops\r\nContent-Length: 5\r\n\r\noops!", 0, 100, "", kPlain, failed, 0, 0},
-      {"not found", "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n", 0, 100, "", kPlain, OriginStatus::kNotFound, 0, 0},
+      {"exact range", partial(100, 299, 200), "", 100, 200, 200, kPlain, ok},
+      {"closed mid-range", partial(0, 999, 300), "", 0, 1000, 300, kPlain, unreachable},
+      {"range from elsewhere", partial(0, 99, 100), "", 50, 100, 0, kPlain, failed},
+      {"multipart", multipart, "", 0, 100, 0, kPlain, failed},
+      {"Range ignored", whole, "", 123, 400, 400, kPlain, ok},
+      {"Range ignored, range past the end", whole, "", 900, 500, 100, kPlain, ok},
+      {"changed ETag", partial(0, 99, 100, etag), "\"v1\"", 0, 100, 0, kPlain, changed},
+      {"changed Last-Modified", partial(0, 99, 100, newer), date, 0, 100, 0, kPlain, changed},
+      {"no validator in the answer", partial(0, 99, 100), "\"v1\"", 0, 100, 100, kPlain, ok},
+      {"not found", "HTTP/1.1 404 Not Found\r\n\r\n", "", 0, 100, 0, kPlain, OriginStatus::kNotFound},
       // The bytes that came before the stall reach the reader before it ends.
-      {"stall after some bytes", partial(0, 999, 100), 0, 1000, "", kServerStalls, unreachable, 0, 100},
-      {"reader stops mid-range", partial(0, 999, 100), 0, 1000, "", kReaderRefuses, failed, 0, 100},
-      {"reader stops after the last byte", partial(100, 199, 100), 100, 100, "", kReaderRefuses, ok, 100, 100},
+      {"stall after some bytes", partial(0, 999, 100), "", 0, 1000, 100, kServerStalls, unreachable},
+      {"reader stops mid-range", partial(0, 999, 100), "", 0, 1000, 100, kReaderRefuses, failed},
+      {"reader stops after the last byte", partial(100, 199, 100), "", 100, 100, 100, kReaderRefuses, ok},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     ScriptedServer server(c.reply, c.twist == kServerStalls);
     std::string bytes, error;
     // A refusing reader takes the first bytes it is given and then stops.
-    const ByteSink sink = [&](const char* data, size_t size) {
-      return bytes.append(data, size), c.twist != kReaderRefuses;
-    };
-    std::unique_ptr<Origin> origin = Connect(server.Url(), c.twist == kServerStalls ? 300 : 10000);
+    const ByteSink sink = [&](const char* data, size_t n) { return bytes.append(data, n), c.twist != kReaderRefuses; };
+    std::unique_ptr<Origin> origin = Connect(server.url, c.twist == kServerStalls ? 300 : 10000);
     EXPECT_EQ(origin->ReadRange("/f", c.offset, c.length, c.validator, sink, &error), c.status) << error;
-    EXPECT_EQ(bytes, body.substr(c.from, c.count));
+    EXPECT_EQ(bytes, body.substr(c.offset, c.delivered));
   }
 }
 
-// Stats and uploads go by the status and headers the server answers;
-// listings leave out what cannot be addressed.
-TEST(HttpScriptedServerTest, StatsListingsAndUploadsTakeTheAnswer) {
-  std::string error;
-  OriginFileInfo info;
-  std::vector<OriginEntry> entries;
-  auto answered = [&](const std::string& reply, auto request) {
-    ScriptedServer server("HTTP/1.1 " + reply, false);
-    return request(*Connect(server.Url()));
-  };
-  auto stat = [&](Origin& origin) { return origin.Stat("/f", &info, &error); };
-  const std::string date = "Last-Modified: Sat, 03 Feb 2001 04:05:06 GMT\r\n";
-  EXPECT_EQ(answered("200 OK\r\nContent-Length: 1\r\nETag: \"e\"\r\n" + date + "\r\n", stat), OriginStatus::kOk);
-  EXPECT_TRUE(info.size == 1 && info.mtime == 981173106 && info.validator == "\"e\"" && !info.is_directory);
-  // Entries a later request could not address are left out.
-  ASSERT_TRUE(ParseJsonListing(R"([{"name":".","type":"directory"},{"name":"a/b","type":"file","size":1},)"
-                               R"({"name":"d","type":"directory"}])", &entries, &error)) << error;
-  EXPECT_TRUE(entries.size() == 1 && entries[0].name == "d" && entries[0].is_directory);
-  const ByteSource source = [](long long, char* buffer, size_t) { return buffer[0] = 'x', 1LL; };
-  EXPECT_EQ(answered("403 Forbidden\r\nContent-Length: 0\r\n\r\n",
-                     [&](Origin& origin) { return origin.Upload("/f", 1, source, &error); }),
-            OriginStatus::kFailed);
-}
 
 }  // namespace
