@@ -12,7 +12,11 @@
 
 #include "cache/logging.h"
 #include "korvcache.h"
-#include "support/slot_caller.h"
+
+// Defined in another translation unit, so that the compiler cannot see the
+// object's real declared type at the call.
+long long CallFetchSlot(IFetch* fetch, long long offset, long length);
+std::string CallHandleInfoSlot(IFetch* fetch);
 
 namespace {
 
@@ -49,8 +53,8 @@ TEST(AbiSlots, LibraryCallsTheClientsDeclaredOperations) {
 #else
   MyLog log;
   MyQueue queue;
-  ASSERT_TRUE(Cache_BindLogger(reinterpret_cast<ILog*>(&log)));
-  ASSERT_TRUE(Cache_BindAsyncQ(reinterpret_cast<IAsyncQueue*>(&queue)));
+  ASSERT_TRUE(Cache_BindLogger(reinterpret_cast<ILog*>(&log)) &&
+              Cache_BindAsyncQ(reinterpret_cast<IAsyncQueue*>(&queue)));
   EXPECT_FALSE(Cache_BindLogger(nullptr) || Cache_BindAsyncQ(nullptr));  // nor do they unbind
   KORV_LOG(LOGLEVEL_WARNING, "[CACHE     ] %s", "slot three");
   CountingWork work;

@@ -19,9 +19,7 @@
 
 namespace {
 
-class CacheObjTest : public ::testing::Test {
- protected:
-  void SetUp() override { Cache_UnbindAsyncQ(); }
+struct CacheObjTest : ::testing::Test {
   TempDir dir_;
   FakeConfig config_;
   FakeOrigin origin_{20 * kMiB + 12345};
@@ -58,7 +56,7 @@ TEST_F(CacheObjTest, ReadersThroughWorkersGetOriginBytesWhileModesSwitch) {
   for (bool switching : {false, true}) {
     std::atomic<int> reads{0}, wrong{0};
     std::vector<std::thread> readers;
-    for (int t = 0; t < 4; ++t) {
+    for (int t = 0; t < 4; ++t)
       readers.emplace_back([&, t] {
         std::mt19937_64 random(t + (switching ? 4 : 0));
         for (int i = 0; i < kReads; ++i, ++reads) {
@@ -69,7 +67,6 @@ TEST_F(CacheObjTest, ReadersThroughWorkersGetOriginBytesWhileModesSwitch) {
           if ((r.status != kOk && !switching) || !r.Clean()) ++wrong;
         }
       });
-    }
     for (int i = 0; switching && reads.load() < 4 * kReads; ++i) {
       const int seen = reads.load();
       EXPECT_EQ(obj_.SetMode(i % 2 == 0 ? 'w' : 'r', origin_.size(), &origin_), kOk);
