@@ -19,15 +19,11 @@
 
 namespace {
 
-class CacheObjTest : public ::testing::Test {
- protected:
-  void SetUp() override { Cache_UnbindAsyncQ(); }
-  CacheObj Make(const char* name, char mode) {
-    return CacheObj(dir_.path() + "/", name, mode, origin_.size(), &origin_, &config_, std::string("dir/") + name);
-  }
+struct CacheObjTest : ::testing::Test {
   TempDir dir_;
   FakeConfig config_;
   FakeOrigin origin_{20 * kMiB + 12345};
+  CacheObj obj_{dir_.path() + "/", "a.bin", 'r', origin_.size(), &origin_, &config_, "dir/a.bin"};
 };
 
 // Two first readers of a fresh sector cache: the first is held just before
@@ -36,16 +32,15 @@ class CacheObjTest : public ::testing::Test {
 // second had written meanwhile. The bounded wait gives a second reader that
 // is not kept out the time to write its sectors.
 TEST_F(CacheObjTest, FirstReadersCreateTheFileOnce) {
-  CacheObj obj = Make("a.bin", 'r');
   TestPointGate gate("sector cache: creating its file");
-  auto first = std::async(std::launch::async, [&] { return Served(obj, origin_, 0, 1000); });
+  auto first = std::async(std::launch::async, [&] { return Served(obj_, origin_, 0, 1000); });
   ASSERT_TRUE(gate.WaitUntilHeld());
-  auto second = std::async(std::launch::async, [&] { return Served(obj, origin_, 8 * kMiB, 1000); });
+  auto second = std::async(std::launch::async, [&] { return Served(obj_, origin_, 8 * kMiB, 1000); });
   second.wait_for(std::chrono::seconds(1));
   gate.Release();
   EXPECT_TRUE(first.get() && second.get());
   // Read again: neither reader's sectors were cut off.
-  EXPECT_TRUE(Served(obj, origin_, 8 * kMiB, 1000) && Served(obj, origin_, 0, 1000));
+  EXPECT_TRUE(Served(obj_, origin_, 8 * kMiB, 1000) && Served(obj_, origin_, 0, 1000));
 }
 
 // Readers on four threads, fetching through three queue workers: every read
@@ -57,26 +52,24 @@ TEST_F(CacheObjTest, ReadersThroughWorkersGetOriginBytesWhileModesSwitch) {
 #else
   constexpr int kReads = 40;
 #endif
-  CacheObj obj = Make("busy.bin", 'r');
   TestQueue queue(TestQueue::Mode::kRun, 3);
   for (bool switching : {false, true}) {
     std::atomic<int> reads{0}, wrong{0};
     std::vector<std::thread> readers;
-    for (int t = 0; t < 4; ++t) {
+    for (int t = 0; t < 4; ++t)
       readers.emplace_back([&, t] {
         std::mt19937_64 random(t + (switching ? 4 : 0));
         for (int i = 0; i < kReads; ++i, ++reads) {
           const long long offset = static_cast<long long>(random() % static_cast<uint64_t>(origin_.size()));
           // Reads stop at the end of the file, as a client that knows the size sends them.
           const size_t size = 1 + random() % std::min<uint64_t>(3 * kSectorSize, origin_.size() - offset);
-          const ReadOutcome r = ReadAndCheck(obj, origin_, offset, size, -1);
+          const ReadOutcome r = ReadAndCheck(obj_, origin_, offset, size, -1);
           if ((r.status != kOk && !switching) || !r.Clean()) ++wrong;
         }
       });
-    }
     for (int i = 0; switching && reads.load() < 4 * kReads; ++i) {
       const int seen = reads.load();
-      EXPECT_EQ(obj.SetMode(i % 2 == 0 ? 'w' : 'r', origin_.size(), &origin_), kOk);
+      EXPECT_EQ(obj_.SetMode(i % 2 == 0 ? 'w' : 'r', origin_.size(), &origin_), kOk);
       while (reads.load() == seen && reads.load() < 4 * kReads) std::this_thread::yield();
     }
     for (auto& r : readers) r.join();

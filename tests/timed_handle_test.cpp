@@ -15,19 +15,6 @@
 
 namespace {
 
-constexpr std::chrono::seconds kIdle{11};
-
-class TimedHandleTest : public ::testing::Test {
- protected:
-  void TearDown() override { ResetClockForTesting(); }
-  FILE* Open(const std::string& name, const char* mode = "w") {
-    FILE* stream = std::fopen(dir_.File(name).c_str(), mode);
-    if (stream == nullptr) ADD_FAILURE() << "cannot open " << name;
-    return stream;
-  }
-  TempDir dir_;
-};
-
 // Whether `fd` is still open. Checked before anything else is opened, so that
 // a closed descriptor's number cannot have been reused.
 bool FdOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
@@ -35,34 +22,30 @@ bool FdOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 // A stream idle for eleven seconds closes; every use restarts the count, the
 // closers do not; neither closes a stream someone holds, nor does replacing
 // it, and the holder's writes are flushed when it goes.
-TEST_F(TimedHandleTest, IdleStreamClosesAfterElevenSecondsUnlessUsedOrHeld) {
-  const std::string path = dir_.File("c.cache");
-  TimedHandle handle(path);
+TEST(TimedHandleTest, IdleStreamClosesAfterElevenSecondsUnlessUsedOrHeld) {
+  TempDir dir;
+  auto open = [&](const char* name) { return std::fopen(dir.File(name).c_str(), "a"); };
+  TimedHandle handle(dir.File("c.cache"));
   EXPECT_EQ(handle.GetHandle(), nullptr);
-  AdvanceClockForTesting(kIdle);
+  AdvanceClockForTesting(std::chrono::seconds(11));
   EXPECT_FALSE(handle.CloseIfExpired());
-  handle = Open("c.cache");
+  handle = open("c.cache");
   // The real clock runs on under the offset; 50 ms short stays short.
-  AdvanceClockForTesting(kIdle - std::chrono::milliseconds(50));
+  AdvanceClockForTesting(std::chrono::milliseconds(10950));
   EXPECT_FALSE(handle.CloseIfExpired());
-  const std::vector<std::pair<const char*, std::function<void()>>> uses = {
-      {"IsValidHandle", [&] { handle.IsValidHandle(); }},
-      {"GetHandle", [&] { std::shared_ptr<FILE> s = handle.GetHandle(); }},
-      {"conversion", [&] { std::shared_ptr<FILE> s = handle; }},
-      {"Tick", [&] { handle.Tick(); }},
-      {"assignment", [&] { handle = Open("c.cache", "a"); }},
-  };
-  for (const auto& use : uses) {
-    SCOPED_TRACE(use.first);
+  // Each use: IsValidHandle, GetHandle, the conversion, Tick, assignment.
+  for (const std::function<void()>& use : std::vector<std::function<void()>>{
+           [&] { handle.IsValidHandle(); }, [&] { std::shared_ptr<FILE> s = handle.GetHandle(); },
+           [&] { std::shared_ptr<FILE> s = handle; }, [&] { handle.Tick(); }, [&] { handle = open("c.cache"); }}) {
     AdvanceClockForTesting(std::chrono::seconds(10));
-    use.second();
+    use();
     AdvanceClockForTesting(std::chrono::seconds(10));
     EXPECT_FALSE(handle.CloseIfExpired());
   }
 
   std::shared_ptr<FILE> held = handle.GetHandle();
   const int fd = fileno(held.get());
-  AdvanceClockForTesting(kIdle);
+  AdvanceClockForTesting(std::chrono::seconds(11));
   EXPECT_FALSE(handle.CloseIfExpired());
   handle.Close();
   EXPECT_GE(std::fputs("still mine", held.get()), 0);
@@ -70,17 +53,18 @@ TEST_F(TimedHandleTest, IdleStreamClosesAfterElevenSecondsUnlessUsedOrHeld) {
   EXPECT_TRUE(FdOpen(fd));  // letting go closes nothing: the handle still owns it
   EXPECT_TRUE(handle.CloseIfExpired());
   EXPECT_FALSE(FdOpen(fd));
-  EXPECT_EQ(FileContents(path), "still mine");
+  EXPECT_EQ(FileContents(dir.File("c.cache")), "still mine");
 
-  handle = Open("e.cache");
+  handle = open("e.cache");
   std::shared_ptr<FILE> replaced = handle.GetHandle();
-  handle = Open("f.cache");  // a replaced stream stays open for its holder
+  handle = open("f.cache");  // a replaced stream stays open for its holder
   EXPECT_GE(std::fputs("kept", replaced.get()), 0);
   replaced.reset();
-  EXPECT_EQ(FileContents(dir_.File("e.cache")), "kept");
+  EXPECT_EQ(FileContents(dir.File("e.cache")), "kept");
   const int other = fileno(handle.GetHandle().get());
   handle.Close();  // unheld: closed at once, idle or not
   EXPECT_FALSE(FdOpen(other));
+  ResetClockForTesting();
 }
 
 }  // namespace
