@@ -6,7 +6,7 @@
 // The sweep runs in rounds. In a round every thread makes a fixed number of
 // operations (seeded, so each thread's sequence is the same every run):
 // streaming reads of shared read-only files, dropped table entries and
-// changed read-ahead settings and limits. Between rounds, with the clients
+// changed limits. Between rounds, with the clients
 // quiet, a sparse ballast puts the directory over its limit by half the
 // sector bytes, the clock steps past the over-limit ages, and the quota
 // thread must bring the directory back within the limit. `make test` runs
@@ -58,7 +58,7 @@ std::string SharedName(long long k) { return "shared/file" + std::to_string(k) +
 // One round of a client thread, seeded by `seed`: streaming reads, each
 // holding its file for one read only as a client holds a file from open to
 // release, with a fault or a closed handle at random; dropped table entries;
-// a changed read-ahead streak or limit.
+// a changed limit.
 void ClientRound(ICache_V2* cache, SharedOrigins& shared, Cursor& cursor, uint64_t seed,
                  std::atomic<long long>& verified) {
   std::mt19937_64 random(seed);
@@ -68,8 +68,6 @@ void ClientRound(ICache_V2* cache, SharedOrigins& shared, Cursor& cursor, uint64
   for (int i = 0; i < kOperationsPerRound; ++i) {
     const long long pick = uniform(0, 99);
     if (pick >= 96) {
-      const std::string json = R"({"cache":{"ra":{"hit":)" + std::to_string(uniform(0, 4)) + "}}}";
-      EXPECT_EQ(cache->SetConfiguration(json.c_str()), kOk) << json;
       EXPECT_EQ(cache->SetLimit(static_cast<unsigned long long>(uniform(64, 96) * kMiB)), kOk);
       continue;
     }
