@@ -2,7 +2,8 @@
 // through the file seam (a full disk, I/O errors, short writes, a file that
 // cannot be opened): each failure gives its status code, and once the calls
 // work again the same file serves exact bytes with no half-written slot left.
-// The origin hangs: reads whose handle closes end, and the late data is kept. ReleaseCache while fetches hang: no
+// The origin hangs: reads end in bounded time with a status the library
+// defines, and the late data is kept. ReleaseCache while fetches hang: no
 // crash, no deadlock, nothing leaked, nothing freed under a running task.
 #include <gtest/gtest.h>
 
@@ -53,14 +54,8 @@ enum class Action { kFetchRead, kWholeRead, kCachedRead, kCreate, kWrite, kLocal
 
 TEST_F(FileIoFaults, EachFailureGivesItsStatusAndTheSameFileRecovers) {
   using Call = FaultyFileIo::Call;
-  const struct {
-    const char* what;
-    Call call;
-    int error;
-    size_t stored;  // bytes a failing write stores first
-    Action action;
-    unsigned int status;  // of the failing call
-  } cases[] = {
+  // `stored`: the bytes a failing write stores first; `status`: the failing call's.
+  const struct { const char* what; Call call; int error; size_t stored; Action action; unsigned int status; } cases[] = {
       {"fetched sector cannot be stored: disk full", Call::kWrite, ENOSPC, S / 2, Action::kFetchRead, kErrRead},
       {"fetched sector cannot be flushed", Call::kFlush, ENOSPC, 0, Action::kFetchRead, kErrRead},
       {"whole-file read on a full disk, not waiting", Call::kWrite, ENOSPC, S / 2, Action::kWholeRead, kErrRead},
@@ -111,19 +106,22 @@ TEST_F(FileIoFaults, EachFailureGivesItsStatusAndTheSameFileRecovers) {
   }
 }
 
-// The origin hangs (timed-out reads are the read-path scripts'). Reads that
-// would wait for ever (a time-out of -1, and a whole-file read, which always
-// waits) end with kErrHandleClosed when the client closes its handle on
-// another thread. Once the origin lets go, the late deliveries (the
-// whole-file read's covers the file) are kept: correct, one slot per sector,
-// not fetched again.
-TEST_F(ManagerFaultTest, HangingOriginEndsReadsWhenTheirHandlesCloseAndLateDataIsKept) {
-  Configure(R"({"cache":{"ra":{"hit":1000}}})");
+// The origin hangs. Reads end at the read time-out setting (the request's
+// own is 0), also when their fetch cannot start because both workers hang
+// (the second read queues sector 0 anew). Reads that would wait for ever (a
+// time-out of -1, and a whole-file read, which always waits) end with
+// kErrHandleClosed when the client closes its handle on another thread. Once
+// the origin lets go, the late deliveries (the whole-file read's covers the
+// file) are kept: correct, one slot per sector, not fetched again.
+TEST_F(ManagerFaultTest, HangingOriginEndsReadsAtTheTimeOutOrTheHandlesCloseAndLateDataIsKept) {
+  Configure(R"({"cache":{"ra":{"hit":1000},"read":{"timeout":100}}})");
   FakeOrigin origin(8 * kMiB);
   std::shared_ptr<ICacheObj> file = cache_->Open("faulty/slow.bin", 'r', origin.size(), &origin);
   TestQueue queue(TestQueue::Mode::kRun, 2);
   OnExit release([&] { origin.Release(); });
   origin.Block();
+  for (long long offset : {100LL, 100LL, 4 * kMiB})
+    EXPECT_EQ(ReadAndCheck(*file, origin, offset, 1000, 0).status, kErrRead) << "at " << offset;
   for (const bool whole_file : {false, true}) {
     std::shared_ptr<_FS_HANDLE> handle = OpenHandle();
     ReadOutcome read;
@@ -158,8 +156,7 @@ TEST_F(ManagerFaultTest, ReleaseWaitsForHangingFetchesAndHeldFilesOutliveTheMana
   std::shared_ptr<ICacheObj> dropped = cache_->Open("load/dropped.bin", 'r', dropped_origin.size(), &dropped_origin);
   std::shared_ptr<ICacheObj> late = cache_->Open("load/late.bin", 'r', late_origin.size(), &late_origin);
   constexpr size_t kChunk = 256 * 1024;
-  {
-    TestQueue queue(TestQueue::Mode::kRun, 3);
+  TestQueue queue(TestQueue::Mode::kRun, 3);
     // Two reads of each run make the history.
     for (int i = 0; i < 2; ++i)
       EXPECT_TRUE(Served(*late, late_origin, i * kChunk, kChunk) && Served(*dropped, dropped_origin, i * kChunk, kChunk));
@@ -188,7 +185,6 @@ TEST_F(ManagerFaultTest, ReleaseWaitsForHangingFetchesAndHeldFilesOutliveTheMana
     ASSERT_TRUE(queue.WaitIdle());
     EXPECT_EQ(late->SetMode('w', late_origin.size(), &late_origin), kOk);
     EXPECT_TRUE(Served(*late, late_origin, kMiB, kChunk)) << "late, writable";
-  }
   late.reset();
   EXPECT_TRUE(SectorCacheFiles(path_).empty());
   EXPECT_FALSE(Exists(path_ + "/late.bin"));
