@@ -52,6 +52,14 @@ struct Cursor {
   long long offset = 0;
 };
 
+// Every round starts clearing what is a second old, under the clients.
+constexpr char kBusy[] = R"({"cache":{"ra":{"hit":2,"min":1048576,"max":4194304},"read":{"timeout":10000,)"
+                         R"("maxfetch":1048576},"clear":{"period":100,"usedblock":1,"unusedblock":1,)"
+                         R"("over":{"usedblock":0,"unusedblock":0}}}})";
+// Quiet then: only the over-limit clearing may bring the directory down.
+constexpr char kQuiet[] = R"({"cache":{"clear":{"period":100,"usedblock":3600,"unusedblock":3600,)"
+                          R"("over":{"usedblock":1,"unusedblock":1}}}})";
+
 std::string SharedName(long long k) { return "shared/file" + std::to_string(k) + ".bin"; }
 
 // One round of a client thread, seeded by `seed`: streaming reads, each
@@ -119,23 +127,17 @@ TEST(FaultSweep, ClientsUnderFaultsGetExactBytesWhileTheLimitHoldsAndReleaseLeav
     TestQueue queue(TestQueue::Mode::kRun, 4);
     std::vector<Cursor> cursors(kThreads);
     while (rounds < 3 || std::chrono::steady_clock::now() < deadline) {
-      // Every round starts clearing what is a second old, under the clients.
-      ASSERT_EQ(cache->SetConfiguration(R"({"cache":{"ra":{"hit":2,"min":1048576,"max":4194304},)"
-                                        R"("read":{"timeout":10000,"maxfetch":1048576},)"
-                                        R"("clear":{"period":100,"usedblock":1,"unusedblock":1,)"
-                                        R"("over":{"usedblock":0,"unusedblock":0}}}})"),
-                kOk);
+      ASSERT_EQ(cache->SetConfiguration(kBusy), kOk);
       std::vector<std::thread> threads;
-      for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&, t, seed = t * 7919ULL + rounds] { ClientRound(cache, shared, cursors[t], seed, verified); });
+      for (int t = 0; t < kThreads; ++t) {
+        const uint64_t seed = t * 7919ULL + static_cast<uint64_t>(rounds);
+        threads.emplace_back([&, t, seed] { ClientRound(cache, shared, cursors[t], seed, verified); });
+      }
       for (std::thread& thread : threads) thread.join();
       ASSERT_TRUE(queue.WaitIdle());
       ++rounds;
 
-      // Quiet now: only the over-limit clearing may bring the directory down.
-      ASSERT_EQ(cache->SetConfiguration(R"({"cache":{"clear":{"period":100,"usedblock":3600,)"
-                                        R"("unusedblock":3600,"over":{"usedblock":1,"unusedblock":1}}}})"),
-                kOk);
+      ASSERT_EQ(cache->SetConfiguration(kQuiet), kOk);
       const long long sectors = SectorBytes(path);
       if (sectors == 0) continue;
       const long long limit = static_cast<long long>(cache->GetLimit());

@@ -25,11 +25,9 @@ using namespace std::chrono_literals;
 
 TEST(CacheManager, SettingsComeFromTheFileThenFromJson) {
   TempDir dir;
-  {
-    SettingsFile none("");
-    const _CACHECONFIG conf = Cache(dir.path().c_str(), 1ull << 30).GetConfig();
-    EXPECT_EQ(std::memcmp(&conf, &kDefaultCacheConfig, sizeof conf), 0);
-  }
+  SettingsFile none("");
+  const _CACHECONFIG defaults = Cache(dir.path().c_str(), 1ull << 30).GetConfig();
+  EXPECT_EQ(std::memcmp(&defaults, &kDefaultCacheConfig, sizeof defaults), 0);
   SettingsFile file("; comment\n[cache]\nra_hit_streak=5\n");
   Cache cache(dir.path().c_str(), 1ull << 30);
   // A readable file without a key gives 0.
