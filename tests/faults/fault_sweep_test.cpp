@@ -5,9 +5,8 @@
 //
 // The sweep runs in rounds. In a round every thread makes a fixed number of
 // operations (seeded, so each thread's sequence is the same every run):
-// streaming reads of shared read-only files, dropped table entries and
-// changed read-ahead settings and limits. Between rounds, with the clients
-// quiet, a sparse ballast puts the directory over its limit by half the
+// streaming reads of shared read-only files and dropped table entries.
+// Between rounds, with the clients quiet, a sparse ballast puts the directory over its limit by half the
 // sector bytes, the clock steps past the over-limit ages, and the quota
 // thread must bring the directory back within the limit. `make test` runs
 // three rounds; KORV_FAULT_SWEEP_SECONDS=n runs rounds for n seconds
@@ -53,26 +52,25 @@ struct Cursor {
   long long offset = 0;
 };
 
+// Every round starts clearing what is a second old, under the clients.
+constexpr char kBusy[] = R"({"cache":{"ra":{"hit":2,"min":1048576,"max":4194304},"read":{"timeout":10000,)"
+                         R"("maxfetch":1048576},"clear":{"period":100,"usedblock":1,"unusedblock":1,)"
+                         R"("over":{"usedblock":0,"unusedblock":0}}}})";
+// Quiet then: only the over-limit clearing may bring the directory down.
+constexpr char kQuiet[] = R"({"cache":{"clear":{"period":100,"usedblock":3600,"unusedblock":3600,)"
+                          R"("over":{"usedblock":1,"unusedblock":1}}}})";
+
 std::string SharedName(long long k) { return "shared/file" + std::to_string(k) + ".bin"; }
 
 // One round of a client thread, seeded by `seed`: streaming reads, each
 // holding its file for one read only as a client holds a file from open to
-// release, with a fault or a closed handle at random; dropped table entries;
-// a changed read-ahead streak or limit.
+// release, with a fault or a closed handle at random; dropped table entries.
 void ClientRound(ICache_V2* cache, SharedOrigins& shared, Cursor& cursor, uint64_t seed,
                  std::atomic<long long>& verified) {
   std::mt19937_64 random(seed);
-  auto uniform = [&](long long low, long long high) {
-    return std::uniform_int_distribution<long long>(low, high)(random);
-  };
+  auto uniform = [&](long long low, long long high) { return std::uniform_int_distribution(low, high)(random); };
   for (int i = 0; i < kOperationsPerRound; ++i) {
     const long long pick = uniform(0, 99);
-    if (pick >= 96) {
-      const std::string json = R"({"cache":{"ra":{"hit":)" + std::to_string(uniform(0, 4)) + "}}}";
-      EXPECT_EQ(cache->SetConfiguration(json.c_str()), kOk) << json;
-      EXPECT_EQ(cache->SetLimit(static_cast<unsigned long long>(uniform(64, 96) * kMiB)), kOk);
-      continue;
-    }
     if (pick >= 90) {
       cache->Close(SharedName(uniform(0, kSharedFiles - 1)).c_str());
       continue;
@@ -82,8 +80,7 @@ void ClientRound(ICache_V2* cache, SharedOrigins& shared, Cursor& cursor, uint64
       cursor.offset = uniform(0, kSharedSize / (512 * 1024) - 2) * 512 * 1024;
     }
     std::deque<FakeOrigin>& origins = shared[cursor.file];
-    std::shared_ptr<ICacheObj> file =
-        cache->Open(SharedName(cursor.file).c_str(), 'r', origins[0].size(), &origins[0]);
+    auto file = cache->Open(SharedName(cursor.file).c_str(), 'r', origins[0].size(), &origins[0]);
     const long long at = cursor.offset;
     const long long size = std::min(uniform(64 * 1024, kMiB), origins[0].size() - at);
     const int fault = uniform(0, 99) < 15 ? static_cast<int>(uniform(1, kModes - 1)) : 0;
@@ -122,10 +119,7 @@ TEST(FaultSweep, ClientsUnderFaultsGetExactBytesWhileTheLimitHoldsAndReleaseLeav
   Watchdog watchdog("the fault sweep", std::chrono::seconds(300 + seconds));
   SharedOrigins shared(kSharedFiles);
   for (int k = 0; k < kSharedFiles; ++k) {
-    for (int mode = 0; mode < kModes; ++mode) {
-      shared[k].emplace_back(kSharedSize - 1000 * k);
-      shared[k].back().set_mode(static_cast<FakeOrigin::Mode>(mode));
-    }
+    for (int m = 0; m < kModes; ++m) shared[k].emplace_back(kSharedSize - 1000 * k).set_mode(FakeOrigin::Mode(m));
   }
   std::atomic<long long> verified{0};
   int rounds = 0, cleared_rounds = 0;
@@ -133,25 +127,17 @@ TEST(FaultSweep, ClientsUnderFaultsGetExactBytesWhileTheLimitHoldsAndReleaseLeav
     TestQueue queue(TestQueue::Mode::kRun, 4);
     std::vector<Cursor> cursors(kThreads);
     while (rounds < 3 || std::chrono::steady_clock::now() < deadline) {
-      // Every round starts clearing what is a second old, under the clients.
-      ASSERT_EQ(cache->SetConfiguration(R"({"cache":{"ra":{"hit":2,"min":1048576,"max":4194304},)"
-                                        R"("read":{"timeout":10000,"maxfetch":1048576},)"
-                                        R"("clear":{"period":100,"usedblock":1,"unusedblock":1,)"
-                                        R"("over":{"usedblock":0,"unusedblock":0}}}})"),
-                kOk);
+      ASSERT_EQ(cache->SetConfiguration(kBusy), kOk);
       std::vector<std::thread> threads;
       for (int t = 0; t < kThreads; ++t) {
-        const uint64_t seed = static_cast<uint64_t>(t) * 7919 + static_cast<uint64_t>(rounds);
+        const uint64_t seed = t * 7919ULL + static_cast<uint64_t>(rounds);
         threads.emplace_back([&, t, seed] { ClientRound(cache, shared, cursors[t], seed, verified); });
       }
       for (std::thread& thread : threads) thread.join();
       ASSERT_TRUE(queue.WaitIdle());
       ++rounds;
 
-      // Quiet now: only the over-limit clearing may bring the directory down.
-      ASSERT_EQ(cache->SetConfiguration(R"({"cache":{"clear":{"period":100,"usedblock":3600,)"
-                                        R"("unusedblock":3600,"over":{"usedblock":1,"unusedblock":1}}}})"),
-                kOk);
+      ASSERT_EQ(cache->SetConfiguration(kQuiet), kOk);
       const long long sectors = SectorBytes(path);
       if (sectors == 0) continue;
       const long long limit = static_cast<long long>(cache->GetLimit());
@@ -160,8 +146,7 @@ TEST(FaultSweep, ClientsUnderFaultsGetExactBytesWhileTheLimitHoldsAndReleaseLeav
       ASSERT_EQ(truncate(dir.Write("cache/ballast", "").c_str(), limit - others - sectors / 2), 0);
       AdvanceClockForTesting(5s);
       EXPECT_TRUE(WaitFor([&] { return BytesInDirectory(path) <= limit || SectorBytes(path) == 0; }))
-          << "round " << rounds << ": directory " << BytesInDirectory(path) << " over the limit " << limit
-          << " with " << SectorBytes(path) << " sector bytes left";
+          << "round " << rounds << ": " << BytesInDirectory(path) << " bytes over the limit " << limit;
       ++cleared_rounds;
     }
   }

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <set>
 
 #include "cache/sector.h"
 #include "support/fake_origin.h"
@@ -45,8 +44,6 @@ class ManagerFaultTest : public ::testing::Test {
   ICache_V2* cache_ = nullptr;
 };
 using FileIoFaults = ManagerFaultTest;
-using OriginFaultTest = ManagerFaultTest;
-using ReleaseUnderLoad = ManagerFaultTest;
 
 // What a case does while the call is broken. On a read-only file: a cold
 // read that fetches, a whole-file read (no time-out), a read of sectors
@@ -57,14 +54,9 @@ enum class Action { kFetchRead, kWholeRead, kCachedRead, kCreate, kWrite, kLocal
 
 TEST_F(FileIoFaults, EachFailureGivesItsStatusAndTheSameFileRecovers) {
   using Call = FaultyFileIo::Call;
-  const struct {
-    const char* what;
-    Call call;
-    int error;
-    size_t stored;  // bytes a failing write stores first
-    Action action;
-    unsigned int status;  // of the failing call
-  } cases[] = {
+  // `stored`: the bytes a failing write stores first; `status`: the failing call's.
+  const struct { const char* what; Call call; int error; size_t stored; Action action; unsigned int status; }
+      cases[] = {
       {"fetched sector cannot be stored: disk full", Call::kWrite, ENOSPC, S / 2, Action::kFetchRead, kErrRead},
       {"fetched sector cannot be flushed", Call::kFlush, ENOSPC, 0, Action::kFetchRead, kErrRead},
       {"whole-file read on a full disk, not waiting", Call::kWrite, ENOSPC, S / 2, Action::kWholeRead, kErrRead},
@@ -84,11 +76,8 @@ TEST_F(FileIoFaults, EachFailureGivesItsStatusAndTheSameFileRecovers) {
     std::shared_ptr<ICacheObj> file;
     const char mode = c.action >= Action::kCreate ? 'w' : 'r';
     auto open = [&] { file = cache_->Open(name.c_str(), mode, origin.size(), &origin); };
-    const std::vector<char> mine = Pattern(256 * 1024, 'A');
-    auto write = [&] {
-      _WRITEDATA wd = WriteRequest(mine, 1000, origin.size(), &origin);
-      return file->Write(&wd);
-    };
+    const std::vector<char> mine = Pattern(S, 'A');  // a partly covered sector at each end
+    _WRITEDATA wd = WriteRequest(mine, 1000, origin.size(), &origin);
     FaultyFileIo io;
     if (c.action != Action::kCreate) open();
     if (c.action == Action::kCachedRead || c.action == Action::kLocalRead) {
@@ -98,7 +87,7 @@ TEST_F(FileIoFaults, EachFailureGivesItsStatusAndTheSameFileRecovers) {
     if (c.action == Action::kCreate) {
       EXPECT_EQ(ErrorThrownBy(open), c.status);
     } else if (c.action == Action::kWrite) {
-      EXPECT_EQ(write(), c.status);
+      EXPECT_EQ(file->Write(&wd), c.status);
     } else if (c.action == Action::kTruncate) {
       EXPECT_EQ(file->Truncate(1000), c.status);
     } else {  // a read; the whole-file one where nothing is cached yet
@@ -110,40 +99,30 @@ TEST_F(FileIoFaults, EachFailureGivesItsStatusAndTheSameFileRecovers) {
     if (c.action == Action::kCreate) open();
     std::vector<char> expected = OriginBytes(0, origin.size());
     if (c.action == Action::kWrite) {
-      ASSERT_EQ(write(), kOk);
+      ASSERT_EQ(file->Write(&wd), kOk);
       std::copy(mine.begin(), mine.end(), expected.begin() + 1000);
     }
-    EXPECT_TRUE(Served(*file, origin, 0, expected.size(), 5000, &expected));
+    EXPECT_TRUE(Served(*file, origin, 7, expected.size() - 7, 5000, &expected));  // from inside a hole
     for (const std::string& slots : SectorCacheFiles(path_)) EXPECT_EQ(FileSize(slots) % S, 0) << "a half slot";
   }
 }
 
 // The origin hangs. Reads end at the read time-out setting (the request's
-// own is 0), also when their fetch could not even start because every
-// worker hangs; reads that would wait for ever (a time-out of -1, and a
-// whole-file read, which always waits) end with kErrHandleClosed when the
-// client closes its handle on another thread. The sector a timed-out read
-// waited for is released, so the next read queues it anew. Once the origin
-// lets go, the late deliveries are kept: correct, one slot per sector, not
-// fetched again.
-TEST_F(OriginFaultTest, HangingOriginEndsReadsAtTheTimeOutOrTheHandlesCloseAndLateDataIsKept) {
+// own is 0), also when their fetch cannot start because both workers hang
+// (the second read queues sector 0 anew). Reads that would wait for ever (a
+// time-out of -1, and a whole-file read, which always waits) end with
+// kErrHandleClosed when the client closes its handle on another thread. Once
+// the origin lets go, the late deliveries (the whole-file read's covers the
+// file) are kept: correct, one slot per sector, not fetched again.
+TEST_F(ManagerFaultTest, HangingOriginEndsReadsAtTheTimeOutOrTheHandlesCloseAndLateDataIsKept) {
   Configure(R"({"cache":{"ra":{"hit":1000},"read":{"timeout":100}}})");
   FakeOrigin origin(8 * kMiB);
   std::shared_ptr<ICacheObj> file = cache_->Open("faulty/slow.bin", 'r', origin.size(), &origin);
   TestQueue queue(TestQueue::Mode::kRun, 2);
   OnExit release([&] { origin.Release(); });
   origin.Block();
-  for (long long offset : {100LL, 100LL, 4 * kMiB}) {
-    // The second read queues sector 0 again: both workers hang, and the
-    // third read's fetch waits behind them.
-    if (offset == 4 * kMiB) {
-      ASSERT_TRUE(origin.WaitForRequests(2));
-    }
-    const auto started = std::chrono::steady_clock::now();
+  for (long long offset : {100LL, 100LL, 4 * kMiB})
     EXPECT_EQ(ReadAndCheck(*file, origin, offset, 1000, 0).status, kErrRead) << "at " << offset;
-    const auto waited = std::chrono::steady_clock::now() - started;
-    EXPECT_TRUE(waited >= 100ms && waited < 5s) << "at " << offset;
-  }
   for (const bool whole_file : {false, true}) {
     std::shared_ptr<_FS_HANDLE> handle = OpenHandle();
     ReadOutcome read;
@@ -155,21 +134,11 @@ TEST_F(OriginFaultTest, HangingOriginEndsReadsAtTheTimeOutOrTheHandlesCloseAndLa
   }
   origin.Release();
   ASSERT_TRUE(queue.WaitIdle());
-  auto sectors_asked = [&] {
-    std::set<long long> sectors;
-    for (const auto& [at, length] : origin.Requests()) {
-      for (long long sector = at; sector < std::min(at + length, origin.size()); sector += S) sectors.insert(sector);
-    }
-    origin.ClearRequests();
-    return sectors;
-  };
-  const std::set<long long> fetched = sectors_asked();
-  EXPECT_TRUE(fetched.count(0) && fetched.count(8 * S) && fetched.count(12 * S));
-  EXPECT_EQ(FileSize(SectorCacheFiles(path_).at(0)), static_cast<long long>(fetched.size()) * S) << "two slots";
-  for (long long sector : fetched) EXPECT_TRUE(Served(*file, origin, sector + 7, S - 7, 1000)) << sector;
+  origin.ClearRequests();
+  EXPECT_EQ(FileSize(SectorCacheFiles(path_).at(0)), origin.size()) << "a sector stored twice";
+  EXPECT_TRUE(Served(*file, origin, 7, origin.size() - 7, 1000));
   ASSERT_TRUE(queue.WaitIdle());
-  // Only the sectors after them (every read reaches 1 MiB ahead) are new.
-  for (long long sector : sectors_asked()) EXPECT_EQ(fetched.count(sector), 0u) << "fetched again: " << sector;
+  EXPECT_TRUE(origin.Requests().empty()) << "late data fetched again";
 }
 
 // Two files of one manager when it is released:
@@ -181,48 +150,42 @@ TEST_F(OriginFaultTest, HangingOriginEndsReadsAtTheTimeOutOrTheHandlesCloseAndLa
 //    release and starts only after it; it and the file's later reads and
 //    mode switch run without the manager.
 // Afterwards the client lets go of its objects and every cache file goes.
-TEST_F(ReleaseUnderLoad, ReleaseWaitsForHangingFetchesAndHeldFilesOutliveTheManager) {
+TEST_F(ManagerFaultTest, ReleaseWaitsForHangingFetchesAndHeldFilesOutliveTheManager) {
   // Read-ahead from the third read of a run on, 1 MiB at a time.
   Configure(R"({"cache":{"ra":{"hit":1,"min":1048576,"max":2097152},"read":{"timeout":10000}}})");
   FakeOrigin dropped_origin(16 * kMiB), late_origin(16 * kMiB + 1);
   std::shared_ptr<ICacheObj> dropped = cache_->Open("load/dropped.bin", 'r', dropped_origin.size(), &dropped_origin);
   std::shared_ptr<ICacheObj> late = cache_->Open("load/late.bin", 'r', late_origin.size(), &late_origin);
   constexpr size_t kChunk = 256 * 1024;
-  {
-    TestQueue queue(TestQueue::Mode::kRun, 3);
-    // Two reads of each run make the history.
-    for (int i = 0; i < 2; ++i) {
-      EXPECT_TRUE(Served(*late, late_origin, i * kChunk, kChunk) && Served(*dropped, dropped_origin, i * kChunk, kChunk));
-    }
-    ASSERT_TRUE(queue.WaitIdle());
+  TestQueue queue(TestQueue::Mode::kRun, 3);
+  // Two reads of each run make the history.
+  for (int i = 0; i < 2; ++i)
+    EXPECT_TRUE(Served(*late, late_origin, i * kChunk, kChunk) && Served(*dropped, dropped_origin, i * kChunk, kChunk));
+  ASSERT_TRUE(queue.WaitIdle());
 
-    // The third read is served from the cache; its read-ahead hangs.
-    dropped_origin.Block();
-    OnExit release_dropped([&] { dropped_origin.Release(); });
-    const size_t dropped_requests = dropped_origin.Requests().size();
-    EXPECT_TRUE(Served(*dropped, dropped_origin, 2 * kChunk, kChunk)) << "dropped";
-    ASSERT_TRUE(dropped_origin.WaitForRequests(dropped_requests + 1));
-    dropped.reset();
+  // The third read is served from the cache; its read-ahead hangs.
+  dropped_origin.Block();
+  OnExit release_dropped([&] { dropped_origin.Release(); });
+  const size_t dropped_requests = dropped_origin.Requests().size();
+  EXPECT_TRUE(Served(*dropped, dropped_origin, 2 * kChunk, kChunk)) << "dropped";
+  ASSERT_TRUE(dropped_origin.WaitForRequests(dropped_requests + 1));
+  dropped.reset();
 
-    queue.set_mode(TestQueue::Mode::kHold);
-    EXPECT_TRUE(Served(*late, late_origin, 2 * kChunk, kChunk)) << "late";
-    ASSERT_EQ(queue.Held(), 1u);
-    {
-      Background releaser([&] { EXPECT_EQ(ReleaseCache(path_.c_str()), kOk); });
-      EXPECT_FALSE(WaitFor([&] { return releaser.Done(); }, 200ms))
-          << "ReleaseCache returned while a read-ahead of its file still ran";
-      dropped_origin.Release();
-      EXPECT_TRUE(releaser.WaitDone(10s));
-    }
-    // The manager is gone; the client's objects go on.
-    queue.RunHeld();
-    queue.set_mode(TestQueue::Mode::kRun);
-    ASSERT_TRUE(queue.WaitIdle());
-    for (int i = 3; i < 8; ++i) EXPECT_TRUE(Served(*late, late_origin, i * kChunk, kChunk)) << "late, after";
-    ASSERT_TRUE(queue.WaitIdle());
-    EXPECT_EQ(late->SetMode('w', late_origin.size(), &late_origin), kOk);
-    EXPECT_TRUE(Served(*late, late_origin, kMiB, kChunk)) << "late, writable";
-  }
+  queue.set_mode(TestQueue::Mode::kHold);
+  EXPECT_TRUE(Served(*late, late_origin, 2 * kChunk, kChunk)) << "late";
+  ASSERT_EQ(queue.Held(), 1u);
+  Background releaser([&] { EXPECT_EQ(ReleaseCache(path_.c_str()), kOk); });
+  EXPECT_FALSE(WaitFor([&] { return releaser.Done(); }, 200ms)) << "ReleaseCache returned under a read-ahead";
+  dropped_origin.Release();
+  EXPECT_TRUE(releaser.WaitDone(10s));
+  // The manager is gone; the client's objects go on.
+  queue.RunHeld();
+  queue.set_mode(TestQueue::Mode::kRun);
+  ASSERT_TRUE(queue.WaitIdle());
+  for (int i = 3; i < 8; ++i) EXPECT_TRUE(Served(*late, late_origin, i * kChunk, kChunk)) << "late, after";
+  ASSERT_TRUE(queue.WaitIdle());
+  EXPECT_EQ(late->SetMode('w', late_origin.size(), &late_origin), kOk);
+  EXPECT_TRUE(Served(*late, late_origin, kMiB, kChunk)) << "late, writable";
   late.reset();
   EXPECT_TRUE(SectorCacheFiles(path_).empty());
   EXPECT_FALSE(Exists(path_ + "/late.bin"));

