@@ -58,6 +58,8 @@ TEST(LogMessages, EachFixedMessageIsWrittenWordForWordAtItsLevel) {
         "clear":{"period":0,"usedblock":7,"unusedblock":8,"over":{"usedblock":9,"unusedblock":10}}}})"), kOk);
     EXPECT_EQ(cache.SetLimit(64 * kMiB - 1), kErrLimitTooSmall);
     EXPECT_EQ(cache.SetLimit(64 * kMiB), kOk);
+    cache.RunQuotaPassNow();  // the directory is empty; no blank before "(limits", as the format has it
+    const std::string total = "D [CACHE] [" + cache.path() + "] Total cache : 0(limits : 67108864)";
     std::shared_ptr<ICacheObj> obj = cache.Open("x/a.bin", 'r', e.origin.size(), &e.origin);
     cache.Open("x/a.bin", 'w', e.origin.size(), &e.origin);
     for (char mode : {'x', 'r'}) obj->SetMode(mode, e.origin.size(), &e.origin);
@@ -125,7 +127,7 @@ TEST(LogMessages, EachFixedMessageIsWrittenWordForWordAtItsLevel) {
         "I Cache initialized : " + cache.path() + ", Storage limit : " + limit + " bytes",
         "D Cache quota manager started", "D Cache configuration : 1, 2, 3, 4, 5, 0, 7, 8, 9, 10",
         "E Change cache storage limit requested but too small : Requested " + limit + " bytes",
-        "I Storage limit changed : " + limit + " bytes", "I Create cache for a.bin:r",
+        "I Storage limit changed : " + limit + " bytes", total, "I Create cache for a.bin:r",
         "I [a.bin] Read only cache initialized",
         "W Cache found for x/a.bin but read-only. Convert to writable cache forcefully.",
         "I SetMode : Read-only cache found. Change to writable cache.", "I [a.bin] Writable cache created",

@@ -200,7 +200,7 @@ TEST_F(DriveTest, AnUploadInProgressStallsNoOpen) {
   std::promise<void> entered, release;
   faulty_->before_upload = [&, held = release.get_future().share()] { entered.set_value(), held.wait(); };
   auto flushed = std::async(std::launch::async, [&] { return drive_->Flush(writer.get()); });
-  entered.get_future().wait();
+  ASSERT_EQ(entered.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready) << "no upload";
   auto opened = std::async(std::launch::async, [&] { return ReadWhole("/b.bin") + "|" + ReadWhole("/a.bin"); });
   const bool in_time = opened.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
   release.set_value();
