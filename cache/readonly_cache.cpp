@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <thread>
 
 #include "cache/default_settings.h"
 #include "cache/file_names.h"
@@ -69,6 +68,12 @@ void ReadonlyCache::ChangeFileName(std::string new_name) {
 void ReadonlyCache::ClearIndexNoLock() {
   index_.Clear();
   read_ahead_policy_.Forget();
+  IndexChangedNoLock();
+}
+
+void ReadonlyCache::IndexChangedNoLock() {
+  ++index_generation_;
+  index_changed_.notify_all();
 }
 
 void ReadonlyCache::DropLostSlotsNoLock() {
@@ -76,6 +81,7 @@ void ReadonlyCache::DropLostSlotsNoLock() {
   // them are served when the data arrive; they get a slot in the new file.
   index_.DropSettled();
   read_ahead_policy_.Forget();
+  IndexChangedNoLock();
 }
 
 std::shared_ptr<FILE> ReadonlyCache::OpenStream(bool index_locked) {
@@ -140,6 +146,12 @@ unsigned int ReadonlyCache::Truncate(long long) { return kErrReadOnly; }
 
 bool ReadonlyCache::CheckHandles() { return handle_.CloseIfExpired(); }
 
+void ReadonlyCache::TaskEnded() {
+  MutexLock guard(tasks_lock_);
+  read_ahead_count_.fetch_sub(1, std::memory_order_release);
+  tasks_done_.notify_all();
+}
+
 void ReadonlyCache::LargeFetchEnded(const IAsyncObj* task) {
   const IAsyncObj* expected = task;
   read_ahead_.compare_exchange_strong(expected, nullptr);
@@ -148,13 +160,16 @@ void ReadonlyCache::LargeFetchEnded(const IAsyncObj* task) {
 unsigned int ReadonlyCache::Close(bool remove) {
   delete_on_close_.store(remove, std::memory_order_relaxed);
   // Fetch tasks hold a raw pointer to this cache: it must outlive them all.
-  for (;;) {
-    int64_t running = read_ahead_count_.load(std::memory_order_acquire);
-    if (running == 0) break;
-    KORV_LOG(LOGLEVEL_DEBUG,
-             "[CACHE     ] [%s] %lld of read-ahead thread still working. Wait for thread termination.",
-             GetFileName().c_str(), static_cast<long long>(running));
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  {
+    std::unique_lock<Mutex> tasks(tasks_lock_);
+    for (;;) {
+      int64_t running = read_ahead_count_.load(std::memory_order_acquire);
+      if (running == 0) break;
+      KORV_LOG(LOGLEVEL_DEBUG,
+               "[CACHE     ] [%s] %lld of read-ahead thread still working. Wait for thread termination.",
+               GetFileName().c_str(), static_cast<long long>(running));
+      tasks_done_.wait_for(tasks, std::chrono::milliseconds(10));
+    }
   }
 
   MutexLock guard(index_lock_);

@@ -19,6 +19,7 @@
 
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -58,7 +59,9 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   ReadonlyCache& operator=(const ReadonlyCache&) = delete;
 
   // Serves the request end to end: queues fetches for missing sectors (at
-  // least 1 MiB from the offset), waits in 10 ms polls, copies the bytes out.
+  // least 1 MiB from the offset), waits for them, copies the bytes out. The
+  // wait wakes as soon as the index changes and at least every 10 ms, to
+  // check for a closed handle and the time-out.
   // With a fetcher the read ends at the request's file_size: nothing past it
   // is waited for or served, so a request reaching past it is served short.
   // Without a fetcher it serves only what is cached, possibly 0 bytes.
@@ -123,7 +126,7 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
       NO_THREAD_SAFETY_ANALYSIS;
   void ForgetReserved(long long offset, long long length, IndexLock lock) override NO_THREAD_SAFETY_ANALYSIS;
   void TaskStarted() override { read_ahead_count_.fetch_add(1, std::memory_order_relaxed); }
-  void TaskEnded() override { read_ahead_count_.fetch_sub(1, std::memory_order_release); }
+  void TaskEnded() override;
   void LargeFetchEnded(const IAsyncObj* task) override;
 
  private:
@@ -144,6 +147,10 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   void ClearIndexNoLock() REQUIRES(index_lock_);
   // After the file vanished: forgets every settled sector and every slot.
   void DropLostSlotsNoLock() REQUIRES(index_lock_);
+  // Wakes the readers waiting for sectors: called after every change of the
+  // index that can end a wait (a sector filled, a reservation dropped, an
+  // entry removed).
+  void IndexChangedNoLock() REQUIRES(index_lock_);
 
   // Opens the stream on demand. When the file has vanished behind the
   // cache's back the index is dropped first, taking index_lock_ unless the
@@ -170,6 +177,15 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
 
   Mutex index_lock_;
   Mutex file_lock_ ACQUIRED_AFTER(index_lock_);
+  // Readers sleep on index_changed_; index_generation_ counts the changes,
+  // so that one made between a reader's check and its wait is not missed.
+  std::condition_variable_any index_changed_;
+  uint64_t index_generation_ GUARDED_BY(index_lock_) = 0;
+  // Close sleeps on tasks_done_ until read_ahead_count_ is 0. The last
+  // thing a task does to this cache is to notify under tasks_lock_, which
+  // Close takes before it returns.
+  Mutex tasks_lock_ ACQUIRED_AFTER(file_lock_);
+  std::condition_variable_any tasks_done_;
 
   const std::string cache_dir_;
   mutable Mutex name_lock_;

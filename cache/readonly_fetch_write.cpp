@@ -95,6 +95,7 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
       }
     }
     sector.reserved = false;
+    IndexChangedNoLock();
     data += chunk;
     total += chunk;
     length -= static_cast<long>(chunk);

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <map>
 #include <string>
-#include <thread>
 
 #include "cache/fetch_tasks.h"
 #include "cache/logging.h"
@@ -23,7 +22,8 @@ namespace {
 // sequential reads turn into few large origin requests.
 constexpr long long kMinimumFetch = 1048576;
 
-// Readers poll for their sectors; there is no condition variable to wait on.
+// A waiting reader wakes when the index changes, and at least this often to
+// see whether its handle was closed or its time is up.
 constexpr auto kPollInterval = std::chrono::milliseconds(10);
 
 // The client closes the handle with a relaxed atomic store while we poll;
@@ -88,6 +88,7 @@ unsigned int ReadonlyCache::Read(_READDATA* rd) {
     SteadyTime waiting_since = SteadyNow();
     for (;;) {
       index.lock();
+      const uint64_t generation = index_generation_;
       long long stopped_at = start;
       bool missing = false;
       // Ready: keep index_lock_ through the copy so eviction cannot move a
@@ -132,7 +133,9 @@ unsigned int ReadonlyCache::Read(_READDATA* rd) {
         ClearReserved(rd->offset, static_cast<long long>(rd->size));
         return kErrRead;
       }
-      std::this_thread::sleep_for(kPollInterval);
+      index.lock();
+      if (index_generation_ == generation) index_changed_.wait_for(index, kPollInterval);
+      index.unlock();
     }
   } else {
     index.lock();

@@ -31,6 +31,7 @@ void ReadonlyCache::ClearReservedNoLock(long long offset, long long length) {
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Clear reserved blocks %lld to %lld(%lld bytes)",
            GetFileName().c_str(), offset, offset + length, length);
   index_.ClearReserved(offset, length);
+  IndexChangedNoLock();
 }
 
 void ReadonlyCache::ForgetReserved(long long offset, long long length, IndexLock lock) {

@@ -48,6 +48,7 @@ void ReadonlyCache::ClearOldCache(bool over_quota) {
   // Opening the stream finds the file deleted behind our back, if it was,
   // and drops the sectors whose slots went with it: Drop skips those.
   for (long long offset : selected) index_.Drop(offset);
+  IndexChangedNoLock();
   const long long old_size = FileLength(true);
   index_.SortFreeSlots();
 
