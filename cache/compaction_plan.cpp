@@ -23,10 +23,12 @@ std::vector<SlotMove> PlanSlotMoves(std::vector<_SECTOR_USING> kept, std::deque<
 
 long long CutFreeTail(std::deque<long long>* free_slots, long long length) {
   std::sort(free_slots->begin(), free_slots->end(), std::greater<long long>());
-  while (!free_slots->empty() && free_slots->front() + kSectorSize == length) {
-    length = free_slots->front();
+  // The last slot may hold fewer bytes than a whole slot.
+  long long end = RoundUpToSlot(length);
+  while (!free_slots->empty() && free_slots->front() + kSectorSize == end) {
+    end = free_slots->front();
     free_slots->pop_front();
   }
   std::sort(free_slots->begin(), free_slots->end());
-  return length;
+  return std::min(end, length);
 }

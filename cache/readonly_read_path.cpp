@@ -36,11 +36,18 @@ bool HandleClosed(const std::shared_ptr<_FS_HANDLE>& handle) {
 
 unsigned int ReadonlyCache::Read(_READDATA* rd) {
   if (rd == nullptr) return kErrInvalidArgument;
-  std::shared_ptr<FILE> stream = OpenStream(false);
-  if (!stream) return kErrRead;
   const std::string tag = GetFileName();
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Read : %p, %lld, %d", tag.c_str(),
            static_cast<void*>(rd->buffer), rd->offset, static_cast<int>(rd->size));
+  // Reported as the failed seek such a range would be; a negative origin
+  // size would have the fetcher asked for a negative range.
+  if (!ValidRange(rd->offset, rd->size) || (rd->fetch != nullptr && rd->file_size < 0)) {
+    KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Read failed : %s", tag.c_str(), strerror(EINVAL));
+    return kErrFileRead;
+  }
+  if (rd->buffer == nullptr && rd->size > 0) return kErrInvalidArgument;
+  std::shared_ptr<FILE> stream = OpenStream(false);
+  if (!stream) return kErrRead;
   const _CACHECONFIG conf = GetConfig();
   const long long start = SectorOf(rd->offset);
   const long long end_of_read = rd->offset + static_cast<long long>(rd->size);
@@ -68,8 +75,9 @@ unsigned int ReadonlyCache::Read(_READDATA* rd) {
       }
     } else {
       int read_ahead = CheckReadAhead(rd);
-      long long end = std::min(rd->offset + std::max(static_cast<long long>(rd->size), kMinimumFetch),
-                               rd->file_size);
+      const long long wanted = std::max(static_cast<long long>(rd->size), kMinimumFetch);
+      const long long end = rd->offset >= rd->file_size ? rd->offset
+                                                        : rd->offset + std::min(wanted, rd->file_size - rd->offset);
       int result = QueueEmptySectors(start, end, rd->fetch, rd->handle);
       if (result == kOk) {
         queued = read_ahead == static_cast<int>(kFetchQueued) ? Queued::kReadAhead : Queued::kNothing;

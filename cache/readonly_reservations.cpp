@@ -1,5 +1,6 @@
 // Reservations of ReadonlyCache: marking the sectors whose bytes are on
 // their way, and forgetting those that did not come.
+#include <algorithm>
 #include <string>
 
 #include "cache/logging.h"
@@ -16,7 +17,10 @@ unsigned int ReadonlyCache::ReserveNoLock(long long offset, long long length) {
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Reserved blocks %lld to %lld(%lld bytes)", tag.c_str(), offset,
            offset + length, length);
   if (offset % kSectorSize != 0) return kErrUnaligned;
-  const int count = index_.Reserve(offset, length, SteadyNow());
+  // Nothing is reserved outside the origin: a range past its end would only
+  // fill the index with sectors no fetch ever settles.
+  if (offset < 0 || length <= 0 || offset >= origin_size_) return kNothingReserved;
+  const int count = index_.Reserve(offset, std::min(length, origin_size_ - offset), SteadyNow());
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] %d blocks reserved", tag.c_str(), count);
   return count == 0 ? kNothingReserved : kOk;
 }

@@ -58,7 +58,7 @@ void ReadonlyCache::ClearOldCache(bool over_quota) {
     // leaves that slot unreliable, so it is not used again.
     const _SECTOR& sector = *index_.Find(move.offset);
     MutexLock file(file_lock_);
-    if (!CopySlot(stream.get(), move.from, move.to, sector.size, &buffer)) {
+    if (!CopySlot(stream.get(), move.from, move.to, sector.reserved ? sector.filled : sector.size, &buffer)) {
       // The sector stays where it was; its old slot still holds its bytes.
       clearerr(stream.get());
       index_.RetireLowestFreeSlot();

@@ -1,5 +1,7 @@
 #include "cache/sector_index.h"
 
+#include <climits>
+
 #include <algorithm>
 #include <chrono>
 
@@ -16,6 +18,7 @@ _SECTOR& SectorIndex::Enter(long long sector, long long slot, long long size, bo
   entry.size = size;
   entry.hits = 0;
   entry.reserved = reserved;
+  entry.filled = 0;
   entry.access_time = now;
   return entry;
 }
@@ -43,14 +46,19 @@ int SectorIndex::Reserve(long long offset, long long length, SteadyTime now) {
 }
 
 void SectorIndex::ClearReserved(long long offset, long long length) {
-  if (length <= 0) return;
-  const long long steps = (length + kSectorSize - 1) / kSectorSize;
-  long long s = SectorOf(offset);
-  for (long long i = 0; i < steps; ++i, s += kSectorSize) {
-    auto it = sectors_.find(s);
-    if (it == sectors_.end() || !it->second.reserved) continue;
+  if (length <= 0 || offset < 0) return;
+  // Only the entries that exist are visited: a huge length costs no more
+  // than the index holds.
+  const long long first = SectorOf(offset);
+  const long long steps = length / kSectorSize + (length % kSectorSize != 0 ? 1 : 0);
+  const long long end = steps > (LLONG_MAX - first) / kSectorSize ? LLONG_MAX : first + steps * kSectorSize;
+  for (auto it = sectors_.lower_bound(first); it != sectors_.end() && it->first < end;) {
+    if (!it->second.reserved) {
+      ++it;
+      continue;
+    }
     if (it->second.cache_offset != -1) empty_sectors_.push_back(it->second.cache_offset);
-    sectors_.erase(it);
+    it = sectors_.erase(it);
   }
 }
 

@@ -18,6 +18,7 @@ struct _SECTOR {
   long long size = 0;          // valid data bytes in the slot
   long long hits = 0;          // reads served since the sector was last queued
   bool reserved = false;       // data on the way; readers wait while set
+  long long filled = 0;        // while reserved: bytes stored from the slot start, without a gap
   SteadyTime access_time{};    // last read, or the reservation
 };
 

@@ -50,13 +50,6 @@ std::string FreePath(const std::string& dir, const std::string& name) {
   }
 }
 
-// A request must lie within [0, LLONG_MAX]: a negative offset, or a size that
-// runs past the largest offset, cannot be seeked to and would overflow the
-// sector arithmetic.
-bool ValidRange(long long offset, unsigned long long size) {
-  return offset >= 0 && size <= static_cast<unsigned long long>(LLONG_MAX - offset);
-}
-
 }  // namespace
 
 WritableCache::WritableCache(std::string cache_dir, std::string name, long long size, IFetch*,
