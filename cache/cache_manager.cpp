@@ -7,16 +7,19 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <fstream>
 #include <vector>
 
 #include "cache/cache_obj.h"
 #include "cache/default_settings.h"
+#include "cache/file_names.h"
 #include "cache/logging.h"
 #include "cache/number_text.h"
 #include "common/platform.h"
 #include "common/process.h"
 #include "common/split.h"
 #include "common/ini.h"
+#include "common/file_io.h"
 
 namespace {
 
@@ -45,6 +48,27 @@ const Setting kSettings[] = {
     {"clroverunused", "/cache/clear/over/unusedblock", "clear_unused_block_when_quota_exceed",
      &_CACHECONFIG::clroverunused, kDefaultCacheConfig.clroverunused},
 };
+
+// True when the [CACHE] section of `file` gives `key` a value. Lines are
+// read in pieces of at most 2047 bytes, so any value fits the buffer.
+bool HasSetting(const std::string& file, const char* key) {
+  std::vector<char> value(2048);
+  return GetPrivateProfileString("CACHE", key, "", value.data(), static_cast<int>(value.size()), file) > 0;
+}
+
+// Sector cache files are named afresh by every object and never reopened:
+// any found when a manager starts were left by one that was not shut down
+// (a crash, a kill) and would only count against the limit for good.
+void RemoveLeftoverSectorFiles(const std::string& dir) {
+  DIR* listing = opendir(dir.c_str());
+  if (listing == nullptr) return;
+  int removed = 0;
+  while (dirent* entry = readdir(listing)) {
+    if (IsSectorCacheFileName(entry->d_name) && CacheFileIo().Remove(dir + entry->d_name) == 0) ++removed;
+  }
+  closedir(listing);
+  if (removed > 0) KORV_LOG(LOGLEVEL_WARNING, "[CACHE     ] %d cache file(s) of an earlier run removed", removed);
+}
 
 // Creates every component of `path` from the root; the result has a leading
 // and a trailing "/" and no empty components.
@@ -76,16 +100,23 @@ Cache::Cache(const char* path, unsigned long long limit) : limit_(static_cast<lo
   if (limit_.load() < kMinimumLimit) limit_.store(kMinimumLimit);
   used_bytes_.exchange(0);
   path_ = MakeDirectories(path != nullptr ? path : "");
+  RemoveLeftoverSectorFiles(path_);
   AdjustLimit();
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] %s",
            ("Cache initialized : " + path_ + ", Storage limit : " + LocaleNumber(limit_.load()) + " bytes").c_str());
 
   const std::string settings_file = GetResourcePath() + "/" + "korv.ini";
+  const bool settings_readable = std::ifstream(settings_file).good();
   for (const Setting& setting : kSettings) {
     // With a readable file a missing key reads as 0: the default applies
-    // only when the file cannot be opened.
+    // only when the file cannot be opened. A 0 that nobody wrote can stop
+    // the cache (a read time-out of 0 fails every read), so it is reported.
     unsigned int value = GetPrivateProfileInt("CACHE", setting.ini_key,
                                               static_cast<unsigned int>(setting.default_value), settings_file);
+    if (settings_readable && !HasSetting(settings_file, setting.ini_key)) {
+      KORV_LOG(LOGLEVEL_WARNING, "[CACHE     ] %s has no key %s in [CACHE]: it reads as 0", settings_file.c_str(),
+               setting.ini_key);
+    }
     registry_.AddConfiguration(setting.name, setting.json_path, value);
   }
   ApplyConfig();

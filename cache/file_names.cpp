@@ -2,9 +2,11 @@
 
 #include <sys/stat.h>
 
+#include <cctype>
 #include <vector>
 
 #include "common/file_io.h"
+#include "common/process.h"
 #include "common/split.h"
 
 bool IsFileOrDirectory(const std::string& path) {
@@ -14,4 +16,23 @@ bool IsFileOrDirectory(const std::string& path) {
 std::string TagFromName(const std::string& name) {
   std::vector<std::string> parts = split(name, ':');
   return parts.size() >= 2 ? parts[1] : name;
+}
+
+namespace {
+constexpr size_t kUuidLength = 36;
+constexpr char kSectorCacheSuffix[] = ".cache";
+}  // namespace
+
+std::string NewSectorCacheFileName() { return NewUUID() + kSectorCacheSuffix; }
+
+bool IsSectorCacheFileName(const std::string& name) {
+  const std::string suffix = kSectorCacheSuffix;
+  if (name.size() != kUuidLength + suffix.size() || name.compare(kUuidLength, suffix.size(), suffix) != 0) {
+    return false;
+  }
+  for (size_t i = 0; i < kUuidLength; ++i) {
+    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+    if (dash ? name[i] != '-' : !std::isxdigit(static_cast<unsigned char>(name[i]))) return false;
+  }
+  return true;
 }

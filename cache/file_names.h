@@ -9,3 +9,9 @@ bool IsFileOrDirectory(const std::string& path);
 // The log tag of an origin name: names of the form "drive:path:..." are
 // shown by their middle part; any other name as it is.
 std::string TagFromName(const std::string& name);
+
+// The name a sector cache file gets: a fresh UUID and ".cache".
+std::string NewSectorCacheFileName();
+
+// True for names of that form (without a directory).
+bool IsSectorCacheFileName(const std::string& name);

@@ -22,7 +22,7 @@ namespace {
 std::string NewCachePath(const std::string& cache_dir) {
   std::string path;
   do {
-    path = cache_dir + NewUUID() + ".cache";
+    path = cache_dir + NewSectorCacheFileName();
   } while (IsFileOrDirectory(path));
   return path;
 }
@@ -174,10 +174,12 @@ unsigned int ReadonlyCache::Close(bool remove) {
 
   MutexLock guard(index_lock_);
   if (!delete_on_close_.load(std::memory_order_relaxed)) return kOk;
-  // A stream closed for idleness means the file is kept on disk.
-  if (!handle_.IsValidHandle()) return kErrNotOpen;
+  // A stream closed for idleness is reported, but its file goes all the
+  // same: nothing would ever open a file of this name again, and left
+  // behind it would count against the directory's limit for good.
+  const bool was_open = handle_.IsValidHandle();
   handle_.Close();
   ClearIndexNoLock();
-  CacheFileIo().Remove(cache_path_);
-  return kOk;
+  if (file_created_.load(std::memory_order_relaxed)) CacheFileIo().Remove(cache_path_);
+  return was_open ? kOk : kErrNotOpen;
 }

@@ -1,10 +1,11 @@
 // The read-only form of a cache file: a sparse local copy of one remote file.
 //
 // The cache file is a headerless run of 512 KiB slots. Each cached sector of
-// the origin occupies one whole slot (a short last sector is zero padded);
-// slots are handed out in fetch order, so which origin sector lies where is
-// known only from the in-memory index (SectorIndex). An instance never reopens
-// a file it did not create: it starts empty with a fresh UUID-named file and
+// the origin has one slot, which holds only the bytes that arrived (the rest
+// of a short sector's slot is a hole, or the file ends there); slots are
+// handed out in fetch order, so which origin sector lies where is known only
+// from the in-memory index (SectorIndex). An instance starts empty with a
+// fresh UUID-named file, or with a writable cache's file it takes over, and
 // deletes it when closed.
 //
 // The parts: the index of sectors and free slots (SectorIndex), the
@@ -48,8 +49,8 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   // Takes over the open local file of `source` without copying a byte: every
   // sector of its physical length becomes present at its own offset. The
   // source is left without a stream (its Close and destructor then keep the
-  // file). This cache has no path of its own: its Close(true) deletes
-  // nothing, and once its stream is closed for idleness it cannot reopen.
+  // file); the file is this cache's from now on, reopened after an idle
+  // close and deleted by Close(true).
   // REQUIRES: nothing else runs on `source` meanwhile.
   ReadonlyCache(WritableCache* source, ICacheConfig* config);
   // Waits for every fetch task of this cache, then deletes its file.
@@ -78,8 +79,8 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   // Forgets the sectors of the range that are still reserved. Returns kOk.
   unsigned int ClearReserved(long long offset, long long length) override;
   // Waits for running fetch tasks; with `remove` deletes the file and the
-  // index. Returns: kOk, kErrNotOpen (remove requested but the stream was
-  // closed for idleness: the file then stays on disk).
+  // index. Returns: kOk, kErrNotOpen (remove requested but the stream had
+  // been closed for idleness; the file is deleted all the same).
   unsigned int Close(bool remove) override;
   // Returns: kErrReadOnly, always.
   unsigned int Truncate(long long size) override;

@@ -9,13 +9,14 @@
 ReadonlyCache::ReadonlyCache(WritableCache* source, ICacheConfig* config)
     : cache_dir_(source->GetCacheDir()),
       file_name_(source->GetFileName()),
-      cache_path_(),
-      handle_(file_name_),
+      cache_path_(source->GetCachePath()),
+      handle_(cache_path_),
       origin_size_(source->GetFileSize()),
       config_(config),
       read_ahead_policy_(ReadAheadFor(config)) {
   // The local file is laid out like the file itself: sector s sits at s.
   handle_ = source->ReleaseStream();
+  file_created_.store(true, std::memory_order_relaxed);
   const SteadyTime now = SteadyNow();
   long long remaining = origin_size_;
   for (long long s = 0; remaining > 0; s += kSectorSize) {

@@ -146,7 +146,10 @@ class IAsyncQueue {
   // Never called by the library; keeps Enqueue in the second slot.
   virtual void Reserved() {}
   // Called with the library's queue lock held: must not call back into the
-  // library's queueing.
+  // library's queueing. Nor may it run or cancel `work` before it returns:
+  // Enqueue can be called with the cache's own index lock held, which
+  // `work`'s Process and Canceled take, so either would deadlock. A queue
+  // that refuses work calls Canceled later, from another thread.
   virtual void Enqueue(IAsyncObj* work, void* param) = 0;
 
  protected:
