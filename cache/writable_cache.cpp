@@ -58,6 +58,7 @@ WritableCache::WritableCache(std::string cache_dir, std::string name, long long 
       file_name_(TagFromName(name)),
       cache_path_(FreePath(cache_dir_, file_name_)),
       file_size_(size),
+      origin_end_(size),
       config_(config) {
   fp_ = CacheFileIo().Open(cache_path_, "w+");
   if (fp_ == nullptr) {
@@ -102,7 +103,7 @@ void WritableCache::GrowToPhysicalLength() {
   }
 }
 
-void WritableCache::FetchEmptySectors(const std::vector<long long>& sectors, IFetch* fetch,
+bool WritableCache::FetchEmptySectors(const std::vector<long long>& sectors, IFetch* fetch,
                                       const std::shared_ptr<_FS_HANDLE>& handle) {
   // Adjacent holes become one origin request. Runs never overlap, so the only
   // run that can end at s is the one starting last before it.
@@ -120,14 +121,23 @@ void WritableCache::FetchEmptySectors(const std::vector<long long>& sectors, IFe
   }
   // A failed run leaves its holes in place; Process has logged it, and the
   // other runs are still worth fetching.
+  bool complete = true;
   for (const auto& run : runs) {
     fetching_from_ = run.first;
     fetching_to_ = run.first + run.second;
+    fetched_to_ = run.first;
     SyncFetchForWritableCache task(this, fetch, run.first, run.second, handle);
     task.Process();
+    // A sector is filled when its bytes arrived up to its end, or up to the
+    // end of the origin's bytes; whatever came after a gap does not count.
+    const long long filled_to = fetched_to_ >= origin_end_ ? fetching_to_ : SectorOf(fetched_to_);
+    EraseHoles(run.first, filled_to);
+    complete = complete && filled_to >= fetching_to_;
   }
   fetching_from_ = -1;
   fetching_to_ = -1;
+  fetched_to_ = -1;
+  return complete;
 }
 
 unsigned int WritableCache::Read(_READDATA* rd) {
@@ -151,7 +161,11 @@ unsigned int WritableCache::Read(_READDATA* rd) {
       // Holes the read covers whole are fetched too: the local file has
       // nothing there but zeros.
       std::vector<long long> holes = HolesIn(SectorOf(rd->offset), end);
-      if (!holes.empty()) FetchEmptySectors(holes, rd->fetch, rd->handle);
+      if (!holes.empty() && !FetchEmptySectors(holes, rd->fetch, rd->handle)) {
+        KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Read failed : the origin's bytes could not be fetched",
+                 tag.c_str());
+        return kErrRead;
+      }
     }
   }
 
@@ -202,26 +216,31 @@ unsigned int WritableCache::Write(_WRITEDATA* wd) {
   const long long offset = wd->offset;
   const long long end = offset + static_cast<long long>(wd->size);
 
+  // Held through the write and the erasing of its holes: a read that found
+  // a hole here in between would fetch it over the bytes just written.
+  MutexLock index_guard(index_lock_);
   // A write of the whole file leaves nothing of the origin's worth keeping.
   const bool whole_file = offset == 0 && end == wd->file_size;
   if (wd->fetch != nullptr && !whole_file) {
-    MutexLock guard(index_lock_);
-    if (offset < file_size_.load(std::memory_order_relaxed)) {
-      // Only the sectors the write covers in part need their origin bytes.
-      // The tail is the sector of the end offset, not of the last byte
-      // written: a write ending on a sector boundary also fetches the sector
-      // that starts there. That costs one sector but is how every build of
-      // this cache has behaved, so it stays.
-      const long long head = SectorOf(offset);
-      const long long tail = SectorOf(end);
-      auto partly_covered = [&](long long s) REQUIRES(index_lock_) {
-        return std::binary_search(empty_sectors_.begin(), empty_sectors_.end(), s) &&
-               !(offset <= s && end >= s + kSectorSize);
-      };
-      std::vector<long long> holes;
-      if (partly_covered(head)) holes.push_back(head);
-      if (tail != head && partly_covered(tail)) holes.push_back(tail);
-      if (!holes.empty()) FetchEmptySectors(holes, wd->fetch, wd->handle);
+    // Only the sectors the write covers in part need their origin bytes,
+    // also when the write starts at or past the end of the file inside one:
+    // the bytes before it are the origin's. The tail is the sector of the
+    // end offset, not of the last byte written: a write ending on a sector
+    // boundary also fetches the sector that starts there. That costs one
+    // sector but is how every build of this cache has behaved, so it stays.
+    const long long head = SectorOf(offset);
+    const long long tail = SectorOf(end);
+    auto partly_covered = [&](long long s) REQUIRES(index_lock_) {
+      return std::binary_search(empty_sectors_.begin(), empty_sectors_.end(), s) &&
+             !(offset <= s && end >= s + kSectorSize);
+    };
+    std::vector<long long> holes;
+    if (partly_covered(head)) holes.push_back(head);
+    if (tail != head && partly_covered(tail)) holes.push_back(tail);
+    if (!holes.empty() && !FetchEmptySectors(holes, wd->fetch, wd->handle)) {
+      KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Write failed : the origin's bytes could not be fetched",
+               tag.c_str());
+      return kErrRead;
     }
   }
 
@@ -251,11 +270,7 @@ unsigned int WritableCache::Write(_WRITEDATA* wd) {
     return kErrFileWrite;
   }
   wd->transferred = count;
-
-  {
-    MutexLock guard(index_lock_);
-    EraseHoles(SectorOf(offset), end);
-  }
+  EraseHoles(SectorOf(offset), end);
   GrowToPhysicalLength();
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Write done : %p, %lld, %d/%d", tag.c_str(),
            static_cast<const void*>(wd->buffer), offset, static_cast<int>(wd->size),
@@ -275,7 +290,7 @@ int WritableCache::FetchWrite(long long offset, const char* data, long length, l
   // would land where the local file may hold the client's own writes.
   if (fetching_to_ >= 0) {
     const long long from = std::max(offset, fetching_from_);
-    const long long to = std::min(offset + static_cast<long long>(length), fetching_to_);
+    const long long to = std::min({offset + static_cast<long long>(length), fetching_to_, origin_end_});
     if (from >= to) {
       if (written != nullptr) *written = 0;
       return static_cast<int>(kOk);
@@ -311,10 +326,11 @@ int WritableCache::FetchWrite(long long offset, const char* data, long length, l
   if (written != nullptr) *written = static_cast<long>(count);
   GrowToPhysicalLength();
   // No lock of our own: the thread that started this fetch holds index_lock_
-  // for its whole length. Only the hole starting exactly here is cleared; a
-  // delivery spanning several sectors clears just its first.
-  auto hole = std::lower_bound(empty_sectors_.begin(), empty_sectors_.end(), offset);
-  if (hole != empty_sectors_.end() && *hole == offset) empty_sectors_.erase(hole);
+  // for its whole length. The holes are erased when the run ends, for the
+  // sectors whose bytes all arrived (FetchEmptySectors).
+  if (fetching_to_ >= 0 && offset <= fetched_to_) {
+    fetched_to_ = std::max(fetched_to_, offset + static_cast<long long>(length));
+  }
   return static_cast<int>(kOk);
 }
 
@@ -328,7 +344,9 @@ unsigned int WritableCache::FillEmptySectors(IFetch* fetch) {
   if (!empty_sectors_.empty()) {
     // A copy: the deliveries erase from the list while it is walked.
     std::vector<long long> holes(empty_sectors_.begin(), empty_sectors_.end());
-    FetchEmptySectors(holes, fetch, handle);
+    // Reported, so that a caller about to upload or convert the file knows
+    // it does not hold the origin's bytes everywhere.
+    if (!FetchEmptySectors(holes, fetch, handle)) return kErrRead;
   }
   return kOk;
 }
@@ -344,6 +362,7 @@ unsigned int WritableCache::Truncate(long long length) {
     }
   }
   const long long old_size = file_size_.load(std::memory_order_relaxed);
+  origin_end_ = std::min(origin_end_, length);
   // The sector holding the new end keeps its hole: its first bytes are still
   // the origin's.
   if (old_size > length) EraseHoles(SectorOf(length) + kSectorSize, old_size);

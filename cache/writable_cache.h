@@ -45,19 +45,23 @@ class WritableCache : public ICacheFile, public IFetchCallback {
 
   // Fetches every hole the range touches (with the request's fetcher, when it
   // has one and the offset is below the logical size), then reads the local
-  // file. A short count at the end of the local file is success; a failed
-  // fetch leaves whatever the local file holds there.
+  // file. A short count at the end of the local file is success. A hole that
+  // could not be fetched fails the read: the local file has only zeros there.
   // Returns: kOk, kErrInvalidArgument (no request, no buffer), kErrRead (no
-  // stream, read failed), kErrFileRead (seek failed, negative range).
+  // stream, read failed, a hole not fetched), kErrFileRead (seek failed,
+  // negative range).
   unsigned int Read(_READDATA* request) override;
   // Fetches the holes at the write's head sector and at the sector of its end
-  // offset unless the write covers them whole, then writes. Nothing is
-  // fetched without a fetcher, for a write of the whole file (offset 0 and
-  // end equal to the request's file_size), or at or past the logical size.
-  // Every sector the write touches stops being a hole; the logical size grows
-  // to the physical length.
-  // Returns: kOk, kErrInvalidArgument, kErrFileWrite (no stream, seek or
-  // write failed, negative range).
+  // offset unless the write covers them whole, then writes; also when the
+  // write starts at or past the logical size inside a hole, whose bytes
+  // before the write are still the origin's. Nothing is fetched without a
+  // fetcher or for a write of the whole file (offset 0 and end equal to the
+  // request's file_size). Every sector the write touches stops being a hole;
+  // the logical size grows to the physical length. The whole call holds
+  // index_lock_, so no read fetches a hole between the write and its erasing.
+  // Returns: kOk, kErrInvalidArgument, kErrRead (a hole the write needs
+  // could not be fetched: nothing is written), kErrFileWrite (no stream,
+  // seek or write failed, negative range).
   unsigned int Write(_WRITEDATA* request) override;
   // No reservations in a whole-file cache. Return kOk.
   unsigned int Reserve(long long, long long) override { return kOk; }
@@ -87,8 +91,8 @@ class WritableCache : public ICacheFile, public IFetchCallback {
   long long GetLargestEmptyOffset(long long) override { return -1; }
   // Fetches every remaining hole, in runs of adjacent sectors, under a handle
   // of the cache's own (type 2, state 1, info from fetch->HandleInfo).
-  // Returns: kOk whatever the fetches gave; kErrInvalidArgument for a null
-  // fetcher.
+  // Returns: kOk, kErrRead (some hole could not be fetched),
+  // kErrInvalidArgument for a null fetcher.
   unsigned int FillEmptySectors(IFetch* fetch) override;
   // Replaces the log tag only; the local file keeps its path.
   void ChangeFileName(std::string new_name) override;
@@ -114,8 +118,10 @@ class WritableCache : public ICacheFile, public IFetchCallback {
 
  private:
   // Fetches `sectors` (hole starts, ascending) in runs of adjacent sectors.
-  // A failed run is logged and the next one tried.
-  void FetchEmptySectors(const std::vector<long long>& sectors, IFetch* fetch,
+  // A failed run is logged and the next one tried. A hole is filled only
+  // when every origin byte of its sector arrived. Returns false when any
+  // hole of `sectors` is left.
+  bool FetchEmptySectors(const std::vector<long long>& sectors, IFetch* fetch,
                          const std::shared_ptr<_FS_HANDLE>& handle) REQUIRES(index_lock_);
   // The holes in [from, to).
   std::vector<long long> HolesIn(long long from, long long to) const REQUIRES(index_lock_);
@@ -147,6 +153,11 @@ class WritableCache : public ICacheFile, public IFetchCallback {
   // index_lock_, held by the thread whose fetch delivers.
   long long fetching_from_ GUARDED_BY(index_lock_) = -1;
   long long fetching_to_ GUARDED_BY(index_lock_) = -1;
+  // How far the run has arrived without a gap, from fetching_from_ on.
+  long long fetched_to_ GUARDED_BY(index_lock_) = -1;
+  // Where the origin's bytes end: the declared size, lowered by Truncate.
+  // Fetched bytes past it are not stored (they would grow a cut file back).
+  long long origin_end_ GUARDED_BY(index_lock_);
 
   ICacheConfig* const config_;
 };
