@@ -228,16 +228,21 @@ std::unordered_map<std::string, std::shared_ptr<CacheObj>> Cache::CopyObjects() 
 
 std::shared_ptr<ICacheObj> Cache::Open(const char* name, char mode, long long size, IFetch* fetch) {
   if (name == nullptr) throw static_cast<AERROR>(kErrInvalidArgument);
-  MutexLock guard(objects_lock_);
-  auto it = objects_.find(name);
-  if (it == objects_.end()) {
-    // Names that share their last component share one cache file name.
-    std::vector<std::string> pieces = split(name, '/');
-    if (pieces.empty() || pieces.back().empty()) throw static_cast<AERROR>(kErrInvalidArgument);
-    auto object = std::make_shared<CacheObj>(path_, pieces.back(), mode, size, fetch, link_.get(), name, link_);
-    it = objects_.emplace(name, std::move(object)).first;
+  std::shared_ptr<CacheObj> object;
+  {
+    MutexLock guard(objects_lock_);
+    auto it = objects_.find(name);
+    if (it == objects_.end()) {
+      // Names that share their last component share one cache file name.
+      std::vector<std::string> pieces = split(name, '/');
+      if (pieces.empty() || pieces.back().empty()) throw static_cast<AERROR>(kErrInvalidArgument);
+      auto created = std::make_shared<CacheObj>(path_, pieces.back(), mode, size, fetch, link_.get(), name, link_);
+      it = objects_.emplace(name, std::move(created)).first;
+    }
+    object = it->second;
   }
-  std::shared_ptr<CacheObj> object = it->second;
+  // Outside the table's lock: the switch drops the read-only file, which
+  // waits for its fetch tasks, and must not hold up the opening of others.
   if (mode == 'w' && object->IsReadOnly()) {
     KORV_LOG(LOGLEVEL_WARNING, "[CACHE     ] Cache found for %s but read-only. Convert to writable cache forcefully.",
              name);
@@ -248,26 +253,42 @@ std::shared_ptr<ICacheObj> Cache::Open(const char* name, char mode, long long si
 
 unsigned int Cache::Close(const char* name) {
   if (name == nullptr) return kOk;
+  // Released after the table's lock: the last reference's destruction
+  // waits for the file's fetch tasks, which must not hold up other files.
+  std::shared_ptr<CacheObj> closing;
   MutexLock guard(objects_lock_);
-  if (objects_.erase(name) > 0) KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Close cache : %s", name);
+  auto it = objects_.find(name);
+  if (it != objects_.end()) {
+    closing = std::move(it->second);
+    objects_.erase(it);
+    KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Close cache : %s", name);
+  }
   return kOk;
 }
 
 unsigned int Cache::Rehash(const char* old_name, const char* new_name, const char* new_file_name) {
   if (old_name == nullptr || new_name == nullptr) return kErrNotOpen;
-  MutexLock guard(objects_lock_);
-  auto old_entry = objects_.find(old_name);
-  if (old_entry == objects_.end()) return kErrNotOpen;
-  std::shared_ptr<CacheObj> object = old_entry->second;
-  objects_.erase(old_entry);
-  auto taken = objects_.find(new_name);
-  if (taken != objects_.end()) {
-    taken->second->Close(true);
-    objects_.erase(taken);
+  std::shared_ptr<CacheObj> object;
+  std::shared_ptr<CacheObj> replaced;
+  {
+    MutexLock guard(objects_lock_);
+    auto old_entry = objects_.find(old_name);
+    if (old_entry == objects_.end()) return kErrNotOpen;
+    object = old_entry->second;
+    objects_.erase(old_entry);
+    auto taken = objects_.find(new_name);
+    if (taken != objects_.end()) {
+      replaced = std::move(taken->second);
+      objects_.erase(taken);
+    }
+    objects_[new_name] = object;
+    KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Rehash cache : %s to %s", old_name, new_name);
   }
+  // Outside the table's lock: closing the replaced file waits for its fetch
+  // tasks, and the renamed object's lock may be held by a long call; neither
+  // may hold up the other files.
+  if (replaced) replaced->Close(true);
   object->SetHashIndex(new_name);
-  objects_[new_name] = object;
-  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Rehash cache : %s to %s", old_name, new_name);
   object->ChangeFileName(new_file_name != nullptr ? new_file_name : "");
   return kOk;
 }

@@ -58,6 +58,10 @@ unsigned int CacheObj::SetMode(char mode, long long size, IFetch* fetch) {
     KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] %s : Invalid cache mode", "SetMode");
     return kErrInvalidMode;
   }
+  // Declared before the lock, so released after it: the old file's
+  // destruction waits for its fetch tasks, which must not hold up the
+  // threads that only look at this object.
+  std::shared_ptr<ICacheFile> old_file;
   MutexLock guard(lock_);
   if (!file_) {
     KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] %s : Cache was not created. Create new cache for %s", "SetMode",
@@ -74,28 +78,33 @@ unsigned int CacheObj::SetMode(char mode, long long size, IFetch* fetch) {
   }
   // The old file goes when its last reference does, possibly after a read
   // running on another thread has finished with it.
+  old_file = file_;
   CreateFile(mode, size, fetch);
   return kOk;
 }
 
+// These run on a reference to the current file, as reads and writes do, not
+// under the object's lock: a call that waits for the origin (a fetch of the
+// holes, a cut behind a hung read) must not hold up the quota thread or the
+// manager on this object.
 unsigned int CacheObj::Reserve(long long offset, long long length) {
-  MutexLock guard(lock_);
-  return file_ ? file_->Reserve(offset, length) : kErrInvalidArgument;
+  std::shared_ptr<ICacheFile> file = CurrentFile();
+  return file ? file->Reserve(offset, length) : kErrInvalidArgument;
 }
 
 unsigned int CacheObj::ClearReserved(long long offset, long long length) {
-  MutexLock guard(lock_);
-  return file_ ? file_->ClearReserved(offset, length) : kErrInvalidArgument;
+  std::shared_ptr<ICacheFile> file = CurrentFile();
+  return file ? file->ClearReserved(offset, length) : kErrInvalidArgument;
 }
 
 unsigned int CacheObj::Truncate(long long size) {
-  MutexLock guard(lock_);
-  return file_ ? file_->Truncate(size) : kErrInvalidArgument;
+  std::shared_ptr<ICacheFile> file = CurrentFile();
+  return file ? file->Truncate(size) : kErrInvalidArgument;
 }
 
 unsigned int CacheObj::FillEmptySectors(IFetch* fetch) {
-  MutexLock guard(lock_);
-  return file_ ? file_->FillEmptySectors(fetch) : kErrInvalidArgument;
+  std::shared_ptr<ICacheFile> file = CurrentFile();
+  return file ? file->FillEmptySectors(fetch) : kErrInvalidArgument;
 }
 
 std::string CacheObj::GetHashIndex() {
@@ -109,11 +118,15 @@ void CacheObj::SetHashIndex(const char* hash_index) {
 }
 
 unsigned int CacheObj::Close(bool force) {
-  MutexLock guard(lock_);
-  if (!file_) return kErrNotOpen;
-  unsigned int result = file_->Close(force);
-  if (force) file_.reset();
-  return result;
+  std::shared_ptr<ICacheFile> file;
+  {
+    MutexLock guard(lock_);
+    if (!file_) return kErrNotOpen;
+    file = file_;
+    if (force) file_.reset();
+  }
+  // Outside the lock: closing waits for the file's fetch tasks.
+  return file->Close(force);
 }
 
 bool CacheObj::IsReadOnly() {
