@@ -1,6 +1,7 @@
 // Runs the benchmarks with the usual console output, then prints the figures
 // that matter side by side: each warm cache read against pread of the same
-// size, and the cold read's fractions of the origin's cap.
+// size, the cold read's fractions of the origin's cap, the cold small reads'
+// latency and the time an idle ReleaseCache takes.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -121,6 +122,14 @@ void PrintSummary(const CollectingReporter& reporter) {
     std::printf("  %-44s %.0f (%.0f ms in all)\n", "reads per pass that waited over 1 ms",
                 reporter.Median(kColdRead, kStalledReads), reporter.Median(kColdRead, kStalledMs));
   }
+  const double median_ms = reporter.Median(kColdSmallRead, kMedianMs);
+  if (median_ms > 0) {
+    std::printf("\nCold 4 KiB reads at scattered sectors, origin answering at once, one reader thread:\n");
+    std::printf("  %-44s %.2f\n", "median latency, ms", median_ms);
+    std::printf("  %-44s %.0f\n", "reads per second", reporter.Median(kColdSmallRead, kReadsPerSecond));
+  }
+  const double release_ms = reporter.Median(kIdleRelease, kReleaseMs);
+  if (release_ms > 0) std::printf("\nReleaseCache of an idle cache: %.2f ms\n", release_ms);
 }
 
 }  // namespace
