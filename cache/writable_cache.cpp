@@ -103,7 +103,7 @@ void WritableCache::GrowToPhysicalLength() {
   }
 }
 
-bool WritableCache::FetchEmptySectors(const std::vector<long long>& sectors, IFetch* fetch,
+unsigned int WritableCache::FetchEmptySectors(const std::vector<long long>& sectors, IFetch* fetch,
                                       const std::shared_ptr<_FS_HANDLE>& handle) {
   // Adjacent holes become one origin request. Runs never overlap, so the only
   // run that can end at s is the one starting last before it.
@@ -122,6 +122,7 @@ bool WritableCache::FetchEmptySectors(const std::vector<long long>& sectors, IFe
   // A failed run leaves its holes in place; Process has logged it, and the
   // other runs are still worth fetching.
   bool complete = true;
+  store_failed_ = false;
   for (const auto& run : runs) {
     fetching_from_ = run.first;
     fetching_to_ = run.first + run.second;
@@ -137,7 +138,8 @@ bool WritableCache::FetchEmptySectors(const std::vector<long long>& sectors, IFe
   fetching_from_ = -1;
   fetching_to_ = -1;
   fetched_to_ = -1;
-  return complete;
+  if (complete) return kOk;
+  return store_failed_ ? kErrFileWrite : kErrRead;
 }
 
 unsigned int WritableCache::Read(_READDATA* rd) {
@@ -161,7 +163,7 @@ unsigned int WritableCache::Read(_READDATA* rd) {
       // Holes the read covers whole are fetched too: the local file has
       // nothing there but zeros.
       std::vector<long long> holes = HolesIn(SectorOf(rd->offset), end);
-      if (!holes.empty() && !FetchEmptySectors(holes, rd->fetch, rd->handle)) {
+      if (!holes.empty() && FetchEmptySectors(holes, rd->fetch, rd->handle) != kOk) {
         KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Read failed : the origin's bytes could not be fetched",
                  tag.c_str());
         return kErrRead;
@@ -237,10 +239,11 @@ unsigned int WritableCache::Write(_WRITEDATA* wd) {
     std::vector<long long> holes;
     if (partly_covered(head)) holes.push_back(head);
     if (tail != head && partly_covered(tail)) holes.push_back(tail);
-    if (!holes.empty() && !FetchEmptySectors(holes, wd->fetch, wd->handle)) {
+    const unsigned int fetched = holes.empty() ? kOk : FetchEmptySectors(holes, wd->fetch, wd->handle);
+    if (fetched != kOk) {
       KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Write failed : the origin's bytes could not be fetched",
                tag.c_str());
-      return kErrRead;
+      return fetched;
     }
   }
 
@@ -321,6 +324,7 @@ int WritableCache::FetchWrite(long long offset, const char* data, long length, l
   }
   if (failed) {
     KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Fetch write failed : %s", tag.c_str(), strerror(error));
+    store_failed_ = true;
     return static_cast<int>(kErrFileWrite);
   }
   if (written != nullptr) *written = static_cast<long>(count);
@@ -342,11 +346,11 @@ unsigned int WritableCache::FillEmptySectors(IFetch* fetch) {
   auto handle = std::make_shared<_FS_HANDLE>(_FS_HANDLE{2, 1, 0, std::string()});
   handle->info = fetch->HandleInfo(handle.get());
   if (!empty_sectors_.empty()) {
-    // A copy: the deliveries erase from the list while it is walked.
+    // A copy: the holes of each run are erased once it has arrived.
     std::vector<long long> holes(empty_sectors_.begin(), empty_sectors_.end());
     // Reported, so that a caller about to upload or convert the file knows
     // it does not hold the origin's bytes everywhere.
-    if (!FetchEmptySectors(holes, fetch, handle)) return kErrRead;
+    return FetchEmptySectors(holes, fetch, handle);
   }
   return kOk;
 }

@@ -59,9 +59,10 @@ class WritableCache : public ICacheFile, public IFetchCallback {
   // request's file_size). Every sector the write touches stops being a hole;
   // the logical size grows to the physical length. The whole call holds
   // index_lock_, so no read fetches a hole between the write and its erasing.
-  // Returns: kOk, kErrInvalidArgument, kErrRead (a hole the write needs
-  // could not be fetched: nothing is written), kErrFileWrite (no stream,
-  // seek or write failed, negative range).
+  // Returns: kOk, kErrInvalidArgument, kErrRead (the origin did not deliver
+  // a hole the write needs: nothing is written), kErrFileWrite (no stream,
+  // seek or write failed, a fetched hole could not be stored, negative
+  // range).
   unsigned int Write(_WRITEDATA* request) override;
   // No reservations in a whole-file cache. Return kOk.
   unsigned int Reserve(long long, long long) override { return kOk; }
@@ -91,8 +92,8 @@ class WritableCache : public ICacheFile, public IFetchCallback {
   long long GetLargestEmptyOffset(long long) override { return -1; }
   // Fetches every remaining hole, in runs of adjacent sectors, under a handle
   // of the cache's own (type 2, state 1, info from fetch->HandleInfo).
-  // Returns: kOk, kErrRead (some hole could not be fetched),
-  // kErrInvalidArgument for a null fetcher.
+  // Returns: kOk, kErrRead or kErrFileWrite (some hole could not be fetched
+  // or stored), kErrInvalidArgument for a null fetcher.
   unsigned int FillEmptySectors(IFetch* fetch) override;
   // Replaces the log tag only; the local file keeps its path.
   void ChangeFileName(std::string new_name) override;
@@ -119,9 +120,10 @@ class WritableCache : public ICacheFile, public IFetchCallback {
  private:
   // Fetches `sectors` (hole starts, ascending) in runs of adjacent sectors.
   // A failed run is logged and the next one tried. A hole is filled only
-  // when every origin byte of its sector arrived. Returns false when any
-  // hole of `sectors` is left.
-  bool FetchEmptySectors(const std::vector<long long>& sectors, IFetch* fetch,
+  // when every origin byte of its sector arrived. Returns kOk when no hole
+  // of `sectors` is left, else kErrFileWrite when fetched bytes could not be
+  // stored, kErrRead when the origin did not deliver them.
+  unsigned int FetchEmptySectors(const std::vector<long long>& sectors, IFetch* fetch,
                          const std::shared_ptr<_FS_HANDLE>& handle) REQUIRES(index_lock_);
   // The holes in [from, to).
   std::vector<long long> HolesIn(long long from, long long to) const REQUIRES(index_lock_);
@@ -153,8 +155,10 @@ class WritableCache : public ICacheFile, public IFetchCallback {
   // index_lock_, held by the thread whose fetch delivers.
   long long fetching_from_ GUARDED_BY(index_lock_) = -1;
   long long fetching_to_ GUARDED_BY(index_lock_) = -1;
-  // How far the run has arrived without a gap, from fetching_from_ on.
+  // How far the run has arrived without a gap, from fetching_from_ on, and
+  // whether a delivery could not be stored.
   long long fetched_to_ GUARDED_BY(index_lock_) = -1;
+  bool store_failed_ GUARDED_BY(index_lock_) = false;
   // Where the origin's bytes end: the declared size, lowered by Truncate.
   // Fetched bytes past it are not stored (they would grow a cut file back).
   long long origin_end_ GUARDED_BY(index_lock_);

@@ -69,14 +69,14 @@ TEST_F(WritableCacheTest, TakenNamesAreNumberedBeforeTheLastDot) {
 // nothing at or past the logical size); a write fetches only the holes of
 // its head sector and of the sector of its end offset that it covers in
 // part; a cut keeps the hole of the sector holding the new end, growing adds
-// zeros. 'W' writes without a fetcher, 'A' is a write of the whole file (the
-// request's file size is its end) and 'E' one that starts at the logical
-// size: all fetch nothing, and the sectors they touch read as zeros around
-// the bytes written. Then FillEmptySectors fetches the rest and the file
+// zeros. 'W' writes without a fetcher and 'A' is a write of the whole file
+// (the request's file size is its end): both fetch nothing, and the sectors
+// they touch read as zeros around the bytes written. A write that starts at
+// or past the logical size inside a hole fetches it like any other. Then FillEmptySectors fetches the rest and the file
 // holds the model's bytes.
 TEST_F(WritableCacheTest, ReadsWritesAndCutsFetchTheHolesTheyNeed) {
   struct Step {
-    char op;  // r read, w write, W without fetcher, A of the whole file, E at the end, t truncate to `offset`
+    char op;  // r read, w write, W without fetcher, A of the whole file, t truncate to `offset`
     long long offset, length;
     Requests requests;
   };
@@ -96,7 +96,8 @@ TEST_F(WritableCacheTest, ReadsWritesAndCutsFetchTheHolesTheyNeed) {
       {2 * S, {{'w', 0, S, {Span(S, S)}}}, {}}, {4 * S, {{'w', S, 2 * S, {Span(3 * S, S)}}}, {Span(0, S)}},
       {4 * S, {{'A', 0, 4 * S, {}}}, {}}, {4 * S, {{'A', 0, 100, {}}}, {Span(S, 3 * S)}},
       {2 * S, {{'w', 3 * S, 10, {}}}, {Span(0, 2 * S)}},
-      {2 * S + 100, {{'E', 2 * S + 100, 10, {}}}, {Span(0, 2 * S)}},
+      {2 * S + 100, {{'w', 2 * S + 100, 10, {Span(2 * S, S)}}}, {Span(0, 2 * S)}},
+      {4 * S, {{'t', S + 100, 0, {}}, {'w', S + 100, 10, {Span(S, S)}}}, {Span(0, S)}},
       {4 * S, {{'W', S + 5, 10, {}}}, {Span(0, S), Span(2 * S, 2 * S)}},
       {4 * S, {{'t', S + 100, 0, {}}, {'r', S + 100, 100, {}}}, {Span(0, 2 * S)}},
       {4 * S, {{'t', 2 * S, 0, {}}, {'r', 2 * S, 10, {}}}, {Span(0, 3 * S)}},
@@ -139,19 +140,19 @@ TEST_F(WritableCacheTest, ReadsWritesAndCutsFetchTheHolesTheyNeed) {
   }
 }
 
-// The origin fails, delivers nothing, short or past the range while a read
-// fetches the holes around a written sector: the read serves the local file
-// as it is, a hole stays a hole unless all of it was stored, and the
-// client's bytes are never overwritten.
+// The origin fails, delivers short or past the range while a read fetches
+// the holes around a written sector: a hole stays a hole unless all of it was
+// stored, a read over one fails instead of serving zeros, and the client's
+// bytes are never overwritten.
 TEST_F(WritableCacheTest, FaultyFetchesLeaveHolesAndNeverOverwriteTheClientsBytes) {
   const struct {
     FakeOrigin::Mode mode;
-    unsigned long long served;  // the local file's length after the read
+    unsigned int read_status, write_status;  // of the read, and of a later write into the last sector
     Requests refetched;
   } rows[] = {
-      {FakeOrigin::Mode::kFail, 2 * S, {Span(0, S), Span(2 * S, 2 * S)}},
-      {FakeOrigin::Mode::kShort, 3 * S, {Span(3 * S, S)}},
-      {FakeOrigin::Mode::kExtra, 4 * S, {}},
+      {FakeOrigin::Mode::kFail, kErrRead, kErrRead, {Span(0, S), Span(2 * S, 2 * S)}},
+      {FakeOrigin::Mode::kShort, kErrRead, kOk, {}},  // the write's own fetch of one sector works
+      {FakeOrigin::Mode::kExtra, kOk, kOk, {}},
   };
   for (const auto& row : rows) {
     FakeOrigin origin(4 * S);
@@ -161,7 +162,11 @@ TEST_F(WritableCacheTest, FaultyFetchesLeaveHolesAndNeverOverwriteTheClientsByte
     std::vector<char> expected = OriginBytes(0, origin.size());
     std::copy(mine.begin(), mine.end(), expected.begin() + S);
     origin.set_mode(row.mode);
-    EXPECT_EQ(ReadAndCheck(*cache, origin, 0, static_cast<size_t>(4 * S), 0).transferred, row.served);
+    EXPECT_EQ(ReadAndCheck(*cache, origin, 0, static_cast<size_t>(4 * S), 0, nullptr, false, &expected).status,
+              row.read_status);
+    const std::vector<char> late = Pattern(10, 'z');
+    EXPECT_EQ(Store(*cache, late, 3 * S + 10, origin.size(), &origin), row.write_status) << "a write into a hole";
+    if (row.write_status == kOk) std::copy(late.begin(), late.end(), expected.begin() + 3 * S + 10);
     origin.set_mode(FakeOrigin::Mode::kNormal);
     origin.ClearRequests();
     EXPECT_EQ(cache->FillEmptySectors(&origin), kOk);

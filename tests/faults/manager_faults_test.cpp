@@ -67,7 +67,7 @@ TEST_F(FileIoFaults, EachFailureGivesItsStatusAndTheSameFileRecovers) {
       {"client write that stdio only buffered", Call::kFlush, ENOSPC, 0, Action::kWrite, kErrFileWrite},
       {"local copy cannot be read", Call::kRead, EIO, 0, Action::kLocalRead, kErrRead},
       {"local copy cannot be cut", Call::kTruncate, EIO, 0, Action::kTruncate, kErrFileWrite},
-      {"fetched hole cannot be stored", Call::kWrite, ENOSPC, S / 2, Action::kHoleRead, kOk},
+      {"fetched hole cannot be stored", Call::kWrite, ENOSPC, S / 2, Action::kHoleRead, kErrRead},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -103,7 +103,10 @@ TEST_F(FileIoFaults, EachFailureGivesItsStatusAndTheSameFileRecovers) {
       std::copy(mine.begin(), mine.end(), expected.begin() + 1000);
     }
     EXPECT_TRUE(Served(*file, origin, 7, expected.size() - 7, 5000, &expected));  // from inside a hole
-    for (const std::string& slots : SectorCacheFiles(path_)) EXPECT_EQ(FileSize(slots) % S, 0) << "a half slot";
+    // Whole slots, but for the file's short last sector, which may end it.
+    for (const std::string& slots : SectorCacheFiles(path_)) {
+      EXPECT_TRUE(FileSize(slots) % S == 0 || FileSize(slots) % S == origin.size() % S) << "a half slot";
+    }
   }
 }
 

@@ -27,8 +27,7 @@ class ReadPathModel : private IFetch {
   // Each step's operands (a, b) and expectations (want, served):
   //  - reads: a offset, b size; want the status, served the bytes transferred. kCachedRead has no
   //    fetcher, kClosed* a handle the client has closed;
-  //  - kFetchWrite: b origin bytes (at most to the end of the file) of the sector of a, from its start,
-  //    at offset a; want the result. kReserve, kClearReserved: a offset, b length; want the status;
+  //  - kFetchWrite: the b origin bytes at a (at most to the end of the file); want the result. kReserve, kClearReserved: a offset, b length; want the status;
   //  - kClock: a ms more on the clock; kCheckHandles the same, want 1 when the idle stream was closed;
   //  - kEvict*: want the cache file's length after the pass, as kLength; kClose*: want the status;
   //  - kReopen: a new cache object for the same origin file; kDeleteFile behind the cache's back;
@@ -36,7 +35,8 @@ class ReadPathModel : private IFetch {
   //    cache files fail (EIO) until kMendStream;
   //  - want: kFileSize GetFileSize(), kQuotaSize GetFileSizeForQuota(), kLength the cache file's length
   //    on disk (-1 when there is none), kLargestEmpty GetLargestEmptyOffset(a), kHeld the tasks held;
-  //  - kSlot: slot a holds `want` bytes of the origin from offset b, then zeros; kSlotStart starts so;
+  //  - kSlot: slot a holds `want` bytes of the origin from offset b, then zeros or the file's end;
+  //    kSlotStart starts so;
   //  - kQueue: a QueueMode; kRunHeld waits until the queue is idle;
   //  - kOrigin: a OriginMode (or kMixed + a pattern byte), b sectors per delivery (0: 1);
   //  - kTimeout: a the time-out of later fetching reads, ms; kSet: a Setting, b its value.
