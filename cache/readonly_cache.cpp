@@ -168,6 +168,7 @@ unsigned int ReadonlyCache::Close(bool remove) {
       KORV_LOG(LOGLEVEL_DEBUG,
                "[CACHE     ] [%s] %lld of read-ahead thread still working. Wait for thread termination.",
                GetFileName().c_str(), static_cast<long long>(running));
+      KORV_TEST_POINT("sector cache: waiting for its fetch tasks");
       tasks_done_.wait_for(tasks, std::chrono::milliseconds(10));
     }
   }

@@ -15,6 +15,7 @@
 #include "cache/file_names.h"
 #include "cache/logging.h"
 #include "common/file_io.h"
+#include "common/test_point.h"
 #include "cache/sector.h"
 #include "cache/sync_fetch_for_writable_cache.h"
 #include "common/split.h"
@@ -273,6 +274,7 @@ unsigned int WritableCache::Write(_WRITEDATA* wd) {
     return kErrFileWrite;
   }
   wd->transferred = count;
+  KORV_TEST_POINT("writable cache: written, holes not yet erased");
   EraseHoles(SectorOf(offset), end);
   GrowToPhysicalLength();
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Write done : %p, %lld, %d/%d", tag.c_str(),

@@ -13,6 +13,8 @@
 #include "support/file_helpers.h"
 #include "support/requests.h"
 #include "support/temp_dir.h"
+#include "support/test_point_gate.h"
+#include "support/waits.h"
 
 namespace {
 
@@ -173,6 +175,28 @@ TEST_F(WritableCacheTest, FaultyFetchesLeaveHolesAndNeverOverwriteTheClientsByte
     EXPECT_EQ(origin.Requests(), row.refetched) << "origin mode " << static_cast<int>(row.mode);
     EXPECT_EQ(LocalBytes(*cache, 0, 4 * S), expected) << "origin mode " << static_cast<int>(row.mode);
   }
+}
+
+// A read that comes while a write has stored its bytes but not yet marked
+// its sectors filled waits for it: it must not fetch the origin's bytes of
+// those sectors over the client's.
+TEST_F(WritableCacheTest, AReadDuringAWriteNeverFetchesOverIt) {
+  FakeOrigin origin(2 * S);
+  auto cache = Make("race.bin", origin.size());
+  const std::vector<char> mine = Pattern(static_cast<size_t>(S), 'r');
+  std::vector<char> expected = OriginBytes(0, origin.size());
+  std::copy(mine.begin(), mine.end(), expected.begin());
+  TestPointGate written("writable cache: written, holes not yet erased");
+  Background writer([&] { EXPECT_EQ(Store(*cache, mine, 0, origin.size(), &origin), kOk); });
+  ASSERT_TRUE(written.WaitUntilHeld());
+  Background reader([&] { EXPECT_TRUE(Served(*cache, origin, 0, static_cast<size_t>(S), 0, &expected)); });
+  // Time for a reader that is not kept out to fetch the hole; one that is
+  // kept out is still waiting.
+  reader.WaitDone(std::chrono::milliseconds(100));
+  written.Release();
+  ASSERT_TRUE(writer.WaitDone() && reader.WaitDone());
+  EXPECT_EQ(LocalBytes(*cache, 0, S), mine);
+  EXPECT_EQ(origin.Requests(), Requests{Span(S, S)}) << "only the write's own tail sector";
 }
 
 // FillEmptySectors names a handle of its own once and sends every run under

@@ -17,6 +17,8 @@
 #include "support/requests.h"
 #include "support/settings_file.h"
 #include "support/temp_dir.h"
+#include "support/test_point_gate.h"
+#include "support/test_queue.h"
 #include "support/waits.h"
 
 namespace {
@@ -114,6 +116,38 @@ TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
   EXPECT_EQ(ReadAndCheck(*taken, origin, 0, 10, 0).status, kErrInvalidArgument);
   EXPECT_EQ(open("b.bin", 'r'), c);
   EXPECT_EQ(c->GetHashIndex(), "b.bin");
+}
+
+// Sector files an earlier run left behind (their names are fresh UUIDs, so
+// nothing would open them again) go when a manager starts; other files stay.
+// Closing a file whose fetch hangs waits for that fetch without holding up
+// the opening and reading of other files.
+TEST(CacheManager, LeftoversGoAndAHungFetchHoldsUpNoOtherFile) {
+  SettingsFile none("");
+  TempDir dir;
+  const std::string left = dir.Write("0b5e0e1a-2fa1-41d2-883f-0016d3cca427.cache", "old");
+  const std::string kept = dir.Write("notes.cache", "mine");
+  Cache cache(dir.path().c_str(), 1ull << 30);
+  EXPECT_FALSE(Exists(left));
+  EXPECT_TRUE(Exists(kept));
+
+  Watchdog watchdog("a hung fetch held up the manager", std::chrono::seconds(60));
+  FakeOrigin stuck(4 * kMiB), fine(4 * kMiB);
+  TestQueue queue(TestQueue::Mode::kRun, 2);
+  stuck.Block();
+  OnExit release([&] { stuck.Release(); });
+  {
+    std::shared_ptr<ICacheObj> hung = cache.Open("hung.bin", 'r', stuck.size(), &stuck);
+    EXPECT_EQ(ReadAndCheck(*hung, stuck, 0, 4096, 50).status, kErrRead);  // its fetch hangs on a worker
+  }
+  TestPointGate closing("sector cache: waiting for its fetch tasks");
+  Background closer([&] { cache.Close("hung.bin"); });
+  ASSERT_TRUE(closing.WaitUntilHeld());
+  std::shared_ptr<ICacheObj> other = cache.Open("other.bin", 'r', fine.size(), &fine);
+  EXPECT_TRUE(Served(*other, fine, 0, 4096));
+  closing.Release();
+  stuck.Release();
+  EXPECT_TRUE(closer.WaitDone());
 }
 
 TEST(CacheManager, RegistryKeysAreExactPathStrings) {
