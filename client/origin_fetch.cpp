@@ -68,9 +68,7 @@ OriginFetch::OriginFetch(Origin* origin, std::string path, std::string validator
 
 long long OriginFetch::Fetch(long long offset, long length, std::shared_ptr<_FS_HANDLE> handle,
                              IFetchCallback* callback) {
-  const long long result = FetchRange(offset, length, handle, callback);
-  if (result != 0) failures_.fetch_add(1, std::memory_order_relaxed);
-  return result;
+  return FetchRange(offset, length, handle, callback);
 }
 
 long long OriginFetch::FetchRange(long long offset, long length, const std::shared_ptr<_FS_HANDLE>& handle,

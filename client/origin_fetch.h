@@ -36,9 +36,6 @@ class OriginFetch : public IFetch {
   std::string HandleInfo(_FS_HANDLE* handle) override;
 
   const std::string& path() const { return path_; }
-  // Fetches that returned failure so far. The writable cache does not report
-  // a failed fetch to its caller, so the client compares this around calls.
-  long long failures() const { return failures_.load(std::memory_order_relaxed); }
 
  private:
   long long FetchRange(long long offset, long length, const std::shared_ptr<_FS_HANDLE>& handle,
@@ -51,5 +48,4 @@ class OriginFetch : public IFetch {
   const std::shared_ptr<TransferCounters> file_;
   const RetryPolicy retry_;
   const std::atomic<bool>* const stop_;
-  std::atomic<long long> failures_{0};
 };

@@ -14,25 +14,6 @@ void RaiseTo(std::atomic<long long>& value, long long at_least) {
   }
 }
 
-// The writable cache fetches the origin's bytes of a sector only when a read
-// or a write inside the file touches it. A write that starts at or past the
-// end marks the sector it starts in as written without fetching it, and a
-// cut keeps the sector of the new end unfetched, so that growing the file
-// again would later fetch origin bytes over the zeros. Reading one byte
-// fetches the sector first; it is a local read once the sector is there.
-// REQUIRES: file->io_lock held.
-void FetchSectorAt(RemoteFile* file, long long offset) {
-  if (!file->on_origin || offset < 0 || offset >= file->Seen().size) return;
-  char byte;
-  auto own_handle = std::make_shared<_FS_HANDLE>();
-  own_handle->info = file->path;
-  _READDATA request =
-      ReadRequest(&byte, offset, 1, own_handle, file->size.load(std::memory_order_relaxed), file->fetch.get());
-  const unsigned int status = file->object->Read(&request);
-  if (status != kOk) ClientLog(LOGLEVEL_WARNING, "%s: fetching the sector at %lld failed (cache status %u)",
-                               file->path.c_str(), offset, status);
-}
-
 }  // namespace
 
 _READDATA ReadRequest(char* buffer, long long offset, unsigned long long size, std::shared_ptr<_FS_HANDLE> handle,
@@ -71,16 +52,9 @@ long long ReadRemoteFile(RemoteFile* file, const std::shared_ptr<_FS_HANDLE>& ha
   const long long requests_before = TransferCounters::Get(drive->origin_requests);
   const bool idle_before = TransferCounters::Get(drive->in_flight) == 0;
   _READDATA request = ReadRequest(buffer, offset, count, handle, file_size, file->fetch.get());
-  const long long failures_before = file->fetch->failures();
   const unsigned int status = file->object->Read(&request);
   if (status != kOk) {
     ClientLog(LOGLEVEL_ERROR, "read %s [%lld, +%llu): cache status %u", file->path.c_str(), offset, count, status);
-    return -EIO;
-  }
-  // A writable cache serves its zeros where a fetch failed.
-  if (file->writable && file->fetch->failures() != failures_before) {
-    ClientLog(LOGLEVEL_ERROR, "read %s [%lld, +%llu): the origin's bytes could not be fetched", file->path.c_str(),
-              offset, count);
     return -EIO;
   }
   const long long served = static_cast<long long>(request.transferred);
@@ -99,18 +73,9 @@ long long WriteRemoteFile(RemoteFile* file, const std::shared_ptr<_FS_HANDLE>& h
   if (offset < 0) return -EINVAL;
   // Writes hold the file's io_lock so that an upload never misses one.
   std::lock_guard<std::mutex> guard(file->io_lock);
-  // The sectors the write covers in part get their origin bytes first: the
-  // writable cache would mark them written even when that fetch failed.
-  const long long failures_before = file->fetch->failures();
+  // The cache fetches the origin's bytes of the sectors the write covers in
+  // part, and fails the write when it cannot.
   const long long size_before = file->size.load(std::memory_order_relaxed);
-  if (offset >= size_before) FetchSectorAt(file, size_before - 1);
-  FetchSectorAt(file, offset);
-  FetchSectorAt(file, offset + static_cast<long long>(size));
-  if (file->fetch->failures() != failures_before) {
-    ClientLog(LOGLEVEL_ERROR, "write %s [%lld, +%zu): the origin's bytes around it could not be fetched",
-              file->path.c_str(), offset, size);
-    return -EIO;
-  }
   _WRITEDATA request{};
   request.buffer = buffer;
   request.offset = offset;
@@ -131,13 +96,6 @@ long long WriteRemoteFile(RemoteFile* file, const std::shared_ptr<_FS_HANDLE>& h
 
 int TruncateRemoteFile(RemoteFile* file, long long size) {
   std::lock_guard<std::mutex> guard(file->io_lock);
-  const long long failures_before = file->fetch->failures();
-  if (size < file->size.load(std::memory_order_relaxed)) FetchSectorAt(file, size);
-  if (file->fetch->failures() != failures_before) {
-    ClientLog(LOGLEVEL_ERROR, "truncate %s to %lld: the origin's bytes at the new end could not be fetched",
-              file->path.c_str(), size);
-    return -EIO;
-  }
   const unsigned int status = file->object->Truncate(size);
   if (status != kOk) {
     ClientLog(LOGLEVEL_ERROR, "truncate %s to %lld: cache status %u", file->path.c_str(), size, status);

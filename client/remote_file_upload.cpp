@@ -27,10 +27,10 @@ bool MakeParentDirectories(const std::string& path) {
 int UploadRemoteFile(Origin* origin, RemoteFile* file, std::atomic<long long>* uploads) {
   std::lock_guard<std::mutex> guard(file->io_lock);
   if (!file->dirty) return 0;
-  const long long failures_before = file->fetch->failures();
   if (file->on_origin) {
+    // Fails when some of the origin's bytes could not be fetched or stored.
     const unsigned int filled = file->object->FillEmptySectors(file->fetch.get());
-    if (filled != kOk || file->fetch->failures() != failures_before) {
+    if (filled != kOk) {
       ClientAlert("upload of %s: the unchanged parts could not be fetched from %s; the written data stays in the "
                   "cache and is uploaded again at the next close or at unmount",
                   file->path.c_str(), origin->Describe().c_str());
