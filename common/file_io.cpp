@@ -28,7 +28,10 @@ long long FileIo::Size(FILE* stream) {
   return static_cast<long long>(ftello(stream));
 }
 
+// An empty transfer may come with a null buffer, which fread and fwrite
+// must not be given: it does nothing.
 long long FileIo::Read(FILE* stream, void* data, size_t length) {
+  if (length == 0) return 0;
   const size_t count = fread(data, 1, length, stream);
   return count == 0 && ferror(stream) ? -1 : static_cast<long long>(count);
 }
@@ -37,7 +40,9 @@ long long FileIo::ReadAt(FILE* stream, void* data, size_t length, long long offs
   return static_cast<long long>(pread(fileno(stream), data, length, static_cast<off_t>(offset)));
 }
 
-size_t FileIo::Write(FILE* stream, const void* data, size_t length) { return fwrite(data, 1, length, stream); }
+size_t FileIo::Write(FILE* stream, const void* data, size_t length) {
+  return length == 0 ? 0 : fwrite(data, 1, length, stream);
+}
 
 int FileIo::Flush(FILE* stream) { return fflush(stream); }
 
