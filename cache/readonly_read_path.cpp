@@ -76,7 +76,8 @@ unsigned int ReadonlyCache::Read(_READDATA* rd) {
     } else {
       int read_ahead = CheckReadAhead(rd);
       const long long wanted = std::max(static_cast<long long>(rd->size), kMinimumFetch);
-      const long long end = rd->offset >= rd->file_size ? rd->offset
+      // Nothing at or past the end of the file is fetched.
+      const long long end = rd->offset >= rd->file_size ? rd->file_size
                                                         : rd->offset + std::min(wanted, rd->file_size - rd->offset);
       int result = QueueEmptySectors(start, end, rd->fetch, rd->handle);
       if (result == kOk) {

@@ -67,10 +67,13 @@ void Fail(const std::string& what) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const std::string dir = [] {
-    std::atexit([] { std::filesystem::remove_all(dir); });
-    return std::filesystem::temp_directory_path() / ("korv-fuzz-read-path-" + std::to_string(getpid()) + "/");
-  }();
+  // One scratch directory for the whole run, removed when the program ends.
+  static const struct Scratch {
+    std::string path =
+        std::filesystem::temp_directory_path() / ("korv-fuzz-read-path-" + std::to_string(getpid()) + "/");
+    ~Scratch() { std::filesystem::remove_all(path); }
+  } scratch;
+  const std::string& dir = scratch.path;
   std::filesystem::remove_all(dir);
   std::filesystem::create_directory(dir);
   ResetClockForTesting();
