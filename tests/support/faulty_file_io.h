@@ -1,6 +1,8 @@
 // A FileIo that breaks the calls a test chooses and makes the real ones
 // otherwise: a full disk, an I/O error, a short write, a file that cannot be
 // opened. Installed for the cache files while it exists; no root, no timing.
+// It must outlive every thread that may be inside a call on a cache file (a
+// manager's quota thread included): release the manager first.
 #pragma once
 
 #include <algorithm>
