@@ -60,13 +60,10 @@ bool HasSetting(const std::string& file, const char* key) {
 // any found when a manager starts were left by one that was not shut down
 // (a crash, a kill) and would only count against the limit for good.
 void RemoveLeftoverSectorFiles(const std::string& dir) {
-  DIR* listing = opendir(dir.c_str());
-  if (listing == nullptr) return;
   int removed = 0;
-  while (dirent* entry = readdir(listing)) {
-    if (IsSectorCacheFileName(entry->d_name) && CacheFileIo().Remove(dir + entry->d_name) == 0) ++removed;
+  for (const std::string& name : DirectoryEntries(dir)) {
+    if (IsSectorCacheFileName(name) && CacheFileIo().Remove(dir + name) == 0) ++removed;
   }
-  closedir(listing);
   if (removed > 0) KORV_LOG(LOGLEVEL_WARNING, "[CACHE     ] %d cache file(s) of an earlier run removed", removed);
 }
 

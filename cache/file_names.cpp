@@ -1,5 +1,6 @@
 #include "cache/file_names.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
 
 #include <cctype>
@@ -8,6 +9,18 @@
 #include "common/file_io.h"
 #include "common/process.h"
 #include "common/split.h"
+
+std::vector<std::string> DirectoryEntries(const std::string& dir) {
+  std::vector<std::string> names;
+  DIR* listing = opendir(dir.c_str());
+  if (listing == nullptr) return names;
+  while (dirent* entry = readdir(listing)) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  closedir(listing);
+  return names;
+}
 
 bool IsFileOrDirectory(const std::string& path) {
   return CacheFileIo().Exists(path);

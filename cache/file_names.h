@@ -2,6 +2,11 @@
 #pragma once
 
 #include <string>
+#include <vector>
+
+// The names in directory `dir`, without "." and ".."; empty when it cannot
+// be read.
+std::vector<std::string> DirectoryEntries(const std::string& dir);
 
 // True when `path` exists as a regular file or a directory.
 bool IsFileOrDirectory(const std::string& path);

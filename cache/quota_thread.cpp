@@ -1,10 +1,9 @@
 #include "cache/quota_thread.h"
 
-#include <dirent.h>
-
 #include <chrono>
 
 #include "cache/cache_obj.h"
+#include "cache/file_names.h"
 #include "cache/logging.h"
 #include "common/file_io.h"
 #include "common/process.h"
@@ -32,16 +31,11 @@ QuotaThread::~QuotaThread() {
 }
 
 long long QuotaThread::MeasureDirectory(const std::string& path) {
-  DIR* dir = opendir(path.c_str());
-  if (dir == nullptr) return 0;
   long long total = 0;
-  while (dirent* entry = readdir(dir)) {
-    std::string name = entry->d_name;
-    if (name == "." || name == "..") continue;
+  for (const std::string& name : DirectoryEntries(path)) {
     const long long size = CacheFileIo().SizeAt(path + "/" + name);
     if (size > 0) total += size;
   }
-  closedir(dir);
   return total;
 }
 

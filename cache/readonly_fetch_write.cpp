@@ -45,11 +45,9 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
     const long long expected =
         origin_size_ > sector_offset ? std::min(kSectorSize, origin_size_ - sector_offset) : in_sector + chunk;
     const _SECTOR* before = index_.Find(sector_offset);
-    if (before == nullptr && in_sector != 0) {
-      if (first) {
-        KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Fetch write failed : Cache offset was not aligned", tag.c_str());
-        return static_cast<int>(kErrUnaligned);
-      }
+    if (before == nullptr && in_sector != 0 && first) {
+      KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] [%s] Fetch write failed : Cache offset was not aligned", tag.c_str());
+      return static_cast<int>(kErrUnaligned);
     }
     // A piece of a sector nobody asked for, which does not fill it: keeping
     // it would need a reservation that no fetch completes or clears.

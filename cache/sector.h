@@ -22,6 +22,3 @@ constexpr long long RoundUpToSlot(long long length) {
 inline bool ValidRange(long long offset, unsigned long long size) {
   return offset >= 0 && size <= static_cast<unsigned long long>(LLONG_MAX - offset);
 }
-
-// One sector of zero bytes, never written: the padding of partly filled slots.
-extern const char tempbuffer[kSectorSize];

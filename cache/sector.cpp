@@ -1,3 +1,0 @@
-#include "cache/sector.h"
-
-const char tempbuffer[kSectorSize] = {};
