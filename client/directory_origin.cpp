@@ -193,6 +193,21 @@ class DirectoryOrigin : public Origin {
     return OriginStatus::kOk;
   }
 
+  OriginStatus Remove(const std::string&, std::string* error) override { return Unsupported(error); }
+  OriginStatus MakeDirectory(const std::string&, std::string* error) override { return Unsupported(error); }
+  OriginStatus RemoveDirectory(const std::string&, std::string* error) override { return Unsupported(error); }
+  OriginStatus Rename(const std::string&, const std::string&, std::string* error) override {
+    return Unsupported(error);
+  }
+  OriginStatus SetModificationTime(const std::string&, long long, std::string* error) override {
+    return Unsupported(error);
+  }
+  bool Space(long long*, long long*) override { return false; }
+  static OriginStatus Unsupported(std::string* error) {
+    *error = "not supported by this origin";
+    return OriginStatus::kUnsupported;
+  }
+
   const std::string root_;
   const OriginOptions options_;
 };

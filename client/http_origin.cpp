@@ -298,6 +298,21 @@ class HttpOrigin : public Origin {
     return Fail(url, "HTTP " + std::to_string(code), error);
   }
 
+  OriginStatus Remove(const std::string&, std::string* error) override { return Unsupported(error); }
+  OriginStatus MakeDirectory(const std::string&, std::string* error) override { return Unsupported(error); }
+  OriginStatus RemoveDirectory(const std::string&, std::string* error) override { return Unsupported(error); }
+  OriginStatus Rename(const std::string&, const std::string&, std::string* error) override {
+    return Unsupported(error);
+  }
+  OriginStatus SetModificationTime(const std::string&, long long, std::string* error) override {
+    return Unsupported(error);
+  }
+  bool Space(long long*, long long*) override { return false; }
+  static OriginStatus Unsupported(std::string* error) {
+    *error = "not supported by this origin";
+    return OriginStatus::kUnsupported;
+  }
+
  private:
   std::string UrlFor(const std::string& path, bool directory) const {
     std::string url = base_ + EscapeUrlPath(path);

@@ -18,6 +18,8 @@ const char* OriginStatusText(OriginStatus status) {
     case OriginStatus::kNotFound: return "not found";
     case OriginStatus::kUnreachable: return "unreachable";
     case OriginStatus::kChanged: return "changed on the origin";
+    case OriginStatus::kNotEmpty: return "directory not empty";
+    case OriginStatus::kUnsupported: return "not supported by the origin";
     case OriginStatus::kFailed: return "failed";
   }
   return "unknown";

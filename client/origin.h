@@ -16,6 +16,8 @@ enum class OriginStatus {
   kNotFound,     // no such file or directory (HTTP 404)
   kUnreachable,  // connection refused, reset or timed out: worth a retry
   kChanged,      // the file is no longer the one the caller expected
+  kNotEmpty,     // a directory to be removed still holds entries
+  kUnsupported,  // the origin cannot do this at all
   kFailed,       // any other answer the client cannot use (HTTP 416, 5xx, bad listing, ...)
 };
 
@@ -76,6 +78,24 @@ class Origin {
   // Either the whole new file is stored or the old one stays.
   virtual OriginStatus Upload(const std::string& path, long long size, const ByteSource& source,
                               std::string* error) = 0;
+
+  // Removes the file `path`; kNotFound when there is none. Directories are
+  // removed with RemoveDirectory.
+  virtual OriginStatus Remove(const std::string& path, std::string* error) = 0;
+  // Creates the directory `path`; its parent must exist. kFailed when `path`
+  // exists already.
+  virtual OriginStatus MakeDirectory(const std::string& path, std::string* error) = 0;
+  // Removes the empty directory `path`; kNotEmpty when it holds anything.
+  virtual OriginStatus RemoveDirectory(const std::string& path, std::string* error) = 0;
+  // Moves the file or directory `from` to `to`, replacing a file at `to`.
+  virtual OriginStatus Rename(const std::string& from, const std::string& to,
+                              std::string* error) = 0;
+  // Sets the modification time, where the origin can hold one: kUnsupported
+  // where it cannot.
+  virtual OriginStatus SetModificationTime(const std::string& path, long long mtime,
+                                           std::string* error) = 0;
+  // The origin's space, when it tells: false when it does not.
+  virtual bool Space(long long* used, long long* available) = 0;
 };
 
 // True for http:// and https:// URLs.

@@ -48,6 +48,20 @@ class FaultyOrigin : public Origin {
     if (refuse_uploads) return OriginStatus::kFailed;
     return down ? OriginStatus::kUnreachable : inner_->Upload(path, size, source, error);
   }
+  OriginStatus Remove(const std::string& path, std::string* error) override { return inner_->Remove(path, error); }
+  OriginStatus MakeDirectory(const std::string& path, std::string* error) override {
+    return inner_->MakeDirectory(path, error);
+  }
+  OriginStatus RemoveDirectory(const std::string& path, std::string* error) override {
+    return inner_->RemoveDirectory(path, error);
+  }
+  OriginStatus Rename(const std::string& from, const std::string& to, std::string* error) override {
+    return inner_->Rename(from, to, error);
+  }
+  OriginStatus SetModificationTime(const std::string& path, long long mtime, std::string* error) override {
+    return inner_->SetModificationTime(path, mtime, error);
+  }
+  bool Space(long long* used, long long* available) override { return inner_->Space(used, available); }
 
  private:
   const std::unique_ptr<Origin> inner_;
