@@ -95,7 +95,6 @@ Cache::Cache(const char* path, unsigned long long limit) : limit_(static_cast<lo
   objects_.max_load_factor(1.0f);
   // Compared signed: a request of 2^63 or more counts as negative here.
   if (limit_.load() < kMinimumLimit) limit_.store(kMinimumLimit);
-  used_bytes_.exchange(0);
   path_ = MakeDirectories(path != nullptr ? path : "");
   RemoveLeftoverSectorFiles(path_);
   AdjustLimit();
@@ -116,6 +115,9 @@ Cache::Cache(const char* path, unsigned long long limit) : limit_(static_cast<lo
     }
     registry_.AddConfiguration(setting.name, setting.json_path, value);
   }
+  // Off by default, so eviction keeps to its ages and periods; a client
+  // that must never see the directory far over its limit turns it on.
+  registry_.AddConfiguration("hardlimit", "/cache/clear/hard", 0u);
   ApplyConfig();
   quota_thread_ = std::make_unique<QuotaThread>(static_cast<QuotaDirectory*>(this));
 }
@@ -130,24 +132,70 @@ _CACHECONFIG ManagerConfigLink::GetConfig() {
   return manager_ != nullptr ? manager_->GetConfig() : config_;
 }
 
+void ManagerConfigLink::Stored(long long delta) {
+  used_.fetch_add(delta, std::memory_order_relaxed);
+  {
+    MutexLock guard(lock_);
+    if (meter_ != nullptr) meter_->Stored(delta);
+  }
+  if (delta < 0 && waiting_.load() > 0) {
+    MutexLock room(room_lock_);
+    room_.notify_all();
+  }
+}
+
+void ManagerConfigLink::SetCeiling(long long bytes) {
+  MutexLock room(room_lock_);
+  ceiling_.store(bytes, std::memory_order_relaxed);
+  room_.notify_all();
+}
+
+void ManagerConfigLink::WaitForRoom() {
+  auto has_room = [this] { return used() <= ceiling_.load(std::memory_order_relaxed); };
+  if (has_room()) return;
+  waiting_.fetch_add(1);
+  {
+    MutexLock room(room_lock_);
+    room_.wait_for(room_lock_, kRoomWait, has_room);
+  }
+  waiting_.fetch_sub(1);
+}
+
 void ManagerConfigLink::Detach() {
   MutexLock guard(lock_);
   if (manager_ == nullptr) return;
   quota_ = manager_->GetQuota();
   config_ = manager_->GetConfig();
   manager_ = nullptr;
+  meter_ = nullptr;
+  SetCeiling(kNoCeiling);
 }
 
 Cache::~Cache() {
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Uninitialize cache...");
-  quota_thread_.reset();
   // Before the table goes: closing an object waits for its fetch tasks,
-  // which read the settings.
+  // which read the settings. Before the quota thread goes: once detached,
+  // no file's report reaches Stored, which wakes the thread.
   link_->Detach();
+  quota_thread_.reset();
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Cache uninitialized");
 }
 
+void Cache::Stored(long long delta) {
+  if (delta > 0 && hard_limit_.load(std::memory_order_relaxed) && quota_thread_ && link_->used() > limit_.load()) {
+    quota_thread_->RequestPass();
+  }
+}
+
+void Cache::UpdateCeiling() {
+  const long long limit = limit_.load();
+  link_->SetCeiling(hard_limit_.load(std::memory_order_relaxed) ? limit + limit / 16
+                                                                 : ManagerConfigLink::kNoCeiling);
+}
+
 void Cache::ApplyConfig() {
+  hard_limit_.store(std::atol(registry_.GetValue("hardlimit").c_str()) != 0, std::memory_order_relaxed);
+  UpdateCeiling();
   MutexLock guard(settings_lock_);
   for (const Setting& setting : kSettings) {
     settings_.*setting.field = static_cast<uint64_t>(std::atol(registry_.GetValue(setting.name).c_str()));
@@ -178,7 +226,7 @@ unsigned int Cache::SetConfiguration(const char* text) {
 
 unsigned long long Cache::GetLimit() { return static_cast<unsigned long long>(limit_.load()); }
 
-unsigned long long Cache::GetUsedBytes() { return used_bytes_.load(); }
+unsigned long long Cache::GetUsedBytes() { return static_cast<unsigned long long>(std::max(0LL, link_->used())); }
 
 unsigned long long Cache::GetQuota() { return GetLimit(); }
 
@@ -210,6 +258,7 @@ void Cache::AdjustLimit() {
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] %s",
            (" Cache path " + path_ + ", " + LocaleNumber(available) + " bytes left").c_str());
   if (limit_.load() > available) limit_.store(available / 2);
+  UpdateCeiling();
 }
 
 std::vector<std::shared_ptr<CacheObj>> Cache::FilesToTend() {

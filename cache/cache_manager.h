@@ -8,6 +8,9 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <climits>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -15,6 +18,7 @@
 #include <vector>
 
 #include "cache/quota_thread.h"
+#include "cache/storage_meter.h"
 #include "common/config.h"
 #include "common/thread_annotations.h"
 #include "korvcache.h"
@@ -24,22 +28,43 @@ class CacheObj;
 // The settings and the limit as the cache objects of one manager see them.
 // Objects a client still holds outlive the manager; once it is detached they
 // get the values of that moment instead of reaching into a destroyed manager.
-class ManagerConfigLink final : public ICacheConfig {
+class ManagerConfigLink final : public ICacheConfig, public StorageMeter {
  public:
-  explicit ManagerConfigLink(ICacheConfig* manager) : manager_(manager) {}
+  ManagerConfigLink(ICacheConfig* manager, StorageMeter* meter) : manager_(manager), meter_(meter) {}
   unsigned long long GetQuota() override;
   _CACHECONFIG GetConfig() override;
-  // Takes the manager's values and lets go of it.
+  // Counted here; passed on to the manager while attached.
+  void Stored(long long delta) override;
+  // Waits, at most kRoomWait, while more than the ceiling is stored.
+  void WaitForRoom() override;
+  // The bytes stored so far by the files of this link.
+  long long used() const { return used_.load(std::memory_order_relaxed); }
+  // Where fetches start to wait for room; kNoCeiling: never.
+  void SetCeiling(long long bytes);
+  // Takes the manager's values and lets go of it; fetches no longer wait.
   void Detach();
+
+  static constexpr long long kNoCeiling = LLONG_MAX;
+  static constexpr std::chrono::milliseconds kRoomWait{200};
 
  private:
   Mutex lock_;
   ICacheConfig* manager_ GUARDED_BY(lock_);  // null once detached
+  StorageMeter* meter_ GUARDED_BY(lock_);    // likewise
   unsigned long long quota_ GUARDED_BY(lock_) = 0;
   _CACHECONFIG config_ GUARDED_BY(lock_){};
+
+  std::atomic<long long> used_{0};
+  std::atomic<long long> ceiling_{kNoCeiling};
+  // Fetches waiting for room sleep on room_; a store that frees bytes and a
+  // new ceiling wake them. Changes of used_ and ceiling_ are announced under
+  // room_lock_, so a waiter that just found no room does not miss them.
+  Mutex room_lock_ ACQUIRED_AFTER(lock_);
+  std::condition_variable_any room_;
+  std::atomic<int> waiting_{0};
 };
 
-class Cache : public ICache_V2, public ICacheConfig, private QuotaDirectory {
+class Cache : public ICache_V2, public ICacheConfig, private QuotaDirectory, private StorageMeter {
  public:
   // The floor of a limit given by the client.
   static constexpr long long kMinimumLimit = 67108864;
@@ -60,6 +85,8 @@ class Cache : public ICache_V2, public ICacheConfig, private QuotaDirectory {
   Cache& operator=(const Cache&) = delete;
 
   unsigned long long GetLimit() override;
+  // The bytes the cache files of this manager's objects hold, counted as
+  // they are stored and dropped.
   unsigned long long GetUsedBytes() override;
   // Returns: kOk, kErrLimitTooSmall (below 64 MiB; the limit stays).
   unsigned int SetLimit(unsigned long long bytes) override;
@@ -92,13 +119,21 @@ class Cache : public ICache_V2, public ICacheConfig, private QuotaDirectory {
  private:
   std::vector<std::shared_ptr<CacheObj>> FilesToTend() override;
   long long Limit() override { return limit_.load(); }
+  unsigned long long StoredBytes() override { return GetUsedBytes(); }
   long long ClearPeriodMs() override { return static_cast<long long>(GetConfig().clrperiod); }
+  bool HardLimit() override { return hard_limit_.load(std::memory_order_relaxed); }
+  // With the hard limit on, crossing the limit wakes the quota thread.
+  void Stored(long long delta) override;
+  // With the hard limit on, fetches wait for room a sixteenth of the limit
+  // over it; set whenever the limit or the setting changes.
+  void UpdateCeiling();
   std::unordered_map<std::string, std::shared_ptr<CacheObj>> CopyObjects() EXCLUDES(objects_lock_);
 
   std::string path_;
   // Read and written without a lock by client threads and the quota manager.
   std::atomic<long long> limit_;
-  std::atomic<uint64_t> used_bytes_{0};
+  // The "/cache/clear/hard" setting: off unless a client turns it on.
+  std::atomic<bool> hard_limit_{false};
 
   Mutex objects_lock_;
   std::unordered_map<std::string, std::shared_ptr<CacheObj>> objects_ GUARDED_BY(objects_lock_);
@@ -108,7 +143,7 @@ class Cache : public ICache_V2, public ICacheConfig, private QuotaDirectory {
   _CACHECONFIG settings_ GUARDED_BY(settings_lock_){};
 
   // Handed to every object instead of this manager itself.
-  const std::shared_ptr<ManagerConfigLink> link_ = std::make_shared<ManagerConfigLink>(this);
+  const std::shared_ptr<ManagerConfigLink> link_ = std::make_shared<ManagerConfigLink>(this, static_cast<StorageMeter*>(this));
 
   std::unique_ptr<QuotaThread> quota_thread_;  // last: started once all else is set
 };

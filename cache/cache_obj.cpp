@@ -149,6 +149,18 @@ void CacheObj::ClearOldCache(bool over_quota) {
   if (file_) file_->ClearOldCache(over_quota);
 }
 
+std::vector<SectorAge> CacheObj::SectorAges() {
+  MutexLock guard(lock_);
+  auto* sectors = dynamic_cast<ReadonlyCache*>(file_.get());
+  return sectors != nullptr ? sectors->SectorAges() : std::vector<SectorAge>();
+}
+
+void CacheObj::DropReadBefore(SteadyTime cutoff) {
+  MutexLock guard(lock_);
+  auto* sectors = dynamic_cast<ReadonlyCache*>(file_.get());
+  if (sectors != nullptr) sectors->DropReadBefore(cutoff);
+}
+
 void CacheObj::ChangeFileName(std::string new_name) {
   MutexLock guard(lock_);
   if (!file_) return;

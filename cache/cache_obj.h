@@ -15,6 +15,9 @@
 #include <memory>
 #include <string>
 
+#include <vector>
+
+#include "cache/sector_index.h"
 #include "common/thread_annotations.h"
 #include "korvcache.h"
 
@@ -56,6 +59,10 @@ class CacheObj : public ICacheObj {
   long long GetFileSize();
   bool CheckHandles();
   void ClearOldCache(bool over_quota);
+  // The sector cache's settled sectors (none for a writable file) and
+  // dropping those read at or before `cutoff`: see ReadonlyCache.
+  std::vector<SectorAge> SectorAges();
+  void DropReadBefore(SteadyTime cutoff);
   void ChangeFileName(std::string new_name);
 
  private:

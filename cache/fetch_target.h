@@ -28,6 +28,10 @@ class FetchTarget {
   virtual void ForgetReserved(long long offset, long long length, IndexLock lock) = 0;
   // The current settings of the owning manager.
   virtual _CACHECONFIG GetConfig() = 0;
+  // Holds the calling fetch up, for a bounded time, while the cache
+  // directory has no room (see StorageMeter). REQUIRES: no lock of the cache
+  // held.
+  virtual void WaitForRoom() = 0;
   // The log tag.
   virtual std::string GetFileName() const = 0;
   // Bookkeeping of the tasks that refer to the cache: it outlives them all.

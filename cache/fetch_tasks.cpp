@@ -24,6 +24,8 @@ class CacheSink : public IFetchCallback {
  public:
   CacheSink(FetchTarget* cache, IndexLock lock) : cache_(cache), lock_(lock) {}
   int FetchWrite(long long offset, const char* data, long length, long* written) override {
+    // A task run inline holds the index lock, which a clearing pass needs.
+    if (lock_ == IndexLock::kNotHeld) cache_->WaitForRoom();
     const int result = cache_->StoreFetched(offset, data, length, written, lock_);
     KORV_TEST_POINT("fetch: delivered");
     return result;

@@ -42,7 +42,9 @@ ReadonlyCache::ReadonlyCache(std::string cache_dir, std::string name, long long 
       handle_(cache_path_),
       origin_size_(origin_size),
       config_(config),
-      read_ahead_policy_(ReadAheadFor(config)) {
+      read_ahead_policy_(ReadAheadFor(config)),
+      stored_(MeterOf(config)),
+      meter_(MeterOf(config)) {
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read only cache initialized", file_name_.c_str());
 }
 
@@ -71,6 +73,15 @@ void ReadonlyCache::ClearIndexNoLock() {
   IndexChangedNoLock();
 }
 
+void ReadonlyCache::WaitForRoom() {
+  if (meter_ != nullptr) meter_->WaitForRoom();
+}
+
+void ReadonlyCache::ReportStoredNoLock() {
+  // By path: a stream closed for idleness is not reopened for this.
+  stored_.Set(std::max(0LL, CacheFileIo().DiskBytesAt(cache_path_)));
+}
+
 void ReadonlyCache::IndexChangedNoLock() {
   ++index_generation_;
   index_changed_.notify_all();
@@ -82,6 +93,7 @@ void ReadonlyCache::DropLostSlotsNoLock() {
   index_.DropSettled();
   read_ahead_policy_.Forget();
   IndexChangedNoLock();
+  stored_.Set(0);
 }
 
 std::shared_ptr<FILE> ReadonlyCache::OpenStream(bool index_locked) {
@@ -182,5 +194,6 @@ unsigned int ReadonlyCache::Close(bool remove) {
   handle_.Close();
   ClearIndexNoLock();
   if (file_created_.load(std::memory_order_relaxed)) CacheFileIo().Remove(cache_path_);
+  stored_.Set(0);
   return was_open ? kOk : kErrNotOpen;
 }

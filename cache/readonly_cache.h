@@ -31,6 +31,7 @@
 #include "cache/fetch_target.h"
 #include "cache/read_ahead_policy.h"
 #include "cache/sector_index.h"
+#include "cache/storage_meter.h"
 #include "cache/timed_handle.h"
 #include "common/thread_annotations.h"
 #include "common/clock.h"
@@ -90,6 +91,12 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   // Drops sectors not read for long enough, compacts and trims the file,
   // deletes it when empty.
   void ClearOldCache(bool over_quota) override;
+  // When each settled sector was last read, and its size: what a pass over
+  // the limit weighs across files.
+  std::vector<SectorAge> SectorAges();
+  // Drops, as ClearOldCache does, every settled sector last read at or
+  // before `cutoff`.
+  void DropReadBefore(SteadyTime cutoff);
   // The cache file's physical length; 0 when it cannot be opened.
   long long GetFileSize() override;
   // GetFileSize() while the file exists; 0 (without reopening) once deleted.
@@ -126,6 +133,7 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   int StoreFetched(long long offset, const char* data, long length, long* written, IndexLock lock) override
       NO_THREAD_SAFETY_ANALYSIS;
   void ForgetReserved(long long offset, long long length, IndexLock lock) override NO_THREAD_SAFETY_ANALYSIS;
+  void WaitForRoom() override;
   void TaskStarted() override { read_ahead_count_.fetch_add(1, std::memory_order_relaxed); }
   void TaskEnded() override;
   void LargeFetchEnded(const IAsyncObj* task) override;
@@ -148,6 +156,10 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   void ClearIndexNoLock() REQUIRES(index_lock_);
   // After the file vanished: forgets every settled sector and every slot.
   void DropLostSlotsNoLock() REQUIRES(index_lock_);
+  // Drops `selected`, compacts and trims the file, deletes it when empty.
+  void DropSectorsNoLock(const std::vector<long long>& selected) REQUIRES(index_lock_);
+  // Reports the file's length to the meter.
+  void ReportStoredNoLock() REQUIRES(index_lock_);
   // Wakes the readers waiting for sectors: called after every change of the
   // index that can end a wait (a sector filled, a reservation dropped, an
   // entry removed).
@@ -201,4 +213,7 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   ICacheConfig* const config_;
   // The read history and the block-size ladder; protected by index_lock_.
   ReadAheadPolicy read_ahead_policy_ GUARDED_BY(index_lock_);
+  // The file's length as last reported to the manager's meter.
+  StoredBytes stored_ GUARDED_BY(index_lock_);
+  StorageMeter* const meter_;
 };

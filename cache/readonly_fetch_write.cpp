@@ -116,6 +116,7 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
           sector.cache_offset = -1;
           sector.filled = 0;
         }
+        ReportStoredNoLock();
         return static_cast<int>(kErrFileWrite);
       }
     }
@@ -139,6 +140,7 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
     length -= static_cast<long>(chunk);
     first = false;
   }
+  ReportStoredNoLock();
   {
     // Every transfer seeks first, so this position means nothing; a stream
     // that cannot seek any more is reported all the same.

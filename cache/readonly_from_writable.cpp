@@ -13,7 +13,9 @@ ReadonlyCache::ReadonlyCache(WritableCache* source, ICacheConfig* config)
       handle_(cache_path_),
       origin_size_(source->GetFileSize()),
       config_(config),
-      read_ahead_policy_(ReadAheadFor(config)) {
+      read_ahead_policy_(ReadAheadFor(config)),
+      stored_(MeterOf(config)),
+      meter_(MeterOf(config)) {
   // The local file is laid out like the file itself: sector s sits at s.
   handle_ = source->ReleaseStream();
   file_created_.store(true, std::memory_order_relaxed);
@@ -25,6 +27,10 @@ ReadonlyCache::ReadonlyCache(WritableCache* source, ICacheConfig* config)
     KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] [%s] Inserted new sector %lld into sectors_.", file_name_.c_str(),
              "ReadonlyCache", s);
     remaining -= size;
+  }
+  {
+    MutexLock guard(index_lock_);
+    ReportStoredNoLock();
   }
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read only cache from writable cache created", file_name_.c_str());
 }

@@ -37,7 +37,20 @@ void ReadonlyCache::ClearOldCache(bool over_quota) {
   const uint64_t max_unused_age = over_quota ? conf.clroverunused : conf.clrunused;
 
   // Any sector old enough goes, whether or not it was ever read.
-  const std::vector<long long> selected = index_.SelectOld(now, max_used_age, max_unused_age);
+  DropSectorsNoLock(index_.SelectOld(now, max_used_age, max_unused_age));
+}
+
+std::vector<SectorAge> ReadonlyCache::SectorAges() {
+  MutexLock index(index_lock_);
+  return index_.SettledAges();
+}
+
+void ReadonlyCache::DropReadBefore(SteadyTime cutoff) {
+  MutexLock index(index_lock_);
+  DropSectorsNoLock(index_.SelectReadBefore(cutoff));
+}
+
+void ReadonlyCache::DropSectorsNoLock(const std::vector<long long>& selected) {
   if (selected.empty()) return;
   std::shared_ptr<FILE> stream = OpenStream(true);
   if (!stream) return;
@@ -80,6 +93,7 @@ void ReadonlyCache::ClearOldCache(bool over_quota) {
   stream.reset();
 
   const long long new_size = FileLength(true);
+  ReportStoredNoLock();
   if (new_size == 0) {
     handle_.Close();
     CacheFileIo().Remove(cache_path_);

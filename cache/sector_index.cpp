@@ -132,6 +132,22 @@ std::vector<long long> SectorIndex::SelectOld(SteadyTime now, uint64_t max_used_
   return selected;
 }
 
+std::vector<SectorAge> SectorIndex::SettledAges() const {
+  std::vector<SectorAge> ages;
+  for (const auto& entry : sectors_) {
+    if (!entry.second.reserved) ages.push_back({entry.second.access_time, entry.second.size});
+  }
+  return ages;
+}
+
+std::vector<long long> SectorIndex::SelectReadBefore(SteadyTime cutoff) const {
+  std::vector<long long> selected;
+  for (const auto& entry : sectors_) {
+    if (!entry.second.reserved && entry.second.access_time <= cutoff) selected.push_back(entry.first);
+  }
+  return selected;
+}
+
 void SectorIndex::Drop(long long sector) {
   auto it = sectors_.find(sector);
   if (it == sectors_.end()) return;

@@ -22,6 +22,12 @@ struct _SECTOR {
   SteadyTime access_time{};    // last read, or the reservation
 };
 
+// When a settled sector was last read, and how many bytes it holds.
+struct SectorAge {
+  SteadyTime access_time;
+  long long size;
+};
+
 class SectorIndex {
  public:
   // How a fetched sector found its slot.
@@ -72,6 +78,10 @@ class SectorIndex {
   // `max_used_age` seconds, or older than `max_unused_age` whatever their
   // hits. An access time in the future counts as very old.
   std::vector<long long> SelectOld(SteadyTime now, uint64_t max_used_age, uint64_t max_unused_age) const;
+  // Every settled sector's last read and size.
+  std::vector<SectorAge> SettledAges() const;
+  // Settled sectors last read at or before `cutoff`.
+  std::vector<long long> SelectReadBefore(SteadyTime cutoff) const;
   // Drops `sector`, if present, freeing its slot.
   void Drop(long long sector);
   // Every sector left, with its slot.

@@ -60,7 +60,8 @@ WritableCache::WritableCache(std::string cache_dir, std::string name, long long 
       cache_path_(FreePath(cache_dir_, file_name_)),
       file_size_(size),
       origin_end_(size),
-      config_(config) {
+      config_(config),
+      stored_(MeterOf(config)) {
   fp_ = CacheFileIo().Open(cache_path_, "w+");
   if (fp_ == nullptr) {
     int error = errno;
@@ -139,6 +140,7 @@ unsigned int WritableCache::FetchEmptySectors(const std::vector<long long>& sect
   fetching_from_ = -1;
   fetching_to_ = -1;
   fetched_to_ = -1;
+  stored_.Set(std::max(0LL, CacheFileIo().DiskBytesAt(cache_path_)));
   if (complete) return kOk;
   return store_failed_ ? kErrFileWrite : kErrRead;
 }
@@ -277,6 +279,7 @@ unsigned int WritableCache::Write(_WRITEDATA* wd) {
   KORV_TEST_POINT("writable cache: written, holes not yet erased");
   EraseHoles(SectorOf(offset), end);
   GrowToPhysicalLength();
+  stored_.Set(std::max(0LL, CacheFileIo().DiskBytesAt(cache_path_)));
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Write done : %p, %lld, %d/%d", tag.c_str(),
            static_cast<const void*>(wd->buffer), offset, static_cast<int>(wd->size),
            static_cast<int>(count));
@@ -374,6 +377,7 @@ unsigned int WritableCache::Truncate(long long length) {
   if (old_size > length) EraseHoles(SectorOf(length) + kSectorSize, old_size);
   // Bytes added by growing are the local file's zeros, not holes.
   file_size_.store(length, std::memory_order_relaxed);
+  stored_.Set(std::max(0LL, CacheFileIo().DiskBytesAt(cache_path_)));
   return kOk;
 }
 
@@ -393,6 +397,7 @@ unsigned int WritableCache::Close(bool remove) {
   CacheFileIo().Close(stream);
   empty_sectors_.clear();
   CacheFileIo().Remove(cache_path_);
+  stored_.Set(0);
   return kOk;
 }
 
@@ -406,6 +411,9 @@ long long WritableCache::GetFileSize() {
 }
 
 FILE* WritableCache::ReleaseStream() {
+  // The file's bytes are the new owner's to report.
+  MutexLock index_guard(index_lock_);
+  stored_.Set(0);
   MutexLock guard(file_lock_);
   FILE* stream = fp_;
   fp_ = nullptr;

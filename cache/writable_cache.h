@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "cache/storage_meter.h"
 #include "common/thread_annotations.h"
 #include "korvcache.h"
 
@@ -164,4 +165,6 @@ class WritableCache : public ICacheFile, public IFetchCallback {
   long long origin_end_ GUARDED_BY(index_lock_);
 
   ICacheConfig* const config_;
+  // The local file's length as last reported to the manager's meter.
+  StoredBytes stored_ GUARDED_BY(index_lock_);
 };

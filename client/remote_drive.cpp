@@ -43,6 +43,16 @@ bool RemoteDrive::Start(std::string* error) {
     cache_ = nullptr;
     return false;
   }
+  // The directory must stay near its limit while files stream through it:
+  // a clearing pass starts as soon as the limit is crossed, and read-ahead
+  // blocks (whose sectors cannot be dropped while on their way) are kept to
+  // an eighth of the limit. Settings given by the user come after these.
+  const unsigned long long read_ahead = std::min(256ULL << 20, cache_->GetLimit() / 8);
+  const std::string bounds = R"({"cache":{"clear":{"hard":1},"ra":{"max":)" + std::to_string(read_ahead) + "}}}";
+  if (cache_->SetConfiguration(bounds.c_str()) != kOk) {
+    *error = "the cache refused the drive's settings";
+    return false;
+  }
   if (!options_.settings_json.empty()) {
     const unsigned int applied = cache_->SetConfiguration(options_.settings_json.c_str());
     if (applied != kOk) {

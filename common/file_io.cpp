@@ -57,9 +57,9 @@ bool FileIo::Exists(const std::string& path) {
   return stat(path.c_str(), &st) == 0 && (S_ISREG(st.st_mode) || S_ISDIR(st.st_mode));
 }
 
-long long FileIo::SizeAt(const std::string& path) {
+long long FileIo::DiskBytesAt(const std::string& path) {
   struct stat st;
-  return stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+  return stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_blocks) * 512 : -1;
 }
 
 FileIo& CacheFileIo() { return *current_io.load(std::memory_order_acquire); }

@@ -47,8 +47,10 @@ class FileIo {
   virtual int Remove(const std::string& path);
   // True when `path` names a regular file or a directory.
   virtual bool Exists(const std::string& path);
-  // Size of the file at `path` (stat); -1 when it cannot be read.
-  virtual long long SizeAt(const std::string& path);
+  // Bytes the file at `path` occupies on disk, as du counts them (its
+  // allocated blocks: a hole costs nothing, a 13-byte file one block); -1
+  // when it cannot be read.
+  virtual long long DiskBytesAt(const std::string& path);
 };
 
 // The FileIo every cache file uses. Safe on any thread.

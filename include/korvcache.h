@@ -196,6 +196,8 @@ class ICacheObj : public ICacheIO {
 class ICache_V1 {
  public:
   virtual unsigned long long GetLimit() = 0;
+  // The disk bytes (allocated blocks) the cache files of this manager's
+  // objects hold, counted as they are stored and dropped.
   virtual unsigned long long GetUsedBytes() = 0;
   // Returns: kOk, kErrLimitTooSmall.
   virtual unsigned int SetLimit(unsigned long long bytes) = 0;

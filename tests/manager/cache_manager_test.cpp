@@ -185,19 +185,61 @@ TEST(QuotaManagerTest, ClearsOldSectorsOnlyWhileOverTheLimit) {
   AdvanceClockForTesting(5s);
   cache.RunQuotaPassNow();
   EXPECT_EQ(BytesInDirectory(dir.path()), cached) << "cleared under the limit";
-  // A sparse ballast fills the directory to exactly its limit, which is not
-  // over it; one byte more is.
-  const std::string ballast = dir.Write("ballast", "");
-  ASSERT_EQ(truncate(ballast.c_str(), static_cast<off_t>(cache.GetLimit()) - cached), 0);
+  // A ballast fills the directory to exactly its limit, which is not over
+  // it; one block more is.
+  const std::string ballast = dir.File("ballast");
+  ASSERT_TRUE(WriteBallast(ballast, static_cast<long long>(cache.GetLimit()) - cached));
   cache.RunQuotaPassNow();
   EXPECT_EQ(SectorCacheFiles(dir.path()).size(), 2u) << "cleared at the limit";
-  ASSERT_EQ(truncate(ballast.c_str(), FileSize(ballast) + 1), 0);
+  ASSERT_TRUE(WriteBallast(ballast, static_cast<long long>(cache.GetLimit()) - cached + 4096));
   cache.RunQuotaPassNow();
   EXPECT_EQ(SectorCacheFiles(dir.path()).size(), 1u) << "the first file cleared brings it within the limit";
   ASSERT_EQ(unlink(ballast.c_str()), 0);
   ASSERT_EQ(cache.SetConfiguration(R"({"cache":{"clear":{"usedblock":1,"unusedblock":1}}})"), kOk);
   cache.RunQuotaPassNow();
   EXPECT_TRUE(SectorCacheFiles(dir.path()).empty());
+}
+
+// The bytes stored are counted as they come and go. Off, as by default, a
+// directory over its limit loses nothing younger than the eviction ages;
+// with the hard limit on, the store that crosses the limit starts a pass at
+// once, which drops the least recently read sectors across files until the
+// directory is under its limit again.
+TEST(QuotaManagerTest, UsedBytesAreCountedAndAHardLimitDropsTheLeastRecentlyRead) {
+  SettingsFile none("");
+  TempDir dir;
+  Cache_UnbindAsyncQ();
+  Cache cache(dir.path().c_str(), 64 * kMiB);
+  ASSERT_EQ(cache.SetConfiguration(R"({"cache":{"ra":{"hit":1000}}})"), kOk);
+  FakeOrigin origin(48 * kMiB);
+  auto a = cache.Open("a.bin", 'r', origin.size(), &origin), b = cache.Open("b.bin", 'r', origin.size(), &origin);
+  auto c = cache.Open("c.bin", 'r', origin.size(), &origin), w = cache.Open("w.txt", 'w', 0, nullptr);
+  const std::vector<char> own = Pattern(1000, 'w');
+  _WRITEDATA write = WriteRequest(own, 0, 1000, nullptr);
+  ASSERT_EQ(w->Write(&write), kOk);
+  ASSERT_TRUE(Served(*a, origin, 0, 48 * kMiB, -1) && Served(*b, origin, 0, 48 * kMiB, -1));
+  EXPECT_EQ(cache.GetUsedBytes(), static_cast<unsigned long long>(BytesInDirectory(dir.path())));
+  cache.RunQuotaPassNow();
+  EXPECT_EQ(BytesInDirectory(dir.path()), 96 * kMiB + 4096) << "dropped before its age without the hard limit";
+
+  ASSERT_EQ(cache.SetConfiguration(R"({"cache":{"clear":{"hard":1}}})"), kOk);
+  ASSERT_TRUE(Served(*a, origin, 0, kMiB, -1));  // cached: read again, stores nothing
+  {
+    TestPointGate started("quota: holding the limit");
+    ASSERT_TRUE(Served(*c, origin, 0, kMiB, -1));
+    ASSERT_TRUE(started.WaitUntilHeld()) << "no pass started when the limit was crossed";
+  }
+  TestPointGate done("quota: pass done");
+  ASSERT_TRUE(done.WaitUntilHeld());
+  EXPECT_LE(BytesInDirectory(dir.path()), 64 * kMiB);
+  EXPECT_EQ(cache.GetUsedBytes(), static_cast<unsigned long long>(BytesInDirectory(dir.path())));
+  origin.ClearRequests();
+  EXPECT_TRUE(Served(*a, origin, 0, kMiB, -1) && Served(*b, origin, 24 * kMiB, 24 * kMiB, -1) &&
+              Served(*c, origin, 0, kMiB, -1));
+  EXPECT_TRUE(origin.Requests().empty()) << "the most recently read sectors were dropped";
+  for (const char* name : {"a.bin", "b.bin", "c.bin"}) cache.Close(name);
+  a.reset(), b.reset(), c.reset();
+  EXPECT_EQ(cache.GetUsedBytes(), 4096u);
 }
 
 }  // namespace
