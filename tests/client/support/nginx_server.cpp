@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <fstream>
 #include <utility>
 
@@ -58,17 +59,19 @@ std::string NginxServer::ErrorLog() const { return FileContents(dir_ + "/error.l
 bool NginxServer::Start() {
   const std::string d = "\"" + dir_ + "/";
   mkdir(Root().c_str(), 0755);
+  // Counted across instances, so that a second nginx of the test takes another port.
+  static std::atomic<int> tries{0};
   for (int attempt = 0; attempt < 5; ++attempt) {
-    port_ = 20000 + (getpid() * 31 + attempt * 7919) % 40000;
+    port_ = 20000 + (getpid() * 31 + tries++ * 7919) % 40000;
     std::ofstream(dir_ + "/nginx.conf", std::ios::trunc)
-        << "load_module /usr/lib/nginx/modules/ngx_http_dav_ext_module.so;\n"
+        << (propfind_ ? "load_module /usr/lib/nginx/modules/ngx_http_dav_ext_module.so;\n" : "")
         << "daemon off; master_process off; worker_processes 1; pid " << d << "nginx.pid\";\n"
         << "events { worker_connections 256; }\nhttp {\n  default_type application/octet-stream; access_log off;\n"
         << "  client_body_temp_path " << d << "body\"; proxy_temp_path " << d << "proxy\";\n"
         << "  fastcgi_temp_path " << d << "fastcgi\"; uwsgi_temp_path " << d << "uwsgi\";\n"
         << "  scgi_temp_path " << d << "scgi\";\n  server {\n    listen 127.0.0.1:" << port_ << ";\n"
         << "    root \"" << Root() << "\"; autoindex on; autoindex_format json; client_max_body_size 0;\n"
-        << "    dav_methods PUT DELETE MKCOL COPY MOVE; dav_ext_methods PROPFIND OPTIONS;\n"
+        << "    dav_methods PUT DELETE MKCOL COPY MOVE;" << (propfind_ ? " dav_ext_methods PROPFIND OPTIONS;\n" : "\n")
         << "    create_full_put_path on;\n  }\n}\n";
     pid_ = Spawn({kProgram, "-p", dir_ + "/", "-e", dir_ + "/error.log", "-c", dir_ + "/nginx.conf"}, -1);
     const std::string pid_line = std::to_string(pid_) + "\n";

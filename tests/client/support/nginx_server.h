@@ -21,12 +21,12 @@ int WaitChild(pid_t pid, std::chrono::milliseconds limit);
 int StopChild(pid_t pid);
 
 // nginx on a loopback port serving `dir`/root: JSON autoindex, WebDAV (PUT
-// DELETE MKCOL COPY MOVE, and PROPFIND from the dav-ext module), its
-// configuration, logs and temporary files in `dir`.
+// DELETE MKCOL COPY MOVE, and with `propfind` PROPFIND from the dav-ext
+// module), its configuration, logs and temporary files in `dir`.
 class NginxServer {
  public:
   static constexpr const char* kProgram = "/usr/sbin/nginx";
-  explicit NginxServer(std::string dir) : dir_(std::move(dir)) {}
+  explicit NginxServer(std::string dir, bool propfind = true) : dir_(std::move(dir)), propfind_(propfind) {}
   ~NginxServer();
   NginxServer(const NginxServer&) = delete;
   NginxServer& operator=(const NginxServer&) = delete;
@@ -39,6 +39,7 @@ class NginxServer {
 
  private:
   const std::string dir_;
+  const bool propfind_;
   pid_t pid_ = -1;
   int port_ = 0;
 };
