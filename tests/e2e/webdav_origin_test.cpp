@@ -5,10 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstring>
+#include <algorithm>
 #include <filesystem>
-#include <functional>
-#include <map>
 #include <set>
 
 #include "client/support/nginx_server.h"
@@ -17,7 +15,7 @@
 
 namespace {
 
-// "name=size" for each file and "name/" for each directory under `root`, sorted.
+// "name=size" per file, "name/" per directory, sorted: of nginx's root on disk, or of a listing.
 std::string Tree(const std::string& root) {
   std::set<std::string> found;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(root)) {
@@ -25,18 +23,15 @@ std::string Tree(const std::string& root) {
     found.insert(entry.is_directory() ? name + "/" : name + "=" + std::to_string(entry.file_size()));
   }
   std::string tree;
-  for (const std::string& item : found) tree += (tree.empty() ? "" : " ") + item;
+  for (const std::string& item : found) tree += item + " ";
   return tree;
 }
-
 std::string Listed(Origin& origin, const std::string& path) {
   std::vector<OriginEntry> entries;
-  std::string error;
-  std::set<std::string> found;
+  std::string error, listed;
   EXPECT_EQ(origin.List(path, &entries, &error), OriginStatus::kOk) << error;
-  for (const OriginEntry& e : entries) found.insert(e.name + (e.is_directory ? "/" : "=" + std::to_string(e.size)));
-  std::string listed;
-  for (const std::string& item : found) listed += (listed.empty() ? "" : " ") + item;
+  std::sort(entries.begin(), entries.end(), [](auto& a, auto& b) { return a.name < b.name; });
+  for (const OriginEntry& e : entries) listed += e.name + (e.is_directory ? "/ " : "=" + std::to_string(e.size) + " ");
   return listed;
 }
 
@@ -44,75 +39,60 @@ TEST(WebDavOriginTest, EachOperationLeavesNginxRootAsAFileSystemWould) {
   if (access(NginxServer::kProgram, X_OK) != 0) GTEST_SKIP() << "no nginx (scripts/install-deps.sh installs it)";
   ASSERT_EQ(curl_global_init(CURL_GLOBAL_DEFAULT), CURLE_OK);
   TempDir dir;
-  NginxServer nginx(dir.path());
+  NginxServer nginx{dir.path()};
   ASSERT_TRUE(nginx.Start()) << nginx.ErrorLog();
-  const std::string root = nginx.Root();
-  for (const char* name : {"empty", "full"}) mkdir((root + "/" + name).c_str(), 0755);
-  for (const auto& [name, bytes] : std::map<std::string, std::string>{
-           {".hidden", "h"}, {"a.txt", "abc"}, {"b.txt", "bb"}, {"full/x", "x"}}) {
-    dir.Write("root/" + name, bytes);
-  }
+  for (const char* name : {"empty", "full"}) mkdir((nginx.Root() + "/" + name).c_str(), 0755);
+  const char* files[][2] = {{".hidden", "h"}, {"a.txt", "abc"}, {"b.txt", "bb"}, {"full/x", "x"}};
+  for (const auto& file : files) dir.Write("root/" + std::string(file[0]), file[1]);
   std::string error;
   std::unique_ptr<Origin> origin = MakeHttpOrigin(nginx.Url(), OriginOptions(), &error);
   ASSERT_NE(origin, nullptr) << error;
-  Origin& o = *origin;
-  EXPECT_EQ(Listed(o, "/"), "a.txt=3 b.txt=2 empty/ full/");  // nginx lists no dot names
-  long long used = 0, available = 0;
-  EXPECT_FALSE(o.Space(&used, &available));  // nginx reports no quota
+  EXPECT_EQ(Listed(*origin, "/"), "a.txt=3 b.txt=2 empty/ full/ ");  // nginx lists no dot names
+  long long quota[2];
+  EXPECT_FALSE(origin->Space(&quota[0], &quota[1]));  // nginx reports no quota
 
-  const ByteSource xyz = [](long long at, char* buffer, size_t n) { return memcpy(buffer, "xyz" + at, n), 3 - at; };
-  const OriginStatus ok = OriginStatus::kOk, failed = OriginStatus::kFailed, not_found = OriginStatus::kNotFound,
-                     not_empty = OriginStatus::kNotEmpty;
+  auto run = [&](const std::string& op, const std::string& a, const std::string& b) {
+    const ByteSource bytes = [&](long long at, char* to, size_t n) { return b.copy(to, n, at), 0LL + n; };
+    if (op == "mkdir") return origin->MakeDirectory(a, &error);
+    if (op == "rm") return origin->Remove(a, &error);
+    if (op == "rmdir") return origin->RemoveDirectory(a, &error);
+    if (op == "put") return origin->Upload(a, static_cast<long long>(b.size()), bytes, &error);
+    return origin->Rename(a, b, &error);
+  };
+  using S = OriginStatus;
   const std::string start = ".hidden=1 a.txt=3 b.txt=2 empty/ full/ full/x=1";
-  struct Step {
-    const char* what;
-    std::function<OriginStatus()> op;
-    OriginStatus status;
-    std::string tree;  // nginx's root afterwards
+  // Each step's status and nginx's root afterwards (empty: as before).
+  const struct { const char *op, *a, *b; S status; std::string tree; } steps[] = {
+      {"mkdir", "/new", "", S::kOk, start + " new/"},
+      {"mkdir", "/no/such", "", S::kNotFound, ""},
+      {"put", "/new/f", "xyz", S::kOk, start + " new/ new/f=3"},
+      {"mv", "/new/f", "/new/g #1", S::kOk, start + " new/ new/g #1=3"},
+      {"mv", "/a.txt", "/b.txt", S::kOk, ".hidden=1 b.txt=3 empty/ full/ full/x=1 new/ new/g #1=3"},
+      {"mv", "/new", "/full", S::kNotEmpty, ""},
+      {"mv", "/new", "/empty", S::kOk, ".hidden=1 b.txt=3 empty/ empty/g #1=3 full/ full/x=1"},
+      {"mv", "/empty", "/moved", S::kOk, ".hidden=1 b.txt=3 full/ full/x=1 moved/ moved/g #1=3"},
+      {"mv", "/b.txt", "/moved", S::kFailed, ""},
+      {"rm", "/b.txt", "", S::kOk, ".hidden=1 full/ full/x=1 moved/ moved/g #1=3"},
+      {"rm", "/moved", "", S::kFailed, ""},  // a directory is never removed as a file
+      {"rmdir", "/full", "", S::kNotEmpty, ""},
+      {"rm", "/full/x", "", S::kOk, ".hidden=1 full/ moved/ moved/g #1=3"},
+      {"rmdir", "/full", "", S::kOk, ".hidden=1 moved/ moved/g #1=3"},
+      {"rmdir", "/full", "", S::kNotFound, ""},
   };
-  const Step steps[] = {
-      {"mkdir", [&] { return o.MakeDirectory("/new", &error); }, ok, start + " new/"},
-      {"mkdir of an existing one", [&] { return o.MakeDirectory("/new", &error); }, failed, start + " new/"},
-      {"mkdir without a parent", [&] { return o.MakeDirectory("/no/such", &error); }, not_found, start + " new/"},
-      {"upload", [&] { return o.Upload("/new/f", 3, xyz, &error); }, ok, start + " new/ new/f=3"},
-      {"rename a file", [&] { return o.Rename("/new/f", "/new/g #1", &error); }, ok, start + " new/ new/g #1=3"},
-      {"rename onto a file", [&] { return o.Rename("/a.txt", "/b.txt", &error); }, ok,
-       ".hidden=1 b.txt=3 empty/ full/ full/x=1 new/ new/g #1=3"},
-      {"rename a directory onto a full one", [&] { return o.Rename("/new", "/full", &error); }, not_empty,
-       ".hidden=1 b.txt=3 empty/ full/ full/x=1 new/ new/g #1=3"},
-      {"rename a directory onto an empty one", [&] { return o.Rename("/new", "/empty", &error); }, ok,
-       ".hidden=1 b.txt=3 empty/ empty/g #1=3 full/ full/x=1"},
-      {"rename a directory", [&] { return o.Rename("/empty", "/moved", &error); }, ok,
-       ".hidden=1 b.txt=3 full/ full/x=1 moved/ moved/g #1=3"},
-      {"rename a file onto a directory", [&] { return o.Rename("/b.txt", "/moved", &error); }, failed,
-       ".hidden=1 b.txt=3 full/ full/x=1 moved/ moved/g #1=3"},
-      {"rename a missing file", [&] { return o.Rename("/nope", "/x", &error); }, not_found,
-       ".hidden=1 b.txt=3 full/ full/x=1 moved/ moved/g #1=3"},
-      {"remove", [&] { return o.Remove("/b.txt", &error); }, ok, ".hidden=1 full/ full/x=1 moved/ moved/g #1=3"},
-      {"remove a missing file", [&] { return o.Remove("/b.txt", &error); }, not_found,
-       ".hidden=1 full/ full/x=1 moved/ moved/g #1=3"},
-      {"remove a directory as a file", [&] { return o.Remove("/moved", &error); }, failed,
-       ".hidden=1 full/ full/x=1 moved/ moved/g #1=3"},
-      {"rmdir of a full one", [&] { return o.RemoveDirectory("/full", &error); }, not_empty,
-       ".hidden=1 full/ full/x=1 moved/ moved/g #1=3"},
-      {"rmdir", [&] { return o.Remove("/full/x", &error) == ok ? o.RemoveDirectory("/full", &error) : failed; }, ok,
-       ".hidden=1 moved/ moved/g #1=3"},
-      {"rmdir of a missing one", [&] { return o.RemoveDirectory("/full", &error); }, not_found,
-       ".hidden=1 moved/ moved/g #1=3"},
-  };
-  for (const Step& step : steps) {
-    SCOPED_TRACE(step.what);
-    error.clear();
-    EXPECT_EQ(step.op(), step.status) << error;
-    EXPECT_EQ(Tree(root), step.tree);
+  std::string tree = start + " ";
+  for (const auto& step : steps) {
+    SCOPED_TRACE(std::string(step.op) + " " + step.a + " " + step.b);
+    EXPECT_EQ(run(step.op, step.a, step.b), step.status) << error;
+    tree = step.tree.empty() ? tree : step.tree + " ";
+    EXPECT_EQ(Tree(nginx.Root()), tree);
   }
-  EXPECT_EQ(Listed(o, "/moved"), "g #1=3");
+  EXPECT_EQ(Listed(*origin, "/moved"), "g #1=3 ");
 
   // nginx without the dav-ext module refuses PROPFIND: its JSON index lists the same.
-  NginxServer plain(dir.File("plain"), false);
+  NginxServer plain{dir.File("plain"), false};
   ASSERT_TRUE(mkdir(dir.File("plain").c_str(), 0755) == 0 && plain.Start()) << plain.ErrorLog();
   dir.Write("plain/root/f", "f");
-  EXPECT_EQ(Listed(*MakeHttpOrigin(plain.Url(), OriginOptions(), &error), "/"), "f=1");
+  EXPECT_EQ(Listed(*MakeHttpOrigin(plain.Url(), OriginOptions(), &error), "/"), "f=1 ");
 }
 
 }  // namespace
