@@ -206,7 +206,7 @@ class HttpOrigin : public Origin {
     } else if (code == 404) {
       return NotFound(url, error);
     } else if (code == 403 || code == 405) {
-      return StatByWebDav(path, info, error);  // a directory that nginx neither indexes nor lists
+      return StatByWebDav(path, url, code, info, error);
     } else {
       return Fail(url, "HTTP " + std::to_string(code), error);
     }
@@ -316,9 +316,13 @@ class HttpOrigin : public Origin {
  private:
   std::string UrlFor(const std::string& path, bool directory) const { return UrlForPath(base_, path, directory); }
 
-  OriginStatus StatByWebDav(const std::string& path, OriginFileInfo* info, std::string* error) {
+  // A directory that nginx neither indexes nor lists answers HEAD with 403
+  // (405 from other servers); PROPFIND tells what it is.
+  OriginStatus StatByWebDav(const std::string& path, const std::string& url, long head_code, OriginFileInfo* info,
+                            std::string* error) {
     DavResource resource;
     const OriginStatus status = dav_.Properties(path, &resource, error);
+    if (status == OriginStatus::kUnsupported) return Fail(url, "HTTP " + std::to_string(head_code), error);
     if (status != OriginStatus::kOk) return status;
     info->is_directory = resource.is_collection;
     info->size = resource.is_collection || resource.size < 0 ? 0 : resource.size;
