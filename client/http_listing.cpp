@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <memory>
 
 namespace {
@@ -79,7 +80,13 @@ bool ParseJsonListing(const std::string& body, std::vector<OriginEntry>* entries
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value root;
   std::string parse_error;
-  if (!reader->parse(body.data(), body.data() + body.size(), &root, &parse_error)) {
+  bool parsed = false;
+  try {
+    parsed = reader->parse(body.data(), body.data() + body.size(), &root, &parse_error);
+  } catch (const std::exception& e) {  // jsoncpp throws past its nesting limit (1,000 levels)
+    parse_error = e.what();
+  }
+  if (!parsed) {
     // Servers without `autoindex_format json` answer an HTML page; say so
     // rather than echo a parser message about a '<'.
     *error = "directory listing is not JSON (is autoindex_format json set?): " + parse_error;

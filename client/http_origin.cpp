@@ -1,24 +1,16 @@
 #include "http_origin.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 
 #include "http_listing.h"
 #include "http_transfer.h"
+#include "webdav_client.h"
 
 namespace {
 
-// A listing this large is a misconfigured server, not a directory.
-constexpr size_t kMaxListingBytes = 64u << 20;
-
 size_t DiscardBody(char*, size_t size, size_t count, void*) { return size * count; }
-
-size_t AppendBody(char* data, size_t size, size_t count, void* user) {
-  std::string* body = static_cast<std::string*>(user);
-  if (body->size() + size * count > kMaxListingBytes) return 0;
-  body->append(data, size * count);
-  return size * count;
-}
 
 // The first byte position of "bytes 100-199/1000".
 bool ContentRangeStart(const std::string& value, long long* first) {
@@ -158,24 +150,28 @@ class HttpOrigin : public Origin {
       : url_(std::move(url)),
         base_(std::move(base)),
         limits_{static_cast<long>(std::min<long long>(options.timeout_ms, 5000)),
-                std::chrono::milliseconds(options.timeout_ms)} {}
+                std::chrono::milliseconds(options.timeout_ms)},
+        dav_(base_, limits_, options.warn) {}
 
   std::string Describe() const override { return url_; }
 
+  // PROPFIND; a server that does not know it (nginx without the dav-ext
+  // module) is asked for its JSON autoindex instead, from then on directly.
   OriginStatus List(const std::string& path, std::vector<OriginEntry>* entries,
                     std::string* error) override {
+    if (!webdav_listing_refused_.load(std::memory_order_relaxed)) {
+      const OriginStatus status = dav_.List(path, entries, error);
+      if (status != OriginStatus::kUnsupported) return status;
+      webdav_listing_refused_.store(true, std::memory_order_relaxed);
+    }
     entries->clear();
-    EasyHandle easy;
-    Response response;
-    const std::string url = UrlFor(path, true);
-    if (!PrepareTransfer(easy.get(), url, limits_, &response, error)) return OriginStatus::kFailed;
+    SmallRequest request;
+    request.url = UrlFor(path, true);
+    const std::string& url = request.url;
+    long code = 0;
     std::string body;
-    curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, AppendBody);
-    curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, &body);
-    CURLcode result = curl_easy_perform(easy.get());
-    if (result == CURLE_WRITE_ERROR) return Fail(url, "directory listing is too large", error);
-    if (result != CURLE_OK) return TransferFailure(result, "GET", url, response, error);
-    long code = ResponseCode(easy.get());
+    const OriginStatus status = PerformSmallRequest(request, limits_, &code, &body, error);
+    if (status != OriginStatus::kOk) return status;
     if (code == 404) return NotFound(url, error);
     if (code != 200) return Fail(url, "HTTP " + std::to_string(code), error);
     std::string parse_error;
@@ -209,6 +205,8 @@ class HttpOrigin : public Origin {
       info->is_directory = true;  // how nginx answers a directory named without its slash
     } else if (code == 404) {
       return NotFound(url, error);
+    } else if (code == 403 || code == 405) {
+      return StatByWebDav(path, url, code, info, error);
     } else {
       return Fail(url, "HTTP " + std::to_string(code), error);
     }
@@ -298,26 +296,39 @@ class HttpOrigin : public Origin {
     return Fail(url, "HTTP " + std::to_string(code), error);
   }
 
-  OriginStatus Remove(const std::string&, std::string* error) override { return Unsupported(error); }
-  OriginStatus MakeDirectory(const std::string&, std::string* error) override { return Unsupported(error); }
-  OriginStatus RemoveDirectory(const std::string&, std::string* error) override { return Unsupported(error); }
-  OriginStatus Rename(const std::string&, const std::string&, std::string* error) override {
-    return Unsupported(error);
+  OriginStatus Remove(const std::string& path, std::string* error) override { return dav_.Remove(path, error); }
+  OriginStatus MakeDirectory(const std::string& path, std::string* error) override {
+    return dav_.MakeDirectory(path, error);
   }
+  OriginStatus RemoveDirectory(const std::string& path, std::string* error) override {
+    return dav_.RemoveDirectory(path, error);
+  }
+  OriginStatus Rename(const std::string& from, const std::string& to, std::string* error) override {
+    return dav_.Rename(from, to, error);
+  }
+  // nginx cannot PROPPATCH, and a PUT takes the time of its arrival.
   OriginStatus SetModificationTime(const std::string&, long long, std::string* error) override {
-    return Unsupported(error);
-  }
-  bool Space(long long*, long long*) override { return false; }
-  static OriginStatus Unsupported(std::string* error) {
     *error = "not supported by this origin";
     return OriginStatus::kUnsupported;
   }
+  bool Space(long long* used, long long* available) override { return dav_.Space(used, available); }
 
  private:
-  std::string UrlFor(const std::string& path, bool directory) const {
-    std::string url = base_ + EscapeUrlPath(path);
-    if (directory && url.back() != '/') url += '/';
-    return url;
+  std::string UrlFor(const std::string& path, bool directory) const { return UrlForPath(base_, path, directory); }
+
+  // A directory that nginx neither indexes nor lists answers HEAD with 403
+  // (405 from other servers); PROPFIND tells what it is.
+  OriginStatus StatByWebDav(const std::string& path, const std::string& url, long head_code, OriginFileInfo* info,
+                            std::string* error) {
+    DavResource resource;
+    const OriginStatus status = dav_.Properties(path, &resource, error);
+    if (status == OriginStatus::kUnsupported) return Fail(url, "HTTP " + std::to_string(head_code), error);
+    if (status != OriginStatus::kOk) return status;
+    info->is_directory = resource.is_collection;
+    info->size = resource.is_collection || resource.size < 0 ? 0 : resource.size;
+    info->mtime = resource.mtime;
+    info->validator = resource.etag;
+    return OriginStatus::kOk;
   }
 
   static OriginStatus Fail(const std::string& where, const std::string& why, std::string* error) {
@@ -333,6 +344,8 @@ class HttpOrigin : public Origin {
   const std::string url_;
   const std::string base_;  // url_ without its trailing slashes
   const TransferLimits limits_;
+  const WebDavClient dav_;
+  std::atomic<bool> webdav_listing_refused_{false};
 };
 
 }  // namespace

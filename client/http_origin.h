@@ -1,6 +1,8 @@
-// An origin on a plain HTTP server: directory listings come from nginx's
-// `autoindex_format json`, file data from Range requests, uploads are PUTs
-// (nginx's WebDAV module stores them whole or not at all).
+// An origin on an HTTP server: file data from Range requests, uploads are
+// PUTs (nginx's WebDAV module stores them whole or not at all), listings and
+// the changes to names and directories are WebDAV methods (webdav_client.h).
+// A server that does not answer PROPFIND is listed through nginx's
+// `autoindex_format json` instead.
 #pragma once
 
 #include <memory>

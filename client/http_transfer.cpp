@@ -58,6 +58,13 @@ size_t OnHeader(char* data, size_t size, size_t count, void* user) {
   return bytes;
 }
 
+size_t AppendCappedBody(char* data, size_t size, size_t count, void* user) {
+  std::string* body = static_cast<std::string*>(user);
+  if (body->size() + size * count > kMaxListingBytes) return 0;
+  body->append(data, size * count);
+  return size * count;
+}
+
 }  // namespace
 
 EasyHandle::EasyHandle() {
@@ -165,4 +172,42 @@ std::string EscapeUrlPath(const std::string& path) {
     }
   }
   return out;
+}
+
+std::string UrlForPath(const std::string& base, const std::string& path, bool directory) {
+  std::string url = base + EscapeUrlPath(path);
+  if (directory && url.back() != '/') url += '/';
+  return url;
+}
+
+OriginStatus PerformSmallRequest(const SmallRequest& request, const TransferLimits& limits, long* code,
+                                 std::string* answer, std::string* error) {
+  answer->clear();
+  *code = 0;
+  EasyHandle easy;
+  Response response;
+  if (!PrepareTransfer(easy.get(), request.url, limits, &response, error)) return OriginStatus::kFailed;
+  // Without "Expect: 100-continue" a server that never answers it costs no
+  // extra second per request with a body.
+  curl_slist* headers = curl_slist_append(nullptr, "Expect:");
+  for (const std::string& header : request.headers) headers = curl_slist_append(headers, header.c_str());
+  curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, headers);
+  if (std::string(request.method) != "GET") curl_easy_setopt(easy.get(), CURLOPT_CUSTOMREQUEST, request.method);
+  if (!request.body.empty()) {
+    curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+    curl_easy_setopt(easy.get(), CURLOPT_POSTFIELDS, request.body.data());
+  }
+  curl_easy_setopt(easy.get(), CURLOPT_WRITEFUNCTION, AppendCappedBody);
+  curl_easy_setopt(easy.get(), CURLOPT_WRITEDATA, answer);
+  const CURLcode result = curl_easy_perform(easy.get());
+  *code = ResponseCode(easy.get());
+  curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, nullptr);
+  curl_slist_free_all(headers);
+  if (result == CURLE_WRITE_ERROR) {
+    *error = std::string(request.method) + " " + request.url + ": the answer is larger than " +
+             std::to_string(kMaxListingBytes >> 20) + " MiB";
+    return OriginStatus::kFailed;
+  }
+  if (result != CURLE_OK) return TransferFailure(result, request.method, request.url, response, error);
+  return OriginStatus::kOk;
 }

@@ -1,12 +1,14 @@
 // The libcurl plumbing under the HTTP origin: a reusable handle per thread,
-// the options every request shares, the response headers the origin looks at
-// and the mapping of curl's failures onto origin statuses.
+// the options every request shares, the response headers the origin looks at,
+// the mapping of curl's failures onto origin statuses, and small requests
+// whose whole answer is wanted.
 #pragma once
 
 #include <curl/curl.h>
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 #include "origin.h"
 
@@ -67,3 +69,26 @@ OriginStatus TransferFailure(CURLcode result, const char* method, const std::str
 
 // "/a b/c#1" -> "/a%20b/c%231": each component escaped, the slashes kept.
 std::string EscapeUrlPath(const std::string& path);
+
+// base + the escaped `path`, with a trailing slash for a directory (which
+// nginx's WebDAV methods and listings want).
+std::string UrlForPath(const std::string& base, const std::string& path, bool directory);
+
+// A listing or WebDAV answer this large is a misconfigured or hostile
+// server, not a directory.
+constexpr size_t kMaxListingBytes = 64u << 20;
+
+// A request whose whole answer is wanted: a listing or a WebDAV method.
+struct SmallRequest {
+  const char* method = "GET";
+  std::string url;
+  std::vector<std::string> headers;  // "Name: value"
+  std::string body;                  // sent when not empty
+};
+
+// Sends `request` and keeps the answer's status in `code` and its body (at
+// most kMaxListingBytes) in `answer`. kOk whenever the server answered, with
+// whatever status; a failed transfer is classified by TransferFailure, a
+// body over the limit is kFailed.
+OriginStatus PerformSmallRequest(const SmallRequest& request, const TransferLimits& limits, long* code,
+                                 std::string* answer, std::string* error);

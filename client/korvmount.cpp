@@ -18,14 +18,16 @@
 #include "http_origin.h"
 #include "fuse_volume.h"
 #include "remote_drive.h"
+#include "stderr_log.h"
 
 namespace {
 
 void PrintUsage(FILE* out) {
   fprintf(out,
           "usage: korvmount ORIGIN MOUNTPOINT [options]\n"
-          "  ORIGIN is an http:// URL of a server that answers Range requests (directories\n"
-          "  listed as nginx's JSON autoindex), or a local directory.\n"
+          "  ORIGIN is an http:// URL of a WebDAV server that answers Range requests\n"
+          "  (nginx with its dav and dav-ext modules; without dav-ext, directories are\n"
+          "  listed as its JSON autoindex), or a local directory.\n"
           "options:\n%s"
           "  -f, --foreground    stay in the foreground, messages on standard error\n"
           "                      (otherwise they go to CACHE_DIR/korvmount.log)\n"
@@ -103,6 +105,7 @@ int main(int argc, char** argv) {
   options.drive.cache_dir = Absolute(options.drive.cache_dir);
 
   curl_global_init(CURL_GLOBAL_DEFAULT);
+  options.origin.warn = [](const std::string& message) { ClientLog(LOGLEVEL_WARNING, "%s", message.c_str()); };
   std::unique_ptr<Origin> origin = MakeOrigin(where, options.origin, &error);
   if (!origin) {
     fprintf(stderr, "korvmount: %s\n", error.c_str());

@@ -107,6 +107,10 @@ struct OriginOptions {
   long long latency_ms = 0;  // added before every request of a directory origin
   long long bandwidth = 0;   // bytes per second a directory origin delivers, 0 = unlimited
   long long timeout_ms = 15000;  // an HTTP request that stalls this long fails
+  // Told, one line each, about listing entries an HTTP origin had to leave
+  // out (names no file can have); may be called from many threads at once.
+  // Empty: such entries are left out silently.
+  std::function<void(const std::string&)> warn;
 };
 std::unique_ptr<Origin> MakeOrigin(const std::string& where, const OriginOptions& options,
                                    std::string* error);

@@ -56,7 +56,10 @@ origin_sum=$(sha256sum "$work/root/big.bin" | cut -d' ' -f1)
 echo "== starting nginx on loopback"
 for attempt in $(seq 20); do
   port=$((20000 + RANDOM % 40000))
+  # Run with -c, nginx reads no modules-enabled: the configuration loads
+  # the dav-ext module (PROPFIND, the listings korvmount asks for) itself.
   cat > "$work/nginx.conf" <<CONF
+load_module /usr/lib/nginx/modules/ngx_http_dav_ext_module.so;
 daemon off;
 master_process off;
 worker_processes 1;
@@ -75,7 +78,8 @@ http {
     root $work/root;
     autoindex on;
     autoindex_format json;
-    dav_methods PUT;
+    dav_methods PUT DELETE MKCOL COPY MOVE;
+    dav_ext_methods PROPFIND OPTIONS;
     create_full_put_path on;
     client_max_body_size 0;
   }

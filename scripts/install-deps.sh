@@ -11,7 +11,7 @@ packages=(
   g++ clang cmake ninja-build make pkg-config
   libjsoncpp-dev uuid-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libfuse3-dev fuse3 libcurl4-openssl-dev nginx curl
+  libfuse3-dev fuse3 libcurl4-openssl-dev libxml2-dev nginx libnginx-mod-http-dav-ext curl
 )
 # rclone: the client benchmark's competitor (`rclone mount` of an :http: remote).
 bench_packages=(rclone)

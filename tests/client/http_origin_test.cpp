@@ -82,6 +82,7 @@ TEST(HttpOriginTest, RejectsOtherUrlsNeverConnectsEarlyAndTakesStatsAndUploadsAs
   ASSERT_TRUE(ParseJsonListing(R"([{"name":".","type":"directory"},{"name":"a/b","type":"file","size":1},)"
                                R"({"name":"d","type":"directory"}])", &entries, &error)) << error;
   EXPECT_TRUE(entries.size() == 1 && entries[0].name == "d" && entries[0].is_directory);
+  EXPECT_FALSE(ParseJsonListing(std::string(1001, '['), &entries, &error));  // past jsoncpp's nesting limit
   ScriptedServer upload_server("HTTP/1.1 403 Forbidden\r\nContent-Length: 0\r\n\r\n", false);
   const ByteSource source = [](long long, char* buffer, size_t) { return buffer[0] = 'x', 1LL; };
   EXPECT_EQ(Connect(upload_server.url)->Upload("/f", 1, source, &error), OriginStatus::kFailed);

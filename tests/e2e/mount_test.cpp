@@ -3,13 +3,8 @@
 // stays within its limit. nginx and korvmount run as children of the test
 // that die with it (also when it is killed).
 #include <fcntl.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -20,6 +15,7 @@
 #include <fstream>
 #include <thread>
 
+#include "client/support/nginx_server.h"
 #include "client/support/test_bytes.h"
 #include "support/file_helpers.h"
 #include "support/temp_dir.h"
@@ -27,64 +23,24 @@
 namespace {
 
 constexpr long long kMiB = 1 << 20;
-const char kNginx[] = "/usr/sbin/nginx";
 
-// Starts argv[0] with standard output and error to `log_fd` (inherited when
-// negative) and no other descriptor of the test. Returns its pid, or -1. The
-// child is ended when the thread that started it ends: start it from the
-// test's own thread.
-pid_t Spawn(const std::vector<std::string>& argv, int log_fd) {
-  std::vector<char*> args;
-  for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-  args.push_back(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    // Only async-signal-safe calls until exec: the test process has threads.
-    prctl(PR_SET_PDEATHSIG, SIGTERM);
-    if (log_fd >= 0) dup2(log_fd, STDOUT_FILENO), dup2(log_fd, STDERR_FILENO);
-    close_range(3, ~0U, 0);
-    execv(args[0], args.data());
-    _exit(127);
-  }
-  return pid;
-}
-
-// Waits up to `limit` for the child to end and reaps it. Returns its exit
-// status (128 + the signal when killed), or -1 while it still runs.
-int WaitChild(pid_t pid, std::chrono::milliseconds limit) {
-  const int fd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-  pollfd ended = {fd, POLLIN, 0};
-  const bool done = fd >= 0 && poll(&ended, 1, static_cast<int>(limit.count())) == 1;
-  if (fd >= 0) close(fd);
-  int status = 0;
-  if (!done || waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-// SIGTERM, then SIGKILL if it is still there after 10 s; returns as WaitChild.
-int StopChild(pid_t pid) {
-  kill(pid, SIGTERM);
-  const int status = WaitChild(pid, std::chrono::seconds(10));
-  return status >= 0 ? status : (kill(pid, SIGKILL), WaitChild(pid, std::chrono::seconds(10)));
-}
-
-// nginx serving Origin() (JSON listings, WebDAV PUT) and korvmount of it on
-// a fresh mount point and cache with a 64 MiB limit and the eviction ages as
-// they come: only the drive's hard limit keeps the directory near it.
+// nginx serving Origin() (WebDAV) and korvmount of it on a fresh mount point
+// and cache with a 64 MiB limit and the eviction ages as they come: only the
+// drive's hard limit keeps the directory near it.
 class MountTest : public ::testing::Test {
  protected:
   // Skips where nginx or FUSE cannot run here.
   void SetUp() override {
-    if (access(kNginx, X_OK) != 0) GTEST_SKIP() << kNginx << " is not installed (scripts/install-deps.sh installs it)";
+    if (access(NginxServer::kProgram, X_OK) != 0) GTEST_SKIP() << "no nginx (scripts/install-deps.sh installs it)";
     // Opened, not only looked up: a container may list the device and refuse it.
     const int fuse = open("/dev/fuse", O_RDWR | O_CLOEXEC);
     if (fuse < 0 || close(fuse) != 0 || (getuid() != 0 && access("/usr/bin/fusermount3", X_OK) != 0)) {
       GTEST_SKIP() << "FUSE tests skipped: /dev/fuse cannot be opened, or not root and no fusermount3";
     }
-    ASSERT_TRUE(StartNginx()) << "nginx did not start: " << FileContents(dir_.File("error.log"));
+    ASSERT_TRUE(nginx_.Start()) << "nginx did not start: " << nginx_.ErrorLog();
     ASSERT_EQ(mkdir(mnt_.c_str(), 0755), 0);
     const int log_fd = open(dir_.File("korvmount.log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    korvmount_ = Spawn({std::string(KORV_BIN_DIR) + "/korvmount", "http://127.0.0.1:" + std::to_string(port_), mnt_,
+    korvmount_ = Spawn({std::string(KORV_BIN_DIR) + "/korvmount", nginx_.Url(), mnt_,
                         "--foreground", "--cache-dir", dir_.File("cache"), "--timeout-ms", "3000", "--limit", "64M"},
                        log_fd);
     close(log_fd);
@@ -97,34 +53,6 @@ class MountTest : public ::testing::Test {
     ASSERT_TRUE(Mounted()) << "korvmount did not mount within 20 s: " << Messages();
   }
 
-  // nginx writes its pid file once it listens: a connection made after that
-  // reaches this nginx. The port comes from the pid; when another process
-  // holds it, nginx fails and the next try takes another.
-  bool StartNginx() {
-    const std::string d = "\"" + dir_.path() + "/";
-    mkdir(Origin("").c_str(), 0755);
-    for (int attempt = 0; attempt < 5; ++attempt) {
-      port_ = 20000 + (getpid() * 31 + attempt * 7919) % 40000;
-      std::ofstream(dir_.File("nginx.conf"), std::ios::trunc)
-          << "daemon off; master_process off; worker_processes 1; pid " << d << "nginx.pid\";\n"
-          << "events { worker_connections 256; }\nhttp {\n  default_type application/octet-stream; access_log off;\n"
-          << "  client_body_temp_path " << d << "body\"; proxy_temp_path " << d << "proxy\";\n"
-          << "  fastcgi_temp_path " << d << "fastcgi\"; uwsgi_temp_path " << d << "uwsgi\";\n"
-          << "  scgi_temp_path " << d << "scgi\";\n  server {\n    listen 127.0.0.1:" << port_ << ";\n"
-          << "    root \"" << Origin("") << "\"; autoindex on; autoindex_format json; client_max_body_size 0;\n"
-          << "    dav_methods PUT; create_full_put_path on;\n  }\n}\n";
-      nginx_ = Spawn({kNginx, "-p", dir_.path() + "/", "-e", dir_.File("error.log"), "-c", dir_.File("nginx.conf")},
-                     -1);
-      const std::string pid_line = std::to_string(nginx_) + "\n";
-      for (int tick = 0; tick < 500 && nginx_ > 0; ++tick) {
-        if (FileContents(dir_.File("nginx.pid")) == pid_line) return true;
-        if (WaitChild(nginx_, std::chrono::milliseconds(10)) >= 0) nginx_ = -1;
-      }
-      if (nginx_ > 0) StopChild(std::exchange(nginx_, -1));
-    }
-    return false;
-  }
-
   // Unmounts and expects korvmount to end cleanly, also when a test failed.
   void TearDown() override {
     if (korvmount_ > 0 && umount2(mnt_.c_str(), 0) != 0) {
@@ -133,7 +61,6 @@ class MountTest : public ::testing::Test {
     const int status = korvmount_ > 0 ? WaitChild(korvmount_, std::chrono::seconds(30)) : 0;
     if (status < 0 && StopChild(korvmount_) >= 0) umount2(mnt_.c_str(), MNT_DETACH);
     EXPECT_EQ(status, 0) << Messages();
-    if (nginx_ > 0) StopChild(nginx_);
   }
 
   bool Mounted() const { return FileContents("/proc/self/mountinfo").find(" " + mnt_ + " ") != std::string::npos; }
@@ -147,8 +74,8 @@ class MountTest : public ::testing::Test {
 
   TempDir dir_;
   const std::string mnt_ = dir_.File("mnt");
-  pid_t nginx_ = -1, korvmount_ = -1;
-  int port_ = 0;
+  NginxServer nginx_{dir_.path()};
+  pid_t korvmount_ = -1;
 };
 
 // Bytes on disk, as du counts them (allocated blocks).
