@@ -319,8 +319,8 @@ TEST_F(DriveTest, RenamedFilesKeepTheirCacheAndHandlesAndRemovedOnesAreNeverUplo
   EXPECT_TRUE(Same(ReadWhole("/cached.bin"), bytes));
   auto partly = Open("/dir/in.bin");
   EXPECT_TRUE(Same(ReadRange(partly.get(), 0, kSector), big.substr(0, kSector)));
-  auto reader = Open("/over.txt");
-  EXPECT_EQ(ReadRange(reader.get()), "over");
+  auto reader = Open("/over.txt", O_RDWR);
+  ASSERT_EQ(drive_->Write(reader.get(), "O", 1, 0), 1);
   const long long sent = faulty_->sent;
   ASSERT_EQ(drive_->Rename("/cached.bin", "/moved.bin", false), 0);
   ASSERT_EQ(drive_->Rename("/dir", "/dir2", false), 0);
@@ -334,16 +334,16 @@ TEST_F(DriveTest, RenamedFilesKeepTheirCacheAndHandlesAndRemovedOnesAreNeverUplo
   EXPECT_EQ(drive_->Unlink("/moved.bin"), 0);
   EXPECT_LE(BytesInDirectory(cache_.File("cache")), cached - 2 * kSector) << "the removed file's cache stayed";
 
-  // Written, then renamed over a file another handle reads: the writer
-  // uploads to the new name at its close, the reader keeps what it had.
+  // Written, then renamed over a file another handle writes: the first
+  // uploads to the new name at its close, the other keeps its bytes to itself.
   auto writer = Open("/old.txt", O_RDWR);
   ASSERT_EQ(drive_->Write(writer.get(), "NEW", 3, 0), 3);
   ASSERT_EQ(drive_->Rename("/old.txt", "/over.txt", false), 0);
   ASSERT_EQ(drive_->Write(writer.get(), "!", 1, 3), 1);
   EXPECT_EQ(drive_->Release(std::move(writer)), 0);
   EXPECT_EQ(OnOrigin("over.txt"), "NEW!");
-  EXPECT_EQ(ReadRange(reader.get()), "over");
-  drive_->Release(std::move(reader));
+  EXPECT_EQ(ReadRange(reader.get()), "Over");
+  EXPECT_EQ(drive_->Release(std::move(reader)), 0);
   EXPECT_EQ(ReadWhole("/over.txt"), "NEW!");
 
   // New files: one renamed before its first upload, one given a time, one unlinked.
