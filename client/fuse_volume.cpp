@@ -1,5 +1,8 @@
 #include "fuse_volume.h"
 
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -106,23 +109,36 @@ int Release(const char*, struct fuse_file_info* fi) {
   return Drive()->Release(std::unique_ptr<OpenHandle>(HandleOf(fi)));
 }
 
-// Times are the origin's; setting them is accepted and ignored so that
-// tools such as touch and cp -p work.
-int Utimens(const char*, const struct timespec*, struct fuse_file_info*) { return 0; }
+int Unlink(const char* path) { return Drive()->Unlink(path); }
 
-int StatFs(const char*, struct statvfs* st) {
-  std::memset(st, 0, sizeof(*st));
-  ICache_V2* cache = Drive()->cache();
-  const unsigned long long limit = cache != nullptr ? cache->GetLimit() : 0;
-  const unsigned long long used = Drive()->CacheDirectoryBytes();
-  st->f_bsize = 4096;
-  st->f_frsize = 4096;
-  st->f_blocks = limit / 4096;
-  st->f_bfree = used < limit ? (limit - used) / 4096 : 0;
-  st->f_bavail = st->f_bfree;
-  st->f_namemax = 255;
-  return 0;
+int Rename(const char* from, const char* to, unsigned int flags) {
+  if ((flags & RENAME_EXCHANGE) != 0) return -EINVAL;  // no origin swaps two names at once
+  if ((flags & ~static_cast<unsigned int>(RENAME_NOREPLACE)) != 0) return -EINVAL;
+  return Drive()->Rename(from, to, (flags & RENAME_NOREPLACE) != 0);
 }
+
+int MakeDirectory(const char* path, mode_t) { return Drive()->MakeDirectory(path); }
+
+int RemoveDirectory(const char* path) { return Drive()->RemoveDirectory(path); }
+
+// Only the modification time is the origin's to keep; the access time is not kept anywhere.
+int Utimens(const char* path, const struct timespec times[2], struct fuse_file_info*) {
+  const struct timespec now = {0, UTIME_NOW};
+  const struct timespec& modified = times != nullptr ? times[1] : now;
+  if (modified.tv_nsec == UTIME_OMIT) return 0;
+  return Drive()->SetModificationTime(path, static_cast<long long>(modified.tv_sec), modified.tv_nsec == UTIME_NOW);
+}
+
+// Owners and permission bits are not the origin's to keep: changing them is
+// accepted and changes nothing, as on other network file systems.
+int Chmod(const char*, mode_t, struct fuse_file_info*) { return 0; }
+int Chown(const char*, uid_t, gid_t, struct fuse_file_info*) { return 0; }
+
+// Neither kind of link can be stored on the origin.
+int Symlink(const char*, const char*) { return -EPERM; }
+int Link(const char*, const char*) { return -EPERM; }
+
+int StatFs(const char*, struct statvfs* st) { return Drive()->StatFs(st); }
 
 struct fuse_operations MakeOperations() {
   struct fuse_operations operations;
@@ -138,7 +154,15 @@ struct fuse_operations MakeOperations() {
   operations.flush = Flush;
   operations.fsync = Fsync;
   operations.release = Release;
+  operations.unlink = Unlink;
+  operations.rename = Rename;
+  operations.mkdir = MakeDirectory;
+  operations.rmdir = RemoveDirectory;
   operations.utimens = Utimens;
+  operations.chmod = Chmod;
+  operations.chown = Chown;
+  operations.symlink = Symlink;
+  operations.link = Link;
   operations.statfs = StatFs;
   return operations;
 }

@@ -42,3 +42,11 @@ void ListingCache::Forget(const std::string& directory) {
   std::lock_guard<std::mutex> guard(lock_);
   listings_.erase(directory);
 }
+
+void ListingCache::ForgetTree(const std::string& directory) {
+  std::lock_guard<std::mutex> guard(lock_);
+  listings_.erase(directory);
+  const std::string prefix = directory == "/" ? directory : directory + "/";
+  auto it = listings_.lower_bound(prefix);
+  while (it != listings_.end() && it->first.compare(0, prefix.size(), prefix) == 0) it = listings_.erase(it);
+}

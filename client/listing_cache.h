@@ -27,6 +27,8 @@ class ListingCache {
   int List(const std::string& directory, std::vector<OriginEntry>* entries);
   // The next List of `directory` asks the origin.
   void Forget(const std::string& directory);
+  // Forgets `directory` and every directory beneath it (it was renamed or removed).
+  void ForgetTree(const std::string& directory);
 
  private:
   struct Listing {

@@ -87,26 +87,31 @@ long long OriginFetch::FetchRange(long long offset, long length, const std::shar
   long long delay_ms = retry_.first_delay_ms;
   for (int attempt = 1;; ++attempt) {
     const long long from = batcher.received_end();
-    std::string error;
+    std::string error, path, validator;
+    {
+      std::lock_guard<std::mutex> guard(target_lock_);
+      path = path_;
+      validator = validator_;
+    }
     TransferCounters::Add(drive_->origin_requests, 1);
     TransferCounters::Add(file_->origin_requests, 1);
     TransferCounters::Add(drive_->in_flight, 1);
-    const OriginStatus status = origin_->ReadRange(path_, from, end - from, validator_, sink, &error);
+    const OriginStatus status = origin_->ReadRange(path, from, end - from, validator, sink, &error);
     TransferCounters::Add(drive_->in_flight, -1);
     if (stop_ != nullptr && stop_->load(std::memory_order_relaxed)) return 1;
     if (batcher.refused() != 0) {
-      ClientLog(LOGLEVEL_ERROR, "fetch %s at %lld: the cache refused the bytes (%d)", path_.c_str(),
+      ClientLog(LOGLEVEL_ERROR, "fetch %s at %lld: the cache refused the bytes (%d)", path.c_str(),
                 batcher.received_end(), batcher.refused());
       return 1;
     }
     if (status == OriginStatus::kOk) break;
     const bool closed = handle && __atomic_load_n(&handle->state, __ATOMIC_RELAXED) > 2;
     if (!IsTransient(status) || attempt >= retry_.attempts || closed) {
-      ClientLog(LOGLEVEL_ERROR, "fetch %s [%lld, %lld) from %s: %s: %s", path_.c_str(), from, end,
+      ClientLog(LOGLEVEL_ERROR, "fetch %s [%lld, %lld) from %s: %s: %s", path.c_str(), from, end,
                 origin_->Describe().c_str(), OriginStatusText(status), error.c_str());
       return 1;
     }
-    ClientLog(LOGLEVEL_WARNING, "fetch %s at %lld: %s (%s); try %d of %d in %lld ms", path_.c_str(), from,
+    ClientLog(LOGLEVEL_WARNING, "fetch %s at %lld: %s (%s); try %d of %d in %lld ms", path.c_str(), from,
               OriginStatusText(status), error.c_str(), attempt + 1, retry_.attempts, delay_ms);
     std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
     delay_ms *= 2;
@@ -114,4 +119,19 @@ long long OriginFetch::FetchRange(long long offset, long length, const std::shar
   return batcher.Deliver() ? 0 : 1;
 }
 
-std::string OriginFetch::HandleInfo(_FS_HANDLE* handle) { return handle != nullptr ? handle->info : path_; }
+std::string OriginFetch::HandleInfo(_FS_HANDLE* handle) { return handle != nullptr ? handle->info : path(); }
+
+std::string OriginFetch::path() const {
+  std::lock_guard<std::mutex> guard(target_lock_);
+  return path_;
+}
+
+void OriginFetch::SetPath(const std::string& path) {
+  std::lock_guard<std::mutex> guard(target_lock_);
+  path_ = path;
+}
+
+void OriginFetch::SetValidator(const std::string& validator) {
+  std::lock_guard<std::mutex> guard(target_lock_);
+  validator_ = validator;
+}

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "korvcache.h"
@@ -35,15 +36,20 @@ class OriginFetch : public IFetch {
                   IFetchCallback* callback) override;
   std::string HandleInfo(_FS_HANDLE* handle) override;
 
-  const std::string& path() const { return path_; }
+  std::string path() const;
+  // The file was renamed on the origin: later requests ask for `path`.
+  void SetPath(const std::string& path);
+  // The origin's version changed without its contents (a new modification time).
+  void SetValidator(const std::string& validator);
 
  private:
   long long FetchRange(long long offset, long length, const std::shared_ptr<_FS_HANDLE>& handle,
                        IFetchCallback* callback);
 
   Origin* const origin_;
-  const std::string path_;
-  const std::string validator_;
+  mutable std::mutex target_lock_;
+  std::string path_;       // protected by target_lock_
+  std::string validator_;  // protected by target_lock_
   TransferCounters* const drive_;
   const std::shared_ptr<TransferCounters> file_;
   const RetryPolicy retry_;

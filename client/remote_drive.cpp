@@ -10,9 +10,7 @@
 
 const char kStatsFileName[] = ".korvcache-stats";
 
-namespace {
-
-const std::string kStatsPath = std::string("/") + kStatsFileName;
+const char kStatsPath[] = "/.korvcache-stats";
 
 std::string ParentOf(const std::string& path) {
   const std::string::size_type slash = path.rfind('/');
@@ -20,8 +18,6 @@ std::string ParentOf(const std::string& path) {
 }
 
 std::string NameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
-}  // namespace
 
 RemoteDrive::RemoteDrive(std::unique_ptr<Origin> origin, DriveOptions options)
     : origin_(std::move(origin)),
@@ -132,14 +128,14 @@ void RemoteDrive::Retire(const std::shared_ptr<RemoteFile>& file) {
 }
 
 void RemoteDrive::Forget(const std::shared_ptr<RemoteFile>& file) {
-  auto it = files_.find(file->path);
+  auto it = files_.find(file->Path());
   if (it == files_.end() || it->second != file) return;
   files_.erase(it);
   // Only the manager's table entry goes now; the object itself goes with the
   // last handle that holds the file, outside every lock.
-  cache_->Close(file->path.c_str());
+  cache_->Close(file->Path().c_str());
   Retire(file);
-  listings_.Forget(ParentOf(file->path));
+  listings_.Forget(ParentOf(file->Path()));
 }
 
 int RemoteDrive::OpenFile(const std::string& path, int flags, std::shared_ptr<RemoteFile>* opened) {
@@ -285,7 +281,7 @@ int RemoteDrive::Upload(RemoteFile* file) {
   const int result = UploadRemoteFile(origin_.get(), file, &uploads_);
   // The directory's listing from before the upload lacks the file or has its
   // old size, and a clean file is listed only as the origin lists it.
-  if (result == 0) listings_.Forget(ParentOf(file->path));
+  if (result == 0) listings_.Forget(ParentOf(file->Path()));
   return result;
 }
 
@@ -334,8 +330,8 @@ int RemoteDrive::ListDirectory(const std::string& path, std::vector<OriginEntry>
   // Files created here and not uploaded yet are part of the directory too.
   for (auto& entry : files_) {
     RemoteFile& file = *entry.second;
-    if (ParentOf(file.path) != path || (file.on_origin && !file.dirty)) continue;
-    const std::string name = NameOf(file.path);
+    if (ParentOf(file.Path()) != path || (file.on_origin && !file.dirty)) continue;
+    const std::string name = NameOf(file.Path());
     if (std::any_of(entries->begin(), entries->end(), [&](const OriginEntry& e) { return e.name == name; })) continue;
     OriginEntry local;
     local.name = name;
@@ -372,7 +368,7 @@ std::string RemoteDrive::StatsJson() {
     input.limit = cache_->GetLimit();
   }
   for (auto& file : open_files) {
-    input.files.push_back({file->path, file->size.load(std::memory_order_relaxed), file->counters.get()});
+    input.files.push_back({file->Path(), file->size.load(std::memory_order_relaxed), file->counters.get()});
   }
   return RenderDriveStats(input);
 }

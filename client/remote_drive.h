@@ -4,19 +4,22 @@
 // one file through it.
 //
 // Thread safety: every public operation may be called from many threads.
-// Lock order: a RemoteFile's io_lock, then files_lock_, then the listings'
-// lock. Under files_lock_ the only library calls are the manager's Open and
-// Close of a name, which touch its table; reads, writes and uploads run with
-// at most an io_lock held.
+// Lock order: names_lock_, then RemoteFile io_locks, then files_lock_, then
+// the listings' lock. Only a change of names (names_lock_ held) takes more
+// than one io_lock. Under files_lock_ the only library calls are the
+// manager's Open, Close and Rehash of a name, which touch its table; reads,
+// writes and uploads run with at most an io_lock held.
 //
 // The work is divided: remote_file_io.* reads, writes and cuts one file
 // through its cache object, remote_file_upload.* saves what was written,
 // listing_cache.* keeps directory listings, drive_stats.* renders the
-// statistics file; this class keeps the table of open files, checks an
-// opened file against the origin's version and ties the parts together.
+// statistics file, remote_drive_names.cpp removes, renames and makes names;
+// this class keeps the table of open files, checks an opened file against
+// the origin's version and ties the parts together.
 #pragma once
 
 #include <fcntl.h>
+#include <sys/statvfs.h>
 
 #include <atomic>
 #include <map>
@@ -51,8 +54,13 @@ struct FileAttributes {
   bool read_only = false;
 };
 
-// The name of the statistics file at the volume's root.
+// The name of the statistics file at the volume's root, and its path.
 extern const char kStatsFileName[];
+extern const char kStatsPath[];
+
+// "/" for "/a", "/a" for "/a/b"; and the last component.
+std::string ParentOf(const std::string& path);
+std::string NameOf(const std::string& path);
 
 // One open of a file; what FUSE keeps as the file handle.
 struct OpenHandle {
@@ -91,6 +99,23 @@ class RemoteDrive {
   int Flush(OpenHandle* handle);
   int Release(std::unique_ptr<OpenHandle> handle);
 
+  // Changes of names (remote_drive_names.cpp). A file open or cached here
+  // follows its name: a renamed one keeps its cache and its open handles,
+  // which upload to the new name; a removed one (or one a rename replaced)
+  // is never uploaded again and its cache goes with its last handle.
+  int Unlink(const std::string& path);
+  // Replaces a file at `to`, unless `no_replace`: then -EEXIST.
+  int Rename(const std::string& from, const std::string& to, bool no_replace);
+  int MakeDirectory(const std::string& path);
+  int RemoveDirectory(const std::string& path);
+  // `to_now`: the caller asked for the current time, which an origin that
+  // cannot set times gives anyway (it stamps every upload); any other time
+  // it cannot hold is -EPERM. A file with unsaved writes is uploaded first.
+  int SetModificationTime(const std::string& path, long long mtime, bool to_now);
+  // The origin's space when it tells; otherwise the cache's limit and what
+  // the cache leaves of it.
+  int StatFs(struct statvfs* st);
+
   std::string StatsJson();
   // Bytes the cache directory holds on disk now.
   unsigned long long CacheDirectoryBytes() const;
@@ -106,6 +131,12 @@ class RemoteDrive {
   int Upload(RemoteFile* file);
   // REQUIRES: files_lock_ held.
   void Forget(const std::shared_ptr<RemoteFile>& file);
+  // The files of the table at `path` and, for a directory, beneath it.
+  // REQUIRES: files_lock_ held.
+  std::vector<std::shared_ptr<RemoteFile>> FilesAt(const std::string& path);
+  // Moves the table's entry of `file` (and its cache object) to `to`.
+  // REQUIRES: files_lock_ and the file's io_lock held.
+  void Move(const std::shared_ptr<RemoteFile>& file, const std::string& to);
   void Retire(const std::shared_ptr<RemoteFile>& file);
 
   const std::unique_ptr<Origin> origin_;
@@ -118,6 +149,7 @@ class RemoteDrive {
   std::atomic<bool> stopping_{false};     // set at unmount: transfers end
   std::atomic<long long> uploads_{0};     // uploads done; an open that raced one checks again
   ListingCache listings_;
+  std::mutex names_lock_;  // one change of names at a time: each takes several io_locks
 
   std::mutex files_lock_;
   // State below is protected by files_lock_.

@@ -14,7 +14,17 @@
 #include "transfer_counters.h"
 
 struct RemoteFile {
-  explicit RemoteFile(std::string file_path) : path(std::move(file_path)) {}
+  explicit RemoteFile(std::string file_path) : path_(std::move(file_path)) {}
+
+  // Changed by a rename, with the file's io_lock and the drive's files_lock_ held.
+  std::string Path() {
+    std::lock_guard<std::mutex> guard(seen_lock);
+    return path_;
+  }
+  void SetPath(const std::string& path) {
+    std::lock_guard<std::mutex> guard(seen_lock);
+    path_ = path;
+  }
 
   OriginFileInfo Seen() {
     std::lock_guard<std::mutex> guard(seen_lock);
@@ -25,7 +35,6 @@ struct RemoteFile {
     seen = info;
   }
 
-  const std::string path;
   // Set once, before the file is shared. The fetcher is declared first so
   // that it outlives the cache object, whose destruction waits for the
   // fetches it started.
@@ -40,6 +49,9 @@ struct RemoteFile {
   std::atomic<bool> on_origin{true};  // false: created here, never uploaded
   std::atomic<bool> writable{false};  // the cache object is in mode 'w'
   std::atomic<bool> dirty{false};     // written since the last upload; set and cleared under io_lock
+  // Unlinked, or replaced by a rename: whatever is still written through an
+  // open handle is never uploaded. Set under io_lock.
+  std::atomic<bool> removed{false};
 
   // Serializes writes, truncates, the switch to mode 'w' and uploads. It is
   // held across origin transfers, so nothing waits for it while holding the
@@ -52,5 +64,6 @@ struct RemoteFile {
 
  private:
   std::mutex seen_lock;
+  std::string path_;
   OriginFileInfo seen;  // the origin's version the cache holds
 };

@@ -33,7 +33,7 @@ int MakeRemoteFileWritable(RemoteFile* file) {
   if (file->writable) return 0;
   const unsigned int status = file->object->SetMode('w', file->size.load(std::memory_order_relaxed), file->fetch.get());
   if (status != kOk) {
-    ClientLog(LOGLEVEL_ERROR, "%s cannot be opened for writing (cache status %u)", file->path.c_str(), status);
+    ClientLog(LOGLEVEL_ERROR, "%s cannot be opened for writing (cache status %u)", file->Path().c_str(), status);
     return -EIO;
   }
   file->writable = true;
@@ -54,7 +54,7 @@ long long ReadRemoteFile(RemoteFile* file, const std::shared_ptr<_FS_HANDLE>& ha
   _READDATA request = ReadRequest(buffer, offset, count, handle, file_size, file->fetch.get());
   const unsigned int status = file->object->Read(&request);
   if (status != kOk) {
-    ClientLog(LOGLEVEL_ERROR, "read %s [%lld, +%llu): cache status %u", file->path.c_str(), offset, count, status);
+    ClientLog(LOGLEVEL_ERROR, "read %s [%lld, +%llu): cache status %u", file->Path().c_str(), offset, count, status);
     return -EIO;
   }
   const long long served = static_cast<long long>(request.transferred);
@@ -85,7 +85,7 @@ long long WriteRemoteFile(RemoteFile* file, const std::shared_ptr<_FS_HANDLE>& h
   request.fetch = file->on_origin ? file->fetch.get() : nullptr;
   const unsigned int status = file->object->Write(&request);
   if (status != kOk) {
-    ClientLog(LOGLEVEL_ERROR, "write %s [%lld, +%zu): cache status %u", file->path.c_str(), offset, size, status);
+    ClientLog(LOGLEVEL_ERROR, "write %s [%lld, +%zu): cache status %u", file->Path().c_str(), offset, size, status);
     return -EIO;
   }
   RaiseTo(file->size, offset + static_cast<long long>(request.transferred));
@@ -98,7 +98,7 @@ int TruncateRemoteFile(RemoteFile* file, long long size) {
   std::lock_guard<std::mutex> guard(file->io_lock);
   const unsigned int status = file->object->Truncate(size);
   if (status != kOk) {
-    ClientLog(LOGLEVEL_ERROR, "truncate %s to %lld: cache status %u", file->path.c_str(), size, status);
+    ClientLog(LOGLEVEL_ERROR, "truncate %s to %lld: cache status %u", file->Path().c_str(), size, status);
     return -EIO;
   }
   file->size.store(size, std::memory_order_relaxed);

@@ -26,31 +26,32 @@ bool MakeParentDirectories(const std::string& path) {
 
 int UploadRemoteFile(Origin* origin, RemoteFile* file, std::atomic<long long>* uploads) {
   std::lock_guard<std::mutex> guard(file->io_lock);
-  if (!file->dirty) return 0;
+  if (!file->dirty || file->removed) return 0;
+  const std::string path = file->Path();  // a rename waits for the io_lock
   if (file->on_origin) {
     // Fails when some of the origin's bytes could not be fetched or stored.
     const unsigned int filled = file->object->FillEmptySectors(file->fetch.get());
     if (filled != kOk) {
       ClientAlert("upload of %s: the unchanged parts could not be fetched from %s; the written data stays in the "
                   "cache and is uploaded again at the next close or at unmount",
-                  file->path.c_str(), origin->Describe().c_str());
+                  path.c_str(), origin->Describe().c_str());
       return -EIO;
     }
   }
   const long long size = file->size.load(std::memory_order_relaxed);
   auto own_handle = std::make_shared<_FS_HANDLE>();
-  own_handle->info = file->path;
+  own_handle->info = path;
   ByteSource source = [&](long long offset, char* buffer, size_t length) -> long long {
     _READDATA request = ReadRequest(buffer, offset, length, own_handle, size, nullptr);
     const unsigned int status = file->object->Read(&request);
     return status == kOk ? static_cast<long long>(request.transferred) : -1;
   };
   std::string error;
-  const OriginStatus status = origin->Upload(file->path, size, source, &error);
+  const OriginStatus status = origin->Upload(path, size, source, &error);
   if (status != OriginStatus::kOk) {
     ClientAlert("upload of %s to %s failed (%s); the written data stays in the cache and is uploaded again at "
                 "the next close or at unmount",
-                file->path.c_str(), origin->Describe().c_str(),
+                path.c_str(), origin->Describe().c_str(),
                 error.empty() ? OriginStatusText(status) : error.c_str());
     return -EIO;
   }
@@ -58,15 +59,16 @@ int UploadRemoteFile(Origin* origin, RemoteFile* file, std::atomic<long long>* u
   file->on_origin = true;
   uploads->fetch_add(1);
   OriginFileInfo info;
-  if (origin->Stat(file->path, &info, &error) == OriginStatus::kOk) file->SetSeen(info);
-  ClientLog(LOGLEVEL_INFO, "uploaded %s (%lld bytes)", file->path.c_str(), size);
+  if (origin->Stat(path, &info, &error) == OriginStatus::kOk) file->SetSeen(info);
+  ClientLog(LOGLEVEL_INFO, "uploaded %s (%lld bytes)", path.c_str(), size);
   return 0;
 }
 
 void KeepUnsavedCopy(const std::string& cache_dir, RemoteFile* file) {
   std::lock_guard<std::mutex> guard(file->io_lock);
+  const std::string path = file->Path();
   if (file->on_origin) file->object->FillEmptySectors(file->fetch.get());
-  const std::string target = cache_dir + "/unsaved" + file->path;
+  const std::string target = cache_dir + "/unsaved" + path;
   FILE* out = nullptr;
   if (MakeParentDirectories(target)) out = fopen(target.c_str(), "wb");
   const long long size = file->size.load(std::memory_order_relaxed);
@@ -83,9 +85,9 @@ void KeepUnsavedCopy(const std::string& cache_dir, RemoteFile* file) {
   }
   if (out != nullptr && fclose(out) != 0) ok = false;
   if (ok) {
-    ClientAlert("%s could not be uploaded; its contents are kept in %s", file->path.c_str(), target.c_str());
+    ClientAlert("%s could not be uploaded; its contents are kept in %s", path.c_str(), target.c_str());
   } else {
-    ClientAlert("%s could not be uploaded nor kept in %s (%s): its changes are lost", file->path.c_str(),
+    ClientAlert("%s could not be uploaded nor kept in %s (%s): its changes are lost", path.c_str(),
                 target.c_str(), strerror(errno));
   }
 }

@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <string>
 
+struct stat;
+
 // Longest executable path, including its terminating NUL, that
 // ExecutablePath() can report; longer paths make it fail.
 constexpr size_t kMaxExecutablePath = 1024;
@@ -37,3 +39,30 @@ bool CurrentUserAccount(UserAccount* out);
 // all free blocks, the blocks kept for the superuser included. Returns false,
 // leaving *out untouched, when the volume cannot be queried.
 bool VolumeFreeBytes(const std::string& path, long long* out);
+
+// Paths resolved beneath a directory: `path` is relative to the directory
+// open as `root_fd` ("" or "." is that directory) and may not leave it, by
+// "..", an absolute path or a symbolic link (such attempts fail with EXDEV,
+// ELOOP or ENOTDIR). A client serving a directory to others uses these so
+// that a link planted inside cannot expose the rest of the system.
+//
+// Opens `path` with open(2) `flags` and `mode`; returns the descriptor, or -1
+// with errno set. Linux resolves with openat2(RESOLVE_BENEATH |
+// RESOLVE_NO_MAGICLINKS), which follows links that stay beneath the root;
+// where openat2 is missing, and on macOS, OpenBeneathByWalk.
+int OpenBeneath(int root_fd, const std::string& path, int flags, unsigned mode = 0);
+// The portable way: one component at a time with O_NOFOLLOW, refusing ".."
+// and every symbolic link.
+int OpenBeneathByWalk(int root_fd, const std::string& path, int flags, unsigned mode = 0);
+// Opens the directory holding `path` beneath the root (as OpenBeneath) and
+// puts the last component in *name, for the *at(2) calls that act on a name
+// without following it. Fails with EINVAL when that component is empty, "."
+// or "..".
+int OpenParentBeneath(int root_fd, const std::string& path, std::string* name);
+// stat(2) of `path` beneath the root, resolved as OpenBeneath does, without
+// opening the file itself for reading. Returns false with errno set.
+bool StatBeneath(int root_fd, const std::string& path, struct stat* st);
+
+// The used and available bytes of the volume holding `path`, as statvfs(3)
+// tells them to an unprivileged user. Returns false when it cannot be asked.
+bool VolumeSpace(const std::string& path, long long* used, long long* available);

@@ -7,12 +7,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <future>
 #include <set>
 #include <sstream>
 
 #include "client/support/faulty_origin.h"
 #include "client/support/test_bytes.h"
+#include "common/platform.h"
 #include "directory_origin.h"
 #include "support/file_helpers.h"
 #include "support/temp_dir.h"
@@ -67,6 +69,27 @@ class DriveTest : public ::testing::Test {
     std::set<std::string> names;
     for (const OriginEntry& entry : entries) names.insert(entry.name);
     return names;
+  }
+  // Every name beneath `dir`, directories marked "/": as the drive lists them,
+  // or (`on_disk`) as the origin's directory holds them.
+  std::string Tree(bool on_disk, const std::string& dir = "/") {
+    std::set<std::string> tree;
+    if (on_disk) {
+      for (const auto& entry : std::filesystem::recursive_directory_iterator(origin_.path())) {
+        tree.insert(entry.path().string().substr(origin_.path().size() + 1) + (entry.is_directory() ? "/" : ""));
+      }
+    } else {
+      std::vector<OriginEntry> entries;
+      EXPECT_EQ(drive_->ListDirectory(dir, &entries), 0) << dir;
+      for (const OriginEntry& entry : entries) {
+        const std::string path = (dir == "/" ? "" : dir.substr(1) + "/") + entry.name;
+        if (entry.name != kStatsFileName) tree.insert(path + (entry.is_directory ? "/" : ""));
+        if (entry.is_directory) tree.insert(Tree(false, "/" + path));
+      }
+    }
+    std::string text;
+    for (const std::string& name : tree) text += (text.empty() ? "" : " ") + name;
+    return text;
   }
   // The size, or a negative errno; the attributes go to attributes_.
   long long SizeOf(const std::string& path) {
@@ -238,6 +261,132 @@ TEST_F(DriveTest, FailedUploadLosesNothingAndUnmountWhileFetchesRunIsClean) {
   drive_->Release(std::move(reader));
   drive_->Shutdown();
   EXPECT_EQ(FileContents(cache_.File("cache/unsaved/keep.txt")), "CHanged");
+}
+
+TEST_F(DriveTest, NameChangesReachTheOriginAndTheNextListing) {
+  origin_.Write("a", "A");
+  origin_.Write("b", "B");
+  ASSERT_EQ(mkdir(origin_.File("d").c_str(), 0755), 0);
+  origin_.Write("d/f", "F");
+  ASSERT_EQ(Tree(false), "a b d/ d/f");  // listed once: every later listing shows the change at once
+  const struct { const char* op; std::string path, to; int status; const char* tree; } steps[] = {
+      {"mkdir", "/e", "", 0, "a b d/ d/f e/"},
+      {"mkdir", "/e", "", -EEXIST, "a b d/ d/f e/"},
+      {"mkdir", "/x/y", "", -ENOENT, "a b d/ d/f e/"},
+      {"rmdir", "/d", "", -ENOTEMPTY, "a b d/ d/f e/"},
+      {"rename", "/a", "/e/a", 0, "b d/ d/f e/ e/a"},
+      {"noreplace", "/b", "/e/a", -EEXIST, "b d/ d/f e/ e/a"},
+      {"rename", "/b", "/e/a", 0, "d/ d/f e/ e/a"},
+      {"rename", "/d", "/g", 0, "e/ e/a g/ g/f"},
+      {"rename", "/g", "/g/h", -EINVAL, "e/ e/a g/ g/f"},
+      {"rename", "/none", "/e/z", -ENOENT, "e/ e/a g/ g/f"},
+      {"unlink", "/e/a", "", 0, "e/ g/ g/f"},
+      {"unlink", "/e/a", "", -ENOENT, "e/ g/ g/f"},
+      {"unlink", "/.korvcache-stats", "", -EACCES, "e/ g/ g/f"},
+      {"rmdir", "/e", "", 0, "g/ g/f"},
+  };
+  for (const auto& step : steps) {
+    const std::string op = step.op;
+    const int status = op == "mkdir"    ? drive_->MakeDirectory(step.path)
+                       : op == "rmdir"  ? drive_->RemoveDirectory(step.path)
+                       : op == "unlink" ? drive_->Unlink(step.path)
+                                        : drive_->Rename(step.path, step.to, op == "noreplace");
+    EXPECT_EQ(status, step.status) << op << " " << step.path;
+    EXPECT_EQ(Tree(false) + " | on disk: " + Tree(true), step.tree + (" | on disk: " + std::string(step.tree))) << op;
+  }
+  EXPECT_EQ(drive_->SetModificationTime("/g/f", 1000000000, false), 0);
+  EXPECT_TRUE(SizeOf("/g/f") == 1 && attributes_.mtime == 1000000000);
+}
+
+TEST_F(DriveTest, RenamedFilesKeepTheirCacheAndHandlesAndRemovedOnesAreNeverUploaded) {
+  Mount(kNoReadAhead);
+  const std::string bytes = RandomBytes(2 * kSector + 9, 8);
+  ASSERT_EQ(mkdir(origin_.File("dir").c_str(), 0755), 0);
+  const std::string big = RandomBytes(6 * kSector, 9);  // read in part before its directory is renamed
+  origin_.Write("dir/in.bin", big);
+  origin_.Write("cached.bin", bytes);
+  origin_.Write("old.txt", "old");
+  origin_.Write("over.txt", "over");
+  EXPECT_TRUE(Same(ReadWhole("/cached.bin"), bytes));
+  auto partly = Open("/dir/in.bin");
+  EXPECT_TRUE(Same(ReadRange(partly.get(), 0, kSector), big.substr(0, kSector)));
+  auto reader = Open("/over.txt", O_RDWR);
+  ASSERT_EQ(drive_->Write(reader.get(), "O", 1, 0), 1);
+  const long long sent = faulty_->sent;
+  ASSERT_EQ(drive_->Rename("/cached.bin", "/moved.bin", false), 0);
+  ASSERT_EQ(drive_->Rename("/dir", "/dir2", false), 0);
+  EXPECT_TRUE(Same(ReadWhole("/moved.bin"), bytes));
+  EXPECT_EQ(faulty_->sent, sent) << "cached bytes fetched again";
+  EXPECT_TRUE(Same(ReadRange(partly.get()), big)) << "the rest is not fetched from the new name";
+  drive_->Release(std::move(partly));
+  origin_.Write("cached.bin", "another file");  // under the old name: nothing of the renamed one
+  EXPECT_EQ(ReadWhole("/cached.bin"), "another file");
+  const long long cached = BytesInDirectory(cache_.File("cache"));
+  EXPECT_EQ(drive_->Unlink("/moved.bin"), 0);
+  EXPECT_LE(BytesInDirectory(cache_.File("cache")), cached - 2 * kSector) << "the removed file's cache stayed";
+
+  // Written, then renamed over a file another handle writes: the first
+  // uploads to the new name at its close, the other keeps its bytes to itself.
+  auto writer = Open("/old.txt", O_RDWR);
+  ASSERT_EQ(drive_->Write(writer.get(), "NEW", 3, 0), 3);
+  ASSERT_EQ(drive_->Rename("/old.txt", "/over.txt", false), 0);
+  ASSERT_EQ(drive_->Write(writer.get(), "!", 1, 3), 1);
+  EXPECT_EQ(drive_->Release(std::move(writer)), 0);
+  EXPECT_EQ(OnOrigin("over.txt"), "NEW!");
+  EXPECT_EQ(ReadRange(reader.get()), "Over");
+  EXPECT_EQ(drive_->Release(std::move(reader)), 0);
+  EXPECT_EQ(ReadWhole("/over.txt"), "NEW!");
+
+  // New files: one renamed before its first upload, one given a time, one unlinked.
+  auto created = Open("/new.txt", O_WRONLY | O_CREAT);
+  auto stamped = Open("/stamped.txt", O_WRONLY | O_CREAT);
+  auto doomed = Open("/doomed.txt", O_WRONLY | O_CREAT);
+  for (auto* handle : {created.get(), stamped.get(), doomed.get()}) ASSERT_EQ(drive_->Write(handle, "fresh", 5, 0), 5);
+  EXPECT_EQ(drive_->Rename("/new.txt", "/dir2/new.txt", false), 0);
+  EXPECT_EQ(drive_->SetModificationTime("/stamped.txt", 1000000000, false), 0);
+  EXPECT_EQ(drive_->Unlink("/doomed.txt"), 0);
+  const char* tree = "cached.bin dir2/ dir2/in.bin dir2/new.txt over.txt stamped.txt";
+  EXPECT_EQ(Tree(false), tree);
+  for (auto* handle : {&created, &stamped, &doomed}) EXPECT_EQ(drive_->Release(std::move(*handle)), 0);
+  EXPECT_EQ(Tree(true), tree);
+  EXPECT_EQ(OnOrigin("dir2/new.txt") + OnOrigin("stamped.txt"), "freshfresh");
+  struct stat st;
+  EXPECT_TRUE(stat(origin_.File("stamped.txt").c_str(), &st) == 0 && st.st_mtime == 1000000000);
+}
+
+TEST_F(DriveTest, TheDirectoryOriginNeverLeavesItsRoot) {
+  TempDir outside;
+  outside.Write("secret.txt", "secret");
+  struct stat before, after;
+  ASSERT_EQ(stat(outside.File("secret.txt").c_str(), &before), 0);
+  ASSERT_EQ(symlink(outside.path().c_str(), origin_.File("out").c_str()), 0);
+  ASSERT_EQ(symlink(outside.File("secret.txt").c_str(), origin_.File("link").c_str()), 0);
+  const std::string sibling = "/../" + outside.path().substr(outside.path().rfind('/') + 1);
+  const std::string escapes[] = {"/out/secret.txt", "/link", sibling + "/secret.txt", "/" + outside.File("secret.txt")};
+  const int root = open(origin_.path().c_str(), O_RDONLY | O_DIRECTORY);
+  for (const std::string& path : escapes) {  // the fallback refuses them too
+    EXPECT_EQ(OpenBeneathByWalk(root, path.substr(1), O_RDONLY), -1) << path;
+  }
+  close(root);
+  Origin* origin = drive_->origin();
+  std::string error;
+  std::vector<OriginEntry> entries;
+  for (const std::string& dir : {std::string("/out"), sibling}) EXPECT_NE(origin->List(dir, &entries, &error), OriginStatus::kOk);
+  for (const std::string& path : escapes) {
+    OriginFileInfo info;
+    EXPECT_NE(origin->Stat(path, &info, &error), OriginStatus::kOk) << path;
+    EXPECT_NE(origin->ReadRange(path, 0, 6, "", [](const char*, size_t) { return true; }, &error), OriginStatus::kOk);
+    // What a change may touch is the link itself, never its target.
+    origin->Upload(path, 1, [](long long, char* buffer, size_t) { return *buffer = 'x', 1LL; }, &error);
+    origin->SetModificationTime(path, 1, &error);
+    origin->Rename(path, "/taken", &error);
+    origin->Remove(path, &error);
+  }
+  EXPECT_EQ(Tree(false), "taken") << "a link leading out is listed";  // the upload replaced "link", then moved
+  EXPECT_EQ(OnOrigin("taken"), "x");
+  EXPECT_EQ(FileContents(outside.File("secret.txt")), "secret");
+  EXPECT_TRUE(stat(outside.File("secret.txt").c_str(), &after) == 0 && after.st_mtime == before.st_mtime);
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(outside.path()), {}), 1);
 }
 
 }  // namespace
