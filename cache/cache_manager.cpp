@@ -74,7 +74,8 @@ std::string MakeDirectories(const std::string& path) {
   for (const std::string& piece : split(path, '/')) {
     if (piece.empty()) continue;
     built += piece + "/";
-    if (mkdir(built.c_str(), 0755) != 0 && errno != EEXIST) {
+    // Owner only: the cache holds the contents of the client's files.
+    if (mkdir(built.c_str(), 0700) != 0 && errno != EEXIST) {
       KORV_LOG(LOGLEVEL_ERROR, "[CACHE     ] Cache path not found : %s", built.c_str());
       throw static_cast<AERROR>(kErrCacheDirectory);
     }

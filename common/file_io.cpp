@@ -1,5 +1,6 @@
 #include "common/file_io.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
@@ -13,7 +14,17 @@ std::atomic<FileIo*> current_io{&real_io};
 
 }  // namespace
 
-FILE* FileIo::Open(const std::string& path, const char* mode) { return fopen(path.c_str(), mode); }
+FILE* FileIo::Open(const std::string& path, const char* mode) {
+  const std::string how = mode;
+  if (how.find('w') == std::string::npos) return fopen(path.c_str(), mode);
+  // Created readable by the owner alone: cached file contents are private.
+  const int flags = (how.find('+') != std::string::npos ? O_RDWR : O_WRONLY) | O_CREAT | O_TRUNC | O_CLOEXEC;
+  const int fd = open(path.c_str(), flags, 0600);
+  if (fd < 0) return nullptr;
+  FILE* stream = fdopen(fd, mode);
+  if (stream == nullptr) close(fd);
+  return stream;
+}
 
 int FileIo::Close(FILE* stream) {
   const int flushed = fflush(stream);

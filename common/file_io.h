@@ -20,7 +20,7 @@ class FileIo {
  public:
   virtual ~FileIo() = default;
 
-  // fopen.
+  // fopen; a file it creates gets mode 0600.
   virtual FILE* Open(const std::string& path, const char* mode);
   // fflush then fclose; non-zero when either failed.
   virtual int Close(FILE* stream);

@@ -3,6 +3,7 @@
 #include "cache/cache_manager.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -48,6 +49,8 @@ TEST(CacheManager, DirectoryAndLimit) {
   TempDir dir;
   EXPECT_EQ(Cache((dir.path() + "//a///b").c_str(), 0).path(), dir.path() + "/a/b/");
   EXPECT_TRUE(std::filesystem::is_directory(dir.path() + "/a/b"));
+  struct stat st;
+  EXPECT_TRUE(stat((dir.path() + "/a/b").c_str(), &st) == 0 && (st.st_mode & 0777) == 0700) << "others may look in";
   const std::string relative = "tmp/korv-relative-" + std::to_string(getpid());
   EXPECT_EQ(Cache(relative.c_str(), 0).path(), "/" + relative + "/");
   std::filesystem::remove_all("/" + relative);
@@ -92,6 +95,8 @@ TEST(CacheManager, ObjectsAreSharedByNameConvertedAndRehashed) {
   std::vector<char> expected = OriginBytes(0, 20);
   std::copy(mine.begin(), mine.end(), expected.begin() + 10);
   EXPECT_TRUE(Served(*a, origin, 0, 20, 0, &expected));
+  struct stat st;
+  EXPECT_TRUE(stat(dir.File("a.bin").c_str(), &st) == 0 && (st.st_mode & 0777) == 0600) << "others may read it";
   // Close(true) detaches the file; a mode request then makes a new one.
   EXPECT_EQ(a->Close(true), kOk);
   EXPECT_EQ(ReadAndCheck(*a, origin, 10, 1000, 0).status, kErrInvalidArgument);
