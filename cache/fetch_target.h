@@ -37,7 +37,7 @@ class FetchTarget {
   // Bookkeeping of the tasks that refer to the cache: it outlives them all.
   virtual void TaskStarted() = 0;
   virtual void TaskEnded() = 0;
-  // Forgets `task` as the running large read-ahead, if it is.
+  // The large read-ahead `task` ends (it is no longer counted as running).
   virtual void LargeFetchEnded(const IAsyncObj* task) = 0;
 
  protected:

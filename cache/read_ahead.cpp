@@ -11,7 +11,12 @@ int ReadonlyCache::CheckReadAhead(_READDATA* rd) {
   const SteadyTime now = SteadyNow();
   const _CACHECONFIG conf = GetConfig();
   const std::string tag = GetFileName();
-  const bool busy = read_ahead_.load() != nullptr;
+  // Past the middle of the only block on its way, the next one is queued
+  // already: it follows that block on the link without a gap, instead of
+  // starting after it has arrived and paying the origin's latency at every
+  // block boundary.
+  const int running = large_fetches_.load();
+  const bool busy = running > 1 || (running == 1 && rd->offset < read_ahead_middle_);
   if (!busy && rd->fetch == nullptr) return kOk;
   const long long run_end = busy ? 0 : LargestEmptyOffsetNoLock(rd->offset);
   const ReadAheadPolicy::Settings settings{origin_size_, config_ != nullptr ? config_->GetQuota() : 0, conf.rahit,
@@ -54,11 +59,23 @@ int ReadonlyCache::CheckReadAhead(_READDATA* rd) {
   }
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] Since  histsize: %d while conf.rahit: %uld, go read-ahead!", tag.c_str(),
            static_cast<int>(decision.history_size), static_cast<unsigned>(conf.rahit));
-  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead from %lld, %lld bytes", tag.c_str(), decision.offset,
-           decision.size);
-  ReserveNoLock(decision.offset, decision.size);
-  auto* task = new AsyncLargeFetch(this, rd->fetch, decision.offset, decision.size, rd->handle, false);
-  read_ahead_.store(task);
+  // The block starts at the end of the run the read lies in: when that
+  // sector is on its way already (the last of the block in flight, while the
+  // reader is past its middle), the block starts after it instead of
+  // fetching it a second time.
+  long long offset = decision.offset;
+  long long size = decision.size;
+  const _SECTOR* last = index_.Find(offset);
+  if (last != nullptr && last->reserved) {
+    offset += kSectorSize;
+    size = std::min(size, origin_size_ - offset);
+    if (size <= 0) return kOk;
+  }
+  KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Read-ahead from %lld, %lld bytes", tag.c_str(), offset, size);
+  ReserveNoLock(offset, size);
+  auto* task = new AsyncLargeFetch(this, rd->fetch, offset, size, rd->handle, false);
+  large_fetches_.fetch_add(1);
+  read_ahead_middle_ = offset + size / 2;
   QueueAsync(task, nullptr);  // may run, and free, the task right here
   return static_cast<int>(kFetchQueued);
 }

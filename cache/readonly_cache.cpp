@@ -164,10 +164,7 @@ void ReadonlyCache::TaskEnded() {
   tasks_done_.notify_all();
 }
 
-void ReadonlyCache::LargeFetchEnded(const IAsyncObj* task) {
-  const IAsyncObj* expected = task;
-  read_ahead_.compare_exchange_strong(expected, nullptr);
-}
+void ReadonlyCache::LargeFetchEnded(const IAsyncObj*) { large_fetches_.fetch_sub(1); }
 
 unsigned int ReadonlyCache::Close(bool remove) {
   delete_on_close_.store(remove, std::memory_order_relaxed);

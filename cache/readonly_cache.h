@@ -177,9 +177,13 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   unsigned int CopyOut(_READDATA* request, const std::shared_ptr<FILE>& stream, long long start,
                        bool fetching) REQUIRES(index_lock_);
 
-  // The single large read-ahead that may run for this file. Set under
-  // index_lock_, cleared by the finishing task without it.
-  std::atomic<const IAsyncObj*> read_ahead_{nullptr};
+  // Large read-aheads queued or running for this file: at most two, the
+  // second started only once the reader has passed the middle of the first
+  // (see CheckReadAhead). Raised under index_lock_, lowered by the finishing
+  // task without it.
+  std::atomic<int> large_fetches_{0};
+  // The middle of the latest large read-ahead block.
+  long long read_ahead_middle_ GUARDED_BY(index_lock_) = 0;
   // Queued or running fetch tasks that refer to this cache.
   std::atomic<int64_t> read_ahead_count_{0};
   // Written by Close before it takes index_lock_.

@@ -60,7 +60,7 @@ unsigned int ReadonlyCache::Read(_READDATA* rd) {
     if (timeout == 0) timeout = static_cast<long long>(conf.readtimeout);
 
     if (rd->whole_file) {
-      if (read_ahead_.load() == nullptr && ReserveNoLock(0, rd->file_size) == kOk) {
+      if (large_fetches_.load() == 0 && ReserveNoLock(0, rd->file_size) == kOk) {
         KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] [%s] Trying to fetch whole file(%lld bytes).", tag.c_str(),
                  rd->file_size);
         auto own_handle = std::make_shared<_FS_HANDLE>();
@@ -69,7 +69,8 @@ unsigned int ReadonlyCache::Read(_READDATA* rd) {
         own_handle->id = 0;
         if (rd->handle) own_handle->info = rd->handle->info;
         auto* task = new AsyncLargeFetch(this, rd->fetch, 0, rd->file_size, own_handle, true);
-        read_ahead_.store(task);
+        large_fetches_.fetch_add(1);
+        read_ahead_middle_ = rd->file_size;
         QueueAsync(task, nullptr);  // may run, and free, the task right here
         timeout = -1;
       }

@@ -1,6 +1,7 @@
 // Read-ahead of the sector cache, as scripts for the read-path model: the
 // pieces of a block, and one block at a time, from the end of the cached run,
-// whatever became of the one before.
+// whatever became of the one before, until the reader passes the middle of the
+// block on its way.
 #include <gtest/gtest.h>
 
 #include "cache/default_settings.h"
@@ -37,6 +38,12 @@ TEST(ReadAheadTest, Scripts) {
             {Op::kRunHeld, 0, 0, M::kAny, M::kAny, {{5 * kHalf, 8 * kMiB}}}, {Op::kOrigin, M::kNormal},
             ReadAt(kMiB), {Op::kHeld, 0, 0, 1}, {Op::kRunHeld, 0, 0, M::kAny, M::kAny, {{5 * kHalf, 8 * kMiB}}},
             {Op::kCachedRead, 0, 21 * kHalf, kOk, 21 * kHalf}}},
+          {"past the middle of the block on its way the next is queued behind it, not before", 16 * kMiB,
+           {{Op::kQueue, M::kRun}, ReadAt(0, {{0, kMiB}}), {Op::kQueue, M::kHold}, ReadAt(0), ReadAt(0), ReadAt(0),
+            ReadAt(kHalf), {Op::kHeld, 0, 0, 1}, {Op::kTimeout, 20}, {Op::kRead, kMiB, 4096, kErrRead, 0},
+            {Op::kHeld, 0, 0, 2},  // starting after the last sector of the first, not on it
+            {Op::kRunHeld, 0, 0, M::kAny, M::kAny, {{kHalf, kMiB}, {3 * kHalf, 2 * kMiB}}},
+            {Op::kCachedRead, 0, 7 * kHalf, kOk, 7 * kHalf}}},
       },
       conf);
 }
