@@ -134,7 +134,7 @@ _CACHECONFIG ManagerConfigLink::GetConfig() {
 }
 
 void ManagerConfigLink::Stored(long long delta) {
-  used_.fetch_add(delta, std::memory_order_relaxed);
+  stored_.fetch_add(delta);  // ordered before the look at waiting_ below
   {
     MutexLock guard(lock_);
     if (meter_ != nullptr) meter_->Stored(delta);
@@ -152,7 +152,9 @@ void ManagerConfigLink::SetCeiling(long long bytes) {
 }
 
 void ManagerConfigLink::WaitForRoom() {
-  auto has_room = [this] { return used() <= ceiling_.load(std::memory_order_relaxed); };
+  auto has_room = [this] {
+    return stored_.load() <= ceiling_.load(std::memory_order_relaxed);
+  };
   if (has_room()) return;
   waiting_.fetch_add(1);
   {
@@ -183,7 +185,9 @@ Cache::~Cache() {
 }
 
 void Cache::Stored(long long delta) {
-  if (delta > 0 && hard_limit_.load(std::memory_order_relaxed) && quota_thread_ && link_->used() > limit_.load()) {
+  const uint64_t used = used_bytes_.fetch_add(static_cast<uint64_t>(delta)) + static_cast<uint64_t>(delta);
+  if (delta > 0 && hard_limit_.load(std::memory_order_relaxed) && quota_thread_ &&
+      static_cast<long long>(used) > limit_.load()) {
     quota_thread_->RequestPass();
   }
 }
@@ -227,7 +231,7 @@ unsigned int Cache::SetConfiguration(const char* text) {
 
 unsigned long long Cache::GetLimit() { return static_cast<unsigned long long>(limit_.load()); }
 
-unsigned long long Cache::GetUsedBytes() { return static_cast<unsigned long long>(std::max(0LL, link_->used())); }
+unsigned long long Cache::GetUsedBytes() { return used_bytes_.load(); }
 
 unsigned long long Cache::GetQuota() { return GetLimit(); }
 

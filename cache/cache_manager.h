@@ -37,8 +37,6 @@ class ManagerConfigLink final : public ICacheConfig, public StorageMeter {
   void Stored(long long delta) override;
   // Waits, at most kRoomWait, while more than the ceiling is stored.
   void WaitForRoom() override;
-  // The bytes stored so far by the files of this link.
-  long long used() const { return used_.load(std::memory_order_relaxed); }
   // Where fetches start to wait for room; kNoCeiling: never.
   void SetCeiling(long long bytes);
   // Takes the manager's values and lets go of it; fetches no longer wait.
@@ -54,10 +52,12 @@ class ManagerConfigLink final : public ICacheConfig, public StorageMeter {
   unsigned long long quota_ GUARDED_BY(lock_) = 0;
   _CACHECONFIG config_ GUARDED_BY(lock_){};
 
-  std::atomic<long long> used_{0};
+  // The files' reports added up here as well: waiting fetches read it
+  // without reaching into the manager, which may be gone.
+  std::atomic<long long> stored_{0};
   std::atomic<long long> ceiling_{kNoCeiling};
   // Fetches waiting for room sleep on room_; a store that frees bytes and a
-  // new ceiling wake them. Changes of used_ and ceiling_ are announced under
+  // new ceiling wake them. Changes of stored_ and ceiling_ are announced under
   // room_lock_, so a waiter that just found no room does not miss them.
   Mutex room_lock_ ACQUIRED_AFTER(lock_);
   std::condition_variable_any room_;
@@ -132,6 +132,8 @@ class Cache : public ICache_V2, public ICacheConfig, private QuotaDirectory, pri
   std::string path_;
   // Read and written without a lock by client threads and the quota manager.
   std::atomic<long long> limit_;
+  // What the cache files of this manager's objects report storing.
+  std::atomic<uint64_t> used_bytes_{0};
   // The "/cache/clear/hard" setting: off unless a client turns it on.
   std::atomic<bool> hard_limit_{false};
 
