@@ -36,6 +36,8 @@
 #include "stderr_log.h"
 #include "transfer_counters.h"
 #include "worker_queue.h"
+#include "write_back.h"
+#include "write_journal.h"
 
 struct DriveOptions {
   std::string cache_dir;
@@ -45,6 +47,10 @@ struct DriveOptions {
   std::string settings_json;        // applied with SetConfiguration when not empty
   long long listing_ttl_ms = 1000;  // how long a directory listing is trusted
   RetryPolicy retry;
+  // -1: a close uploads the file and reports the result. Otherwise a close
+  // returns once the bytes are on the local disk, and the upload follows
+  // after this many seconds without a close of the file.
+  long long write_back_seconds = -1;
 };
 
 struct FileAttributes {
@@ -97,6 +103,8 @@ class RemoteDrive {
   // Uploads the file if it was written since its last upload: close() and
   // fsync() report a failed upload.
   int Flush(OpenHandle* handle);
+  // As Flush; with write-back, uploads the file now and reports the result.
+  int Sync(OpenHandle* handle);
   int Release(std::unique_ptr<OpenHandle> handle);
 
   // Changes of names (remote_drive_names.cpp). A file open or cached here
@@ -126,7 +134,7 @@ class RemoteDrive {
  private:
   std::shared_ptr<RemoteFile> FindFile(const std::string& path);
   std::shared_ptr<RemoteFile> NewFile(const std::string& path, const OriginFileInfo& seen, bool on_origin,
-                                      char mode, std::string* error);
+                                      std::string* error);
   int OpenFile(const std::string& path, int flags, std::shared_ptr<RemoteFile>* file);
   int Upload(RemoteFile* file);
   // REQUIRES: files_lock_ held.
@@ -138,6 +146,17 @@ class RemoteDrive {
   // REQUIRES: files_lock_ and the file's io_lock held.
   void Move(const std::shared_ptr<RemoteFile>& file, const std::string& to);
   void Retire(const std::shared_ptr<RemoteFile>& file);
+
+  // Keeping written data safe (remote_drive_saving.cpp): the journal, what an
+  // earlier run left, and write-back.
+  bool StartSaving(std::string* error);
+  void StopSaving();
+  int MakeWritable(RemoteFile* file);
+  // At a close: uploads the file, or with write-back schedules its upload.
+  int Save(const std::shared_ptr<RemoteFile>& file);
+  int UploadInBackground(const std::shared_ptr<RemoteFile>& file);
+  std::unique_ptr<WriteJournal> journal_;
+  std::unique_ptr<WriteBack> write_back_;
 
   const std::unique_ptr<Origin> origin_;
   const DriveOptions options_;
