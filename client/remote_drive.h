@@ -4,8 +4,8 @@
 // one file through it.
 //
 // Thread safety: every public operation may be called from many threads.
-// Lock order: names_lock_, then RemoteFile io_locks, then files_lock_, then
-// the listings' lock. Only a change of names (names_lock_ held) takes more
+// Lock order: names_lock_, then the journal's lock for files becoming
+// writable, then RemoteFile io_locks, then files_lock_, then the listings' lock. Only a change of names (names_lock_ held) takes more
 // than one io_lock. Under files_lock_ the only library calls are the
 // manager's Open, Close and Rehash of a name, which touch its table; reads,
 // writes and uploads run with at most an io_lock held.

@@ -25,6 +25,8 @@ void WriteBack::Stop() {
     changed_.notify_all();
   }
   if (thread_.joinable()) thread_.join();
+  std::lock_guard<std::mutex> guard(lock_);
+  due_.clear();  // the files go with the drive's other references to them
 }
 
 void WriteBack::Run() {

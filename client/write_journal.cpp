@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -45,6 +46,15 @@ bool EndsWith(const std::string& text, const std::string& end) {
   return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
+bool IsSectorCacheName(const std::string& name) {
+  if (name.size() != 36 + 6 || !EndsWith(name, ".cache")) return false;
+  for (size_t i = 0; i < 36; ++i) {
+    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+    if (dash != (name[i] == '-') || (!dash && !isxdigit(static_cast<unsigned char>(name[i])))) return false;
+  }
+  return true;
+}
+
 // Regular files directly in `dir`, apart from the library's sector cache files,
 // which are named afresh for every object (a UUID and ".cache").
 std::set<std::string> PlainFiles(const std::string& dir) {
@@ -54,7 +64,7 @@ std::set<std::string> PlainFiles(const std::string& dir) {
   while (dirent* entry = readdir(listing)) {
     const std::string name = entry->d_name;
     struct stat st;
-    if (name.size() == 36 + 6 && EndsWith(name, ".cache")) continue;
+    if (IsSectorCacheName(name)) continue;
     if (fstatat(dirfd(listing), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode)) {
       names.insert(name);
     }
