@@ -101,9 +101,11 @@ class RemoteDrive {
   // With a writable `handle` truncates through it; otherwise opens the path.
   int Truncate(const std::string& path, OpenHandle* handle, long long size);
   // Uploads the file if it was written since its last upload: close() and
-  // fsync() report a failed upload.
+  // fsync() report a failed upload. With write-back, schedules the upload
+  // once the bytes are on the local disk.
   int Flush(OpenHandle* handle);
-  // As Flush; with write-back, uploads the file now and reports the result.
+  // As Flush, but with write-back too the upload is done now and its result
+  // reported: what fsync() does.
   int Sync(OpenHandle* handle);
   int Release(std::unique_ptr<OpenHandle> handle);
 

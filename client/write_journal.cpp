@@ -182,7 +182,6 @@ std::vector<JournalRecord> WriteJournal::Leftovers() {
 
 int WriteJournal::MakeWritable(RemoteFile* file) {
   std::lock_guard<std::mutex> guard(writable_lock_);
-  file->journal = this;
   if (file->writable) return 0;
   const std::set<std::string> before = PlainFiles(cache_dir_);
   const int result = MakeRemoteFileWritable(file);
@@ -193,10 +192,11 @@ int WriteJournal::MakeWritable(RemoteFile* file) {
     if (before.count(name) == 0) made = name, ++count;
   }
   std::lock_guard<std::mutex> io(file->io_lock);
+  file->journal = this;
   if (count == 1) file->local_name = made;
   else ClientLog(LOGLEVEL_ERROR, "%s: the cache file of its writable copy was not found", file->Path().c_str());
   // A file created here is a change before its first write.
-  return file->dirty ? PrepareFirstChange(file, true) : 0;
+  return file->dirty ? PrepareFirstChange(file, false) : 0;
 }
 
 bool WriteJournal::SyncLocalBytes(RemoteFile* file) {
