@@ -15,7 +15,9 @@ const char kCommonOptionsHelp[] =
     "  --settings JSON     cache settings document, or @FILE to read it from a file\n"
     "  --timeout-ms MS     an origin request that stalls this long fails (default 15000)\n"
     "  --latency-ms MS     directory origin: delay added to every request\n"
-    "  --bandwidth RATE    directory origin: bytes per second, e.g. 100M\n";
+    "  --bandwidth RATE    directory origin: bytes per second, e.g. 100M\n"
+    "  --write-back SECONDS  a close returns once the data is on local disk; the upload\n"
+    "                      follows after SECONDS without a close (default: the close uploads)\n";
 
 bool ParseSize(const std::string& text, unsigned long long* bytes) {
   if (text.empty() || text[0] < '0' || text[0] > '9') return false;
@@ -111,6 +113,10 @@ bool ParseClientOptions(int argc, char** argv, ClientOptions* options, std::stri
       if (!value(&text)) return false;
       if (!ParseSize(text, &bytes)) return *error = "bad --bandwidth " + text, false;
       options->origin.bandwidth = static_cast<long long>(bytes);
+    } else if (arg == "--write-back") {
+      if (!value(&text)) return false;
+      if (!ParseCount(text, &number) || number > 1000000) return *error = "bad --write-back " + text, false;
+      options->drive.write_back_seconds = number;
     } else if (arg == "--verify") {
       if (!value(&options->verify_sha256)) return false;
     } else if (arg.size() > 1 && arg[0] == '-') {

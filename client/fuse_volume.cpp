@@ -103,7 +103,7 @@ int Truncate(const char* path, off_t size, struct fuse_file_info* fi) {
 
 int Flush(const char*, struct fuse_file_info* fi) { return Drive()->Flush(HandleOf(fi)); }
 
-int Fsync(const char*, int, struct fuse_file_info* fi) { return Drive()->Flush(HandleOf(fi)); }
+int Fsync(const char*, int, struct fuse_file_info* fi) { return Drive()->Sync(HandleOf(fi)); }
 
 int Release(const char*, struct fuse_file_info* fi) {
   return Drive()->Release(std::unique_ptr<OpenHandle>(HandleOf(fi)));

@@ -56,7 +56,7 @@ bool RemoteDrive::Start(std::string* error) {
       return false;
     }
   }
-  return true;
+  return StartSaving(error);
 }
 
 void RemoteDrive::Shutdown() {
@@ -67,6 +67,7 @@ void RemoteDrive::Shutdown() {
     shut_down_ = true;
     for (auto& entry : files_) files.push_back(entry.second);
   }
+  StopSaving();
   for (auto& file : files) {
     if (file->dirty && Upload(file.get()) != 0) KeepUnsavedCopy(options_.cache_dir, file.get());
   }
@@ -99,7 +100,7 @@ std::shared_ptr<RemoteFile> RemoteDrive::FindFile(const std::string& path) {
 }
 
 std::shared_ptr<RemoteFile> RemoteDrive::NewFile(const std::string& path, const OriginFileInfo& seen, bool on_origin,
-                                                 char mode, std::string* error) {
+                                                 std::string* error) {
   auto file = std::make_shared<RemoteFile>(path);
   file->SetSeen(seen);
   file->on_origin = on_origin;
@@ -107,8 +108,10 @@ std::shared_ptr<RemoteFile> RemoteDrive::NewFile(const std::string& path, const 
   file->mtime.store(seen.mtime != 0 ? seen.mtime : time(nullptr), std::memory_order_relaxed);
   file->fetch = std::make_shared<OriginFetch>(origin_.get(), path, seen.validator, &counters_, file->counters,
                                               options_.retry, &stopping_);
+  // Opened read-only: a write open switches it (MakeWritable), and the
+  // journal notes then which cache file holds the writable copy.
   try {
-    file->object = cache_->Open(path.c_str(), mode, seen.size, file->fetch.get());
+    file->object = cache_->Open(path.c_str(), 'r', seen.size, file->fetch.get());
   } catch (AERROR code) {
     *error = "the cache refused " + path + " (status " + std::to_string(code) + ")";
     return nullptr;
@@ -117,7 +120,6 @@ std::shared_ptr<RemoteFile> RemoteDrive::NewFile(const std::string& path, const 
     *error = "the cache refused " + path;
     return nullptr;
   }
-  file->writable = mode == 'w';
   return file;
 }
 
@@ -131,6 +133,7 @@ void RemoteDrive::Forget(const std::shared_ptr<RemoteFile>& file) {
   auto it = files_.find(file->Path());
   if (it == files_.end() || it->second != file) return;
   files_.erase(it);
+  if (file->removed && file->journal != nullptr) file->journal->Drop(file.get());  // under its io_lock
   // Only the manager's table entry goes now; the object itself goes with the
   // last handle that holds the file, outside every lock.
   cache_->Close(file->Path().c_str());
@@ -169,9 +172,9 @@ int RemoteDrive::OpenFile(const std::string& path, int flags, std::shared_ptr<Re
     }
     if (!file) {
       if (status == OriginStatus::kOk) {
-        file = NewFile(path, info, true, write ? 'w' : 'r', &error);
+        file = NewFile(path, info, true, &error);
       } else if (status == OriginStatus::kNotFound && (flags & O_CREAT) != 0) {
-        file = NewFile(path, OriginFileInfo(), false, 'w', &error);
+        file = NewFile(path, OriginFileInfo(), false, &error);
         if (file) file->dirty = true;  // an empty new file is uploaded too
       } else if (status == OriginStatus::kNotFound) {
         return -ENOENT;
@@ -191,7 +194,7 @@ int RemoteDrive::OpenFile(const std::string& path, int flags, std::shared_ptr<Re
     break;
   }
   if (write) {
-    int result = MakeRemoteFileWritable(file.get());
+    int result = MakeWritable(file.get());
     if (result == 0 && (flags & O_TRUNC) != 0) result = TruncateRemoteFile(file.get(), 0);
     if (result != 0) {
       std::lock_guard<std::mutex> guard(files_lock_);
@@ -255,7 +258,7 @@ int RemoteDrive::Truncate(const std::string& path, OpenHandle* handle, long long
 
 int RemoteDrive::Flush(OpenHandle* handle) {
   if (!handle->writable || !handle->file || !handle->file->dirty) return 0;
-  return Upload(handle->file.get());
+  return Save(handle->file);
 }
 
 int RemoteDrive::Release(std::unique_ptr<OpenHandle> handle) {
@@ -269,7 +272,7 @@ int RemoteDrive::Release(std::unique_ptr<OpenHandle> handle) {
     if (handle->writable) --file->writers;
   }
   // FUSE flushes before it releases; a caller that did not gets its upload here.
-  const int result = handle->writable && file->dirty ? Upload(file.get()) : 0;
+  const int result = handle->writable && file->dirty ? Save(file) : 0;
   std::lock_guard<std::mutex> guard(files_lock_);
   // A clean whole-file copy is dropped once nobody has the file open: the
   // next reader gets a sector cache, which the quota thread can thin.

@@ -4,8 +4,8 @@
 // one file through it.
 //
 // Thread safety: every public operation may be called from many threads.
-// Lock order: names_lock_, then RemoteFile io_locks, then files_lock_, then
-// the listings' lock. Only a change of names (names_lock_ held) takes more
+// Lock order: names_lock_, then the journal's lock for files becoming
+// writable, then RemoteFile io_locks, then files_lock_, then the listings' lock. Only a change of names (names_lock_ held) takes more
 // than one io_lock. Under files_lock_ the only library calls are the
 // manager's Open, Close and Rehash of a name, which touch its table; reads,
 // writes and uploads run with at most an io_lock held.
@@ -36,6 +36,8 @@
 #include "stderr_log.h"
 #include "transfer_counters.h"
 #include "worker_queue.h"
+#include "write_back.h"
+#include "write_journal.h"
 
 struct DriveOptions {
   std::string cache_dir;
@@ -45,6 +47,10 @@ struct DriveOptions {
   std::string settings_json;        // applied with SetConfiguration when not empty
   long long listing_ttl_ms = 1000;  // how long a directory listing is trusted
   RetryPolicy retry;
+  // -1: a close uploads the file and reports the result. Otherwise a close
+  // returns once the bytes are on the local disk, and the upload follows
+  // after this many seconds without a close of the file.
+  long long write_back_seconds = -1;
 };
 
 struct FileAttributes {
@@ -95,8 +101,12 @@ class RemoteDrive {
   // With a writable `handle` truncates through it; otherwise opens the path.
   int Truncate(const std::string& path, OpenHandle* handle, long long size);
   // Uploads the file if it was written since its last upload: close() and
-  // fsync() report a failed upload.
+  // fsync() report a failed upload. With write-back, schedules the upload
+  // once the bytes are on the local disk.
   int Flush(OpenHandle* handle);
+  // As Flush, but with write-back too the upload is done now and its result
+  // reported: what fsync() does.
+  int Sync(OpenHandle* handle);
   int Release(std::unique_ptr<OpenHandle> handle);
 
   // Changes of names (remote_drive_names.cpp). A file open or cached here
@@ -126,7 +136,7 @@ class RemoteDrive {
  private:
   std::shared_ptr<RemoteFile> FindFile(const std::string& path);
   std::shared_ptr<RemoteFile> NewFile(const std::string& path, const OriginFileInfo& seen, bool on_origin,
-                                      char mode, std::string* error);
+                                      std::string* error);
   int OpenFile(const std::string& path, int flags, std::shared_ptr<RemoteFile>* file);
   int Upload(RemoteFile* file);
   // REQUIRES: files_lock_ held.
@@ -138,6 +148,17 @@ class RemoteDrive {
   // REQUIRES: files_lock_ and the file's io_lock held.
   void Move(const std::shared_ptr<RemoteFile>& file, const std::string& to);
   void Retire(const std::shared_ptr<RemoteFile>& file);
+
+  // Keeping written data safe (remote_drive_saving.cpp): the journal, what an
+  // earlier run left, and write-back.
+  bool StartSaving(std::string* error);
+  void StopSaving();
+  int MakeWritable(RemoteFile* file);
+  // At a close: uploads the file, or with write-back schedules its upload.
+  int Save(const std::shared_ptr<RemoteFile>& file);
+  int UploadInBackground(const std::shared_ptr<RemoteFile>& file);
+  std::unique_ptr<WriteJournal> journal_;
+  std::unique_ptr<WriteBack> write_back_;
 
   const std::unique_ptr<Origin> origin_;
   const DriveOptions options_;

@@ -54,6 +54,7 @@ void RemoteDrive::Move(const std::shared_ptr<RemoteFile>& file, const std::strin
   // Handles still open upload to the new name, and fetches read from it.
   file->SetPath(to);
   file->fetch->SetPath(to);
+  if (!file->journal_id.empty()) file->journal->Record(file.get());  // a crash now uploads to the new name
   auto it = files_.find(from);
   if (it == files_.end() || it->second != file) return;  // an open found it changed and dropped it
   files_.erase(it);

@@ -13,6 +13,8 @@
 #include "origin_fetch.h"
 #include "transfer_counters.h"
 
+class WriteJournal;
+
 struct RemoteFile {
   explicit RemoteFile(std::string file_path) : path_(std::move(file_path)) {}
 
@@ -57,6 +59,14 @@ struct RemoteFile {
   // held across origin transfers, so nothing waits for it while holding the
   // drive's files_lock_ (the order is io_lock, then files_lock_).
   std::mutex io_lock;
+
+  // The journal of unsaved writes (write_journal.h), set when the file is
+  // first opened for writing; the cache file holding its writable copy, in
+  // the cache directory; and its journal record's id, empty while it has
+  // none. The last two under io_lock.
+  WriteJournal* journal = nullptr;
+  std::string local_name;
+  std::string journal_id;
 
   // Protected by the drive's files_lock_.
   int opens = 0;

@@ -5,6 +5,7 @@
 #include <ctime>
 
 #include "stderr_log.h"
+#include "write_journal.h"
 
 namespace {
 
@@ -73,6 +74,7 @@ long long WriteRemoteFile(RemoteFile* file, const std::shared_ptr<_FS_HANDLE>& h
   if (offset < 0) return -EINVAL;
   // Writes hold the file's io_lock so that an upload never misses one.
   std::lock_guard<std::mutex> guard(file->io_lock);
+  if (const int prepared = PrepareFirstChange(file, false); prepared != 0) return prepared;
   // The cache fetches the origin's bytes of the sectors the write covers in
   // part, and fails the write when it cannot.
   const long long size_before = file->size.load(std::memory_order_relaxed);
@@ -96,6 +98,7 @@ long long WriteRemoteFile(RemoteFile* file, const std::shared_ptr<_FS_HANDLE>& h
 
 int TruncateRemoteFile(RemoteFile* file, long long size) {
   std::lock_guard<std::mutex> guard(file->io_lock);
+  if (const int prepared = PrepareFirstChange(file, size == 0); prepared != 0) return prepared;
   const unsigned int status = file->object->Truncate(size);
   if (status != kOk) {
     ClientLog(LOGLEVEL_ERROR, "truncate %s to %lld: cache status %u", file->Path().c_str(), size, status);

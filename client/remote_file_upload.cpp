@@ -10,6 +10,7 @@
 
 #include "remote_file_io.h"
 #include "stderr_log.h"
+#include "write_journal.h"
 
 namespace {
 
@@ -57,6 +58,7 @@ int UploadRemoteFile(Origin* origin, RemoteFile* file, std::atomic<long long>* u
   }
   file->dirty = false;
   file->on_origin = true;
+  if (file->journal != nullptr) file->journal->Drop(file);
   uploads->fetch_add(1);
   OriginFileInfo info;
   if (origin->Stat(path, &info, &error) == OriginStatus::kOk) file->SetSeen(info);
@@ -84,6 +86,8 @@ void KeepUnsavedCopy(const std::string& cache_dir, RemoteFile* file) {
     done += static_cast<long long>(request.transferred);
   }
   if (out != nullptr && fclose(out) != 0) ok = false;
+  // The cache file goes with the cache: the record would point at nothing.
+  if (file->journal != nullptr) file->journal->Drop(file);
   if (ok) {
     ClientAlert("%s could not be uploaded; its contents are kept in %s", path.c_str(), target.c_str());
   } else {

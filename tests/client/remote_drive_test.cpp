@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <future>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -30,12 +31,15 @@ class DriveTest : public ::testing::Test {
 
   // Listings are trusted for an hour: the drive lists again only when it
   // has a reason to.
-  void Mount(const std::string& settings, OriginOptions origin_options = OriginOptions()) {
+  // `write_back`: seconds, as --write-back; `cache`: the cache directory's name in cache_.
+  void Mount(const std::string& settings, OriginOptions origin_options = OriginOptions(), long long write_back = -1,
+             const std::string& cache = "cache") {
     std::string error;
     auto faulty = std::make_unique<FaultyOrigin>(MakeDirectoryOrigin(origin_.path(), origin_options, &error));
     faulty_ = faulty.get();
     DriveOptions options;
-    options.cache_dir = cache_.File("cache");
+    options.cache_dir = cache_.File(cache);
+    options.write_back_seconds = write_back;
     options.log_mask = 0;
     options.listing_ttl_ms = 3600 * 1000;
     options.settings_json = settings;
@@ -159,26 +163,24 @@ TEST_F(DriveTest, UnreachableOriginServesWhatIsCachedAndFailsTheRestNeverWithZer
   auto reader = Open("/big.bin");
   EXPECT_TRUE(Same(ReadRange(reader.get(), 0, kSector), bytes.substr(0, kSector)));
   auto writer = Open("/r.bin", O_RDWR);
-  ASSERT_EQ(drive_->Write(writer.get(), "x", 1, 0), 1);  // fetches sector 0 only
   faulty_->down = true;
+  // A file's first change fetches what is not cached of it, and fails without it rather than take zeros.
+  EXPECT_EQ(drive_->Write(writer.get(), "x", 1, 0), -EIO);
   EXPECT_TRUE(Same(ReadRange(reader.get(), 0, kSector), bytes.substr(0, kSector)));
   EXPECT_EQ(ReadRange(reader.get(), 6 * kSector, 1000), "error " + std::to_string(-EIO));
   EXPECT_EQ(SizeOf("/big.bin"), 8 * kSector);
   Open("/never-seen.bin", O_RDONLY, -EIO);
-  // A file being written fails where it would need origin bytes, rather than take zeros for them.
-  EXPECT_EQ(drive_->Write(writer.get(), "y", 1, kSector + 5), -EIO);
-  EXPECT_EQ(drive_->Write(writer.get(), "z", 1, 3 * kSector), 1);  // past the end: needs none of the origin's bytes
-  EXPECT_EQ(ReadRange(writer.get(), 2 * kSector, 16), "error " + std::to_string(-EIO));
-  EXPECT_EQ(drive_->Truncate("/r.bin", writer.get(), 2 * kSector + 5), 0);  // nor does a cut
-  // Nor when only its holes cannot be fetched and the origin would take the upload.
   faulty_->down = false;
-  faulty_->refuse_reads = true;
+  ASSERT_EQ(drive_->Write(writer.get(), "x", 1, 0), 1);
+  faulty_->down = true;  // the whole file is local now: changes anywhere need nothing more
+  EXPECT_EQ(drive_->Write(writer.get(), "y", 1, kSector + 5), 1);
+  EXPECT_EQ(drive_->Write(writer.get(), "z", 1, 3 * kSector), 1);
+  EXPECT_TRUE(Same(ReadRange(writer.get(), 2 * kSector, 16), bytes.substr(2 * kSector, 16)));
+  EXPECT_EQ(drive_->Truncate("/r.bin", writer.get(), 2 * kSector + 5), 0);
   EXPECT_EQ(drive_->Flush(writer.get()), -EIO);
-  EXPECT_TRUE(Same(OnOrigin("r.bin"), bytes.substr(0, 3 * kSector))) << "a partial upload replaced the origin's file";
-  faulty_->refuse_reads = false;
-
+  faulty_->down = false;
   EXPECT_EQ(drive_->Flush(writer.get()), 0);
-  EXPECT_TRUE(Same(OnOrigin("r.bin"), "x" + bytes.substr(1, 2 * kSector + 4)));
+  EXPECT_TRUE(Same(OnOrigin("r.bin"), "x" + bytes.substr(1, kSector + 4) + "y" + bytes.substr(kSector + 6, kSector - 1)));
   drive_->Release(std::move(reader));
   drive_->Release(std::move(writer));
 }
@@ -261,6 +263,80 @@ TEST_F(DriveTest, FailedUploadLosesNothingAndUnmountWhileFetchesRunIsClean) {
   drive_->Release(std::move(reader));
   drive_->Shutdown();
   EXPECT_EQ(FileContents(cache_.File("cache/unsaved/keep.txt")), "CHanged");
+}
+
+TEST_F(DriveTest, WritesLeftByACrashAreUploadedWhereTheOriginIsUnchangedAndKeptOtherwise) {
+  Mount("", OriginOptions(), 3600);  // closed files wait for their upload
+  const std::string big = RandomBytes(2 * kSector, 11);
+  const struct { std::string path, before, to, meanwhile; bool uploaded; } cases[] = {
+      {"/same.bin", big, "", "", true},  // only the written sector cached: the rest is fetched first
+      {"/changed.bin", big, "", "changed", false},
+      {"/a/new.txt", "", "", "", true},
+      {"/b/new.txt", "", "", "appeared", false},  // the same name in the cache directory, numbered
+      {"/renamed.txt", "", "/a/moved.txt", "", true},
+  };
+  ASSERT_TRUE(mkdir(origin_.File("a").c_str(), 0755) == 0 && mkdir(origin_.File("b").c_str(), 0755) == 0);
+  std::map<std::string, std::string> expected;
+  std::vector<std::unique_ptr<OpenHandle>> open;
+  for (const auto& c : cases) {
+    if (!c.before.empty()) origin_.Write(c.path.substr(1), c.before);
+    auto handle = Open(c.path, O_RDWR | O_CREAT);
+    ASSERT_EQ(drive_->Write(handle.get(), "written", 7, kSector), 7) << c.path;
+    std::string& bytes = expected[c.path] = c.before;
+    bytes.resize(std::max<size_t>(bytes.size(), kSector + 7), '\0');
+    bytes.replace(kSector, 7, "written");
+    EXPECT_EQ(c.to.empty() ? 0 : drive_->Rename(c.path, c.to, false), 0);
+    // Closed, and so waiting for its upload; the others stay open.
+    EXPECT_EQ(c.path == "/same.bin" ? drive_->Release(std::move(handle)) : 0, 0);
+    open.push_back(std::move(handle));
+  }
+  // A crash leaves the cache directory as it is now.
+  std::filesystem::copy(cache_.File("cache"), cache_.File("crashed"), std::filesystem::copy_options::recursive);
+  cache_.Write("crashed/journal/torn.rec", "korvmount journal 1\npath /same.bin\nlocal same");
+  faulty_->refuse_uploads = true;
+  for (auto& handle : open) drive_->Release(std::move(handle));
+  drive_.reset();
+  for (const auto& c : cases) {
+    if (!c.meanwhile.empty()) origin_.Write(c.path.substr(1), c.meanwhile);
+  }
+  Mount("", OriginOptions(), -1, "crashed");
+  for (const auto& c : cases) {
+    const std::string at = c.to.empty() ? c.path : c.to;
+    EXPECT_TRUE(Same(OnOrigin(at.substr(1)), c.uploaded ? expected[c.path] : c.meanwhile)) << at;
+    EXPECT_TRUE(Same(FileContents(cache_.File("crashed/unsaved" + at)), c.uploaded ? "" : expected[c.path])) << at;
+  }
+  std::set<std::string> left;
+  for (const auto& entry : std::filesystem::directory_iterator(cache_.File("crashed/journal"))) {
+    left.insert(entry.path().filename());
+  }
+  EXPECT_EQ(left, (std::set<std::string>{"lock", "torn.unreadable"}));
+}
+
+TEST_F(DriveTest, WriteBackClosesBeforeTheUploadFsyncReportsItAndUnmountUploadsTheRest) {
+  Mount("", OriginOptions(), 3600);
+  std::atomic<int> uploads{0};
+  faulty_->before_upload = [&] { ++uploads; };
+  const struct { const char* path; bool sync, refused; int status; } steps[] = {
+      {"/a.txt", false, false, 0},   // closed: uploaded at unmount
+      {"/b.txt", true, true, -EIO},  // fsync reports the failed upload...
+      {"/b.txt", true, false, 0},    // ...and the next one that succeeds
+      {"/c.txt", false, true, 0},
+  };
+  for (const auto& step : steps) {
+    faulty_->refuse_uploads = step.refused;
+    auto handle = Open(step.path, O_WRONLY | O_CREAT);
+    ASSERT_EQ(drive_->Write(handle.get(), step.path, 6, 0), 6);
+    EXPECT_EQ(step.sync ? drive_->Sync(handle.get()) : drive_->Release(std::move(handle)), step.status) << step.path;
+    if (handle) {
+      EXPECT_EQ(drive_->Release(std::move(handle)), 0);
+    }
+  }
+  EXPECT_EQ(uploads, 2) << "a close uploaded";
+  EXPECT_EQ(OnOrigin("b.txt") + "|" + OnOrigin("a.txt"), "/b.txt|");
+  faulty_->refuse_uploads = false;
+  drive_->Shutdown();
+  EXPECT_EQ(OnOrigin("a.txt") + OnOrigin("c.txt"), "/a.txt/c.txt");
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(cache_.File("cache/journal")), {}), 1) << "records left";
 }
 
 TEST_F(DriveTest, NameChangesReachTheOriginAndTheNextListing) {
