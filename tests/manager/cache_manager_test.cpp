@@ -245,6 +245,9 @@ TEST(QuotaManagerTest, UsedBytesAreCountedAndAHardLimitDropsTheLeastRecentlyRead
   for (const char* name : {"a.bin", "b.bin", "c.bin"}) cache.Close(name);
   a.reset(), b.reset(), c.reset();
   EXPECT_EQ(cache.GetUsedBytes(), 4096u);
+  cache.Close("w.txt");
+  w.reset();
+  EXPECT_EQ(cache.GetUsedBytes(), 0u);
 }
 
 }  // namespace
