@@ -67,9 +67,7 @@ class FaultyOrigin : public Origin {
   OriginStatus SetModificationTime(const std::string& path, long long mtime, std::string* error) override {
     return inner_->SetModificationTime(path, mtime, error);
   }
-  bool Space(long long* used, long long* available) override {
-    return !silent_space && inner_->Space(used, available);
-  }
+  bool Space(long long* used, long long* available) override { return !silent_space && inner_->Space(used, available); }
 
  private:
   const std::unique_ptr<Origin> inner_;
