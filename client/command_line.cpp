@@ -10,6 +10,8 @@
 const char kCommonOptionsHelp[] =
     "  --cache-dir DIR     cache directory (default: $XDG_CACHE_HOME/korvcache or ~/.cache/korvcache)\n"
     "  --limit SIZE        storage limit of the cache directory, e.g. 4G (default 4G, at least 64M)\n"
+"  --attr-timeout MS   how long a file's size and version, as listed or last asked, are\n"
+    "                      trusted: an open within it asks the origin nothing (default 1000, 0: every open asks)\n"
     "  --threads N         worker threads fetching from the origin (default 4)\n"
     "  --log-level LEVEL   debug, info, warning, error or none (default warning)\n"
     "  --settings JSON     cache settings document, or @FILE to read it from a file\n"
@@ -83,7 +85,12 @@ bool ParseClientOptions(int argc, char** argv, ClientOptions* options, std::stri
     } else if (arg == "--limit") {
       if (!value(&text)) return false;
       if (!ParseSize(text, &bytes)) return *error = "bad --limit " + text, false;
+      if (bytes < kSmallestLimit) return *error = "--limit " + text + " is below the cache's floor of 64M", false;
       options->drive.limit = bytes;
+    } else if (arg == "--attr-timeout") {
+      if (!value(&text)) return false;
+      if (!ParseCount(text, &number)) return *error = "bad --attr-timeout " + text, false;
+      options->drive.listing_ttl_ms = number;
     } else if (arg == "--threads") {
       if (!value(&text)) return false;
       if (!ParseCount(text, &number) || number < 1 || number > 256) return *error = "bad --threads " + text, false;
@@ -117,6 +124,8 @@ bool ParseClientOptions(int argc, char** argv, ClientOptions* options, std::stri
       if (!value(&text)) return false;
       if (!ParseCount(text, &number) || number > 1000000) return *error = "bad --write-back " + text, false;
       options->drive.write_back_seconds = number;
+    } else if (arg == "--progress") {
+      options->progress = true;
     } else if (arg == "--verify") {
       if (!value(&options->verify_sha256)) return false;
     } else if (arg.size() > 1 && arg[0] == '-') {

@@ -15,6 +15,10 @@ bool ParseCount(const std::string& text, long long* value);
 // $XDG_CACHE_HOME/korvcache, or ~/.cache/korvcache.
 std::string DefaultCacheDirectory();
 
+// The smallest storage limit the library accepts (it answers a smaller one
+// with kErrLimitTooSmall).
+constexpr unsigned long long kSmallestLimit = 64ULL << 20;
+
 struct ClientOptions {
   DriveOptions drive;
   OriginOptions origin;
@@ -23,6 +27,7 @@ struct ClientOptions {
   bool foreground = false;
   bool help = false;
   std::string verify_sha256;  // korvcat only
+  bool progress = false;      // korvcat only: a progress bar even when standard error is no terminal
 };
 
 // Parses argv[1..]. Returns false with `error` set on a bad option.

@@ -87,6 +87,7 @@ class DirectoryOrigin : public Origin {
       item.is_directory = S_ISDIR(st.st_mode);
       item.size = item.is_directory ? 0 : static_cast<long long>(st.st_size);
       item.mtime = static_cast<long long>(st.st_mtime);
+      item.validator = ValidatorOf(st);
       entries->push_back(std::move(item));
     }
     closedir(dir);

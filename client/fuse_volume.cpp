@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "refusal_log.h"
+
 namespace {
 
 RemoteDrive* Drive() { return static_cast<RemoteDrive*>(fuse_get_context()->private_data); }
@@ -37,11 +39,12 @@ void FillStat(const FileAttributes& attributes, struct stat* st) {
 }
 
 void* Init(struct fuse_conn_info*, struct fuse_config* config) {
-  // Attributes are trusted for a second, as the drive trusts its listings;
-  // the kernel's page cache is dropped at every open so that a changed
-  // origin file is never read from stale pages.
-  config->attr_timeout = 1.0;
-  config->entry_timeout = 1.0;
+  // Attributes are trusted as long as the drive trusts its listings; the
+  // kernel's page cache is dropped at every open so that a changed origin
+  // file is never read from stale pages.
+  const double window = static_cast<double>(Drive()->options().listing_ttl_ms) / 1000.0;
+  config->attr_timeout = window;
+  config->entry_timeout = window;
   config->negative_timeout = 0;
   config->kernel_cache = 0;
   return fuse_get_context()->private_data;
@@ -98,7 +101,7 @@ int Write(const char*, const char* buffer, size_t size, off_t offset, struct fus
 }
 
 int Truncate(const char* path, off_t size, struct fuse_file_info* fi) {
-  return Drive()->Truncate(path, HandleOf(fi), size);
+  return TellRefusal("truncate", path, Drive()->Truncate(path, HandleOf(fi), size));
 }
 
 int Flush(const char*, struct fuse_file_info* fi) { return Drive()->Flush(HandleOf(fi)); }
@@ -109,24 +112,28 @@ int Release(const char*, struct fuse_file_info* fi) {
   return Drive()->Release(std::unique_ptr<OpenHandle>(HandleOf(fi)));
 }
 
-int Unlink(const char* path) { return Drive()->Unlink(path); }
+int Unlink(const char* path) { return TellRefusal("unlink", path, Drive()->Unlink(path)); }
 
 int Rename(const char* from, const char* to, unsigned int flags) {
-  if ((flags & RENAME_EXCHANGE) != 0) return -EINVAL;  // no origin swaps two names at once
-  if ((flags & ~static_cast<unsigned int>(RENAME_NOREPLACE)) != 0) return -EINVAL;
-  return Drive()->Rename(from, to, (flags & RENAME_NOREPLACE) != 0);
+  const std::string names = std::string(from) + " to " + to;
+  // No origin swaps two names at once.
+  if ((flags & RENAME_EXCHANGE) != 0) return TellRefusal("rename (exchange)", names, -EINVAL);
+  if ((flags & ~static_cast<unsigned int>(RENAME_NOREPLACE)) != 0) return TellRefusal("rename", names, -EINVAL);
+  return TellRefusal("rename", names, Drive()->Rename(from, to, (flags & RENAME_NOREPLACE) != 0));
 }
 
-int MakeDirectory(const char* path, mode_t) { return Drive()->MakeDirectory(path); }
+int MakeDirectory(const char* path, mode_t) { return TellRefusal("mkdir", path, Drive()->MakeDirectory(path)); }
 
-int RemoveDirectory(const char* path) { return Drive()->RemoveDirectory(path); }
+int RemoveDirectory(const char* path) { return TellRefusal("rmdir", path, Drive()->RemoveDirectory(path)); }
 
 // Only the modification time is the origin's to keep; the access time is not kept anywhere.
 int Utimens(const char* path, const struct timespec times[2], struct fuse_file_info*) {
   const struct timespec now = {0, UTIME_NOW};
   const struct timespec& modified = times != nullptr ? times[1] : now;
   if (modified.tv_nsec == UTIME_OMIT) return 0;
-  return Drive()->SetModificationTime(path, static_cast<long long>(modified.tv_sec), modified.tv_nsec == UTIME_NOW);
+  return TellRefusal("set the time of", path,
+                     Drive()->SetModificationTime(path, static_cast<long long>(modified.tv_sec),
+                                                  modified.tv_nsec == UTIME_NOW));
 }
 
 // Owners and permission bits are not the origin's to keep: changing them is
@@ -135,8 +142,8 @@ int Chmod(const char*, mode_t, struct fuse_file_info*) { return 0; }
 int Chown(const char*, uid_t, gid_t, struct fuse_file_info*) { return 0; }
 
 // Neither kind of link can be stored on the origin.
-int Symlink(const char*, const char*) { return -EPERM; }
-int Link(const char*, const char*) { return -EPERM; }
+int Symlink(const char*, const char* path) { return TellRefusal("symlink", path, -EPERM); }
+int Link(const char*, const char* path) { return TellRefusal("link", path, -EPERM); }
 
 int StatFs(const char*, struct statvfs* st) { return Drive()->StatFs(st); }
 

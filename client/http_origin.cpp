@@ -27,10 +27,6 @@ bool ContentRangeStart(const std::string& value, long long* first) {
   return true;
 }
 
-bool LooksLikeEtag(const std::string& validator) {
-  return !validator.empty() && (validator[0] == '"' || validator.compare(0, 2, "W/") == 0);
-}
-
 // A validator from Stat is the ETag when the server sent one, else the
 // Last-Modified date; compare it with the same header of this response. A
 // response without that header says nothing either way.
@@ -327,7 +323,7 @@ class HttpOrigin : public Origin {
     info->is_directory = resource.is_collection;
     info->size = resource.is_collection || resource.size < 0 ? 0 : resource.size;
     info->mtime = resource.mtime;
-    info->validator = resource.etag;
+    info->validator = ValidatorOf(resource);
     return OriginStatus::kOk;
   }
 

@@ -25,7 +25,9 @@ void PrintUsage(FILE* out) {
           "usage: korvcat ORIGIN-FILE [options] > FILE\n"
           "  ORIGIN-FILE is an http:// URL of a file, or a local file (the directory is the origin).\n"
           "options:\n%s"
-          "  --verify SHA256     fail unless the bytes read have this SHA-256 digest\n",
+          "  --verify SHA256     fail unless the bytes read have this SHA-256 digest\n"
+          "  --progress          show the progress bar on standard error even when it is no terminal\n"
+          "                      (it is shown on a terminal anyway)\n",
           kCommonOptionsHelp);
 }
 
@@ -42,9 +44,9 @@ bool WriteAll(int fd, const char* data, size_t length) {
 
 class Progress {
  public:
-  Progress(long long total) : total_(total), start_(std::chrono::steady_clock::now()), shown_(start_) {
-    enabled_ = isatty(STDERR_FILENO) != 0;
-  }
+  Progress(long long total, bool forced)
+      : total_(total), start_(std::chrono::steady_clock::now()), shown_(start_),
+        enabled_(forced || isatty(STDERR_FILENO) != 0) {}
 
   void Show(long long done, bool last) {
     if (!enabled_) return;
@@ -66,10 +68,10 @@ class Progress {
   const long long total_;
   const std::chrono::steady_clock::time_point start_;
   std::chrono::steady_clock::time_point shown_;
-  bool enabled_;
+  const bool enabled_;
 };
 
-int Copy(RemoteDrive& drive, const std::string& path, const std::string& verify) {
+int Copy(RemoteDrive& drive, const std::string& path, const std::string& verify, bool progress_forced) {
   std::unique_ptr<OpenHandle> handle;
   const int opened = drive.Open(path, O_RDONLY, &handle);
   if (opened != 0) {
@@ -79,7 +81,7 @@ int Copy(RemoteDrive& drive, const std::string& path, const std::string& verify)
   const long long size = handle->file->size.load(std::memory_order_relaxed);
   std::vector<char> buffer(kReadSize);
   Sha256 digest;
-  Progress progress(size);
+  Progress progress(size, progress_forced);
   long long done = 0;
   int result = 0;
   while (done < size) {
@@ -146,7 +148,7 @@ int main(int argc, char** argv) {
     if (!drive.Start(&error)) {
       fprintf(stderr, "korvcat: %s\n", error.c_str());
     } else {
-      result = Copy(drive, path, options.verify_sha256);
+      result = Copy(drive, path, options.verify_sha256, options.progress);
     }
   }
   CloseHttpConnectionsOfThisThread();

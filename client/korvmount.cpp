@@ -32,6 +32,8 @@ void PrintUsage(FILE* out) {
           "  -f, --foreground    stay in the foreground, messages on standard error\n"
           "                      (otherwise they go to CACHE_DIR/korvmount.log)\n"
           "  -o OPTION           a FUSE mount option, e.g. allow_other\n"
+          "df shows the origin's space where it reports one (a WebDAV quota, the file system\n"
+          "of a directory origin), otherwise the cache's limit and what the cache leaves of it.\n"
           "unmount with: fusermount3 -u MOUNTPOINT\n",
           kCommonOptionsHelp);
 }

@@ -4,13 +4,16 @@
 
 #include "stderr_log.h"
 
-int ListingCache::List(const std::string& directory, std::vector<OriginEntry>* entries) {
-  const auto now = std::chrono::steady_clock::now();
+int ListingCache::List(const std::string& directory, std::vector<OriginEntry>* entries, DriveTime* taken) {
+  DriveTime unused;
+  if (taken == nullptr) taken = &unused;
+  const DriveTime now = clock_();
   {
     std::lock_guard<std::mutex> guard(lock_);
     auto it = listings_.find(directory);
     if (it != listings_.end() && now - it->second.taken < ttl_) {
       *entries = it->second.entries;
+      *taken = it->second.taken;
       return 0;
     }
   }
@@ -21,6 +24,7 @@ int ListingCache::List(const std::string& directory, std::vector<OriginEntry>* e
   if (status == OriginStatus::kOk) {
     listings_[directory] = Listing{now, fresh};
     *entries = std::move(fresh);
+    *taken = now;
     return 0;
   }
   if (status == OriginStatus::kNotFound) {
@@ -31,11 +35,27 @@ int ListingCache::List(const std::string& directory, std::vector<OriginEntry>* e
   auto it = listings_.find(directory);
   if (it != listings_.end()) {
     *entries = it->second.entries;
+    *taken = it->second.taken;
     return 0;
   }
   ClientLog(LOGLEVEL_ERROR, "list %s: origin %s: %s: %s", directory.c_str(), origin_->Describe().c_str(),
             OriginStatusText(status), error.c_str());
   return -EIO;
+}
+
+bool ListingCache::FreshEntry(const std::string& directory, const std::string& name, OriginEntry* entry,
+                              DriveTime* taken) {
+  const DriveTime now = clock_();
+  std::lock_guard<std::mutex> guard(lock_);
+  auto it = listings_.find(directory);
+  if (it == listings_.end() || now - it->second.taken >= ttl_) return false;
+  for (const OriginEntry& listed : it->second.entries) {
+    if (listed.name != name) continue;
+    *entry = listed;
+    *taken = it->second.taken;
+    return true;
+  }
+  return false;
 }
 
 void ListingCache::Forget(const std::string& directory) {

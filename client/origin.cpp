@@ -12,6 +12,25 @@ bool IsHttpUrl(const std::string& text) {
   return starts("http://") || starts("https://");
 }
 
+bool LooksLikeEtag(const std::string& validator) {
+  return !validator.empty() && (validator[0] == '"' || validator.compare(0, 2, "W/") == 0);
+}
+
+OriginFileInfo VersionOf(const OriginEntry& entry) {
+  OriginFileInfo info;
+  info.is_directory = entry.is_directory;
+  info.size = entry.size;
+  info.mtime = entry.mtime;
+  info.validator = entry.validator;
+  return info;
+}
+
+bool SameVersion(const OriginFileInfo& a, const OriginFileInfo& b) {
+  if (a.is_directory != b.is_directory || a.size != b.size) return false;
+  if (LooksLikeEtag(a.validator) == LooksLikeEtag(b.validator)) return a.validator == b.validator;
+  return a.mtime != 0 && a.mtime == b.mtime;
+}
+
 const char* OriginStatusText(OriginStatus status) {
   switch (status) {
     case OriginStatus::kOk: return "ok";

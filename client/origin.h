@@ -31,6 +31,9 @@ struct OriginEntry {
   bool is_directory = false;
   long long size = 0;   // bytes; 0 for directories
   long long mtime = 0;  // seconds since the epoch, 0 when unknown
+  // As OriginFileInfo::validator, when the listing tells one: empty when it
+  // does not (nginx's JSON autoindex).
+  std::string validator;
 };
 
 struct OriginFileInfo {
@@ -43,6 +46,18 @@ struct OriginFileInfo {
   // seconds, so a same-size rewrite within one second goes unnoticed.
   std::string validator;
 };
+
+// An HTTP validator that is an ETag ("..." or W/"...") rather than a date.
+bool LooksLikeEtag(const std::string& validator);
+
+// The version a listing entry describes.
+OriginFileInfo VersionOf(const OriginEntry& entry);
+
+// True when `a` and `b` are the same version of a file. Validators of one
+// kind are compared as they are; an ETag is compared with a Last-Modified
+// date (a HEAD answers the one, a listing without ETags the other) through
+// size and modification time, which is as fine as nginx's ETag.
+bool SameVersion(const OriginFileInfo& a, const OriginFileInfo& b);
 
 // Receives the bytes of a range as they arrive. Returning false stops the
 // transfer; the read then fails with kFailed, unless the sink refused only

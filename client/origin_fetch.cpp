@@ -105,6 +105,7 @@ long long OriginFetch::FetchRange(long long offset, long length, const std::shar
       return 1;
     }
     if (status == OriginStatus::kOk) break;
+    if (status == OriginStatus::kChanged) saw_change_.store(true, std::memory_order_relaxed);
     const bool closed = handle && __atomic_load_n(&handle->state, __ATOMIC_RELAXED) > 2;
     if (!IsTransient(status) || attempt >= retry_.attempts || closed) {
       ClientLog(LOGLEVEL_ERROR, "fetch %s [%lld, %lld) from %s: %s: %s", path.c_str(), from, end,

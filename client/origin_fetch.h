@@ -41,6 +41,8 @@ class OriginFetch : public IFetch {
   void SetPath(const std::string& path);
   // The origin's version changed without its contents (a new modification time).
   void SetValidator(const std::string& validator);
+  // A fetch found the origin holding another version than the cache's.
+  bool SawChange() const { return saw_change_.load(std::memory_order_relaxed); }
 
  private:
   long long FetchRange(long long offset, long length, const std::shared_ptr<_FS_HANDLE>& handle,
@@ -54,4 +56,5 @@ class OriginFetch : public IFetch {
   const std::shared_ptr<TransferCounters> file_;
   const RetryPolicy retry_;
   const std::atomic<bool>* const stop_;
+  std::atomic<bool> saw_change_{false};
 };

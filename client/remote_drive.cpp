@@ -23,7 +23,7 @@ RemoteDrive::RemoteDrive(std::unique_ptr<Origin> origin, DriveOptions options)
     : origin_(std::move(origin)),
       options_(std::move(options)),
       log_(options_.log_mask),
-      listings_(origin_.get(), options_.listing_ttl_ms) {}
+      listings_(origin_.get(), options_.listing_ttl_ms, options_.clock) {}
 
 RemoteDrive::~RemoteDrive() { Shutdown(); }
 
@@ -102,7 +102,7 @@ std::shared_ptr<RemoteFile> RemoteDrive::FindFile(const std::string& path) {
 std::shared_ptr<RemoteFile> RemoteDrive::NewFile(const std::string& path, const OriginFileInfo& seen, bool on_origin,
                                                  std::string* error) {
   auto file = std::make_shared<RemoteFile>(path);
-  file->SetSeen(seen);
+  file->SetSeen(seen, DriveTime());
   file->on_origin = on_origin;
   file->size.store(seen.size, std::memory_order_relaxed);
   file->mtime.store(seen.mtime != 0 ? seen.mtime : time(nullptr), std::memory_order_relaxed);
@@ -141,15 +141,16 @@ void RemoteDrive::Forget(const std::shared_ptr<RemoteFile>& file) {
   listings_.Forget(ParentOf(file->Path()));
 }
 
-int RemoteDrive::OpenFile(const std::string& path, int flags, std::shared_ptr<RemoteFile>* opened) {
+int RemoteDrive::OpenFile(const std::string& path, int flags, std::shared_ptr<RemoteFile>* opened, bool ask_origin) {
   const bool write = (flags & O_ACCMODE) != O_RDONLY;
   std::shared_ptr<RemoteFile> file;
   std::shared_ptr<RemoteFile> dropped;  // released after files_lock_
   for (int attempt = 0;; ++attempt) {
     const long long uploads_before = uploads_.load();
     OriginFileInfo info;
+    DriveTime confirmed;
     std::string error;
-    const OriginStatus status = origin_->Stat(path, &info, &error);
+    const OriginStatus status = CurrentVersion(path, ask_origin, &info, &confirmed, &error);
     if (status == OriginStatus::kOk && info.is_directory) return -EISDIR;
 
     std::lock_guard<std::mutex> guard(files_lock_);
@@ -162,7 +163,8 @@ int RemoteDrive::OpenFile(const std::string& path, int flags, std::shared_ptr<Re
       // Data written here and not uploaded yet wins over the origin's.
       const bool local = file->dirty || !file->on_origin || file->writers > 0;
       const OriginFileInfo seen = file->Seen();
-      const bool changed = status == OriginStatus::kOk && (info.size != seen.size || info.validator != seen.validator);
+      const bool changed = status == OriginStatus::kOk && !SameVersion(info, seen);
+      if (status == OriginStatus::kOk && !changed) file->Confirm(confirmed);
       if (!local && (changed || status == OriginStatus::kNotFound)) {
         ClientLog(LOGLEVEL_INFO, "%s changed on the origin: its cached copy is dropped", path.c_str());
         dropped = file;
@@ -173,6 +175,7 @@ int RemoteDrive::OpenFile(const std::string& path, int flags, std::shared_ptr<Re
     if (!file) {
       if (status == OriginStatus::kOk) {
         file = NewFile(path, info, true, &error);
+        if (file) file->Confirm(confirmed);
       } else if (status == OriginStatus::kNotFound && (flags & O_CREAT) != 0) {
         file = NewFile(path, OriginFileInfo(), false, &error);
         if (file) file->dirty = true;  // an empty new file is uploaded too
@@ -228,14 +231,17 @@ int RemoteDrive::Open(const std::string& path, int flags, std::unique_ptr<OpenHa
 }
 
 long long RemoteDrive::Read(OpenHandle* handle, char* buffer, size_t size, long long offset) {
-  if (!handle->file) {
+  std::shared_ptr<RemoteFile> file = std::atomic_load(&handle->file);
+  if (!file) {
     const std::string& text = handle->snapshot;
     if (offset < 0 || offset >= static_cast<long long>(text.size())) return 0;
     const size_t count = std::min(size, text.size() - static_cast<size_t>(offset));
     std::copy_n(text.data() + offset, count, buffer);
     return static_cast<long long>(count);
   }
-  return ReadRemoteFile(handle->file.get(), handle->fs_handle, buffer, size, offset, &counters_);
+  const long long got = ReadRemoteFile(file.get(), handle->fs_handle, buffer, size, offset, &counters_);
+  if (!MayHaveChanged(file.get(), got, size, offset) || !MoveToCurrentVersion(handle, file)) return got;
+  return ReadRemoteFile(std::atomic_load(&handle->file).get(), handle->fs_handle, buffer, size, offset, &counters_);
 }
 
 long long RemoteDrive::Write(OpenHandle* handle, const char* buffer, size_t size, long long offset) {
@@ -281,7 +287,7 @@ int RemoteDrive::Release(std::unique_ptr<OpenHandle> handle) {
 }
 
 int RemoteDrive::Upload(RemoteFile* file) {
-  const int result = UploadRemoteFile(origin_.get(), file, &uploads_);
+  const int result = UploadRemoteFile(origin_.get(), file, &uploads_, options_.clock);
   // The directory's listing from before the upload lacks the file or has its
   // old size, and a clean file is listed only as the origin lists it.
   if (result == 0) listings_.Forget(ParentOf(file->Path()));
@@ -307,14 +313,19 @@ int RemoteDrive::GetAttributes(const std::string& path, FileAttributes* attribut
     return 0;
   }
   std::vector<OriginEntry> entries;
-  const int listed = listings_.List(ParentOf(path), &entries);
+  DriveTime taken;
+  const int listed = listings_.List(ParentOf(path), &entries, &taken);
   if (listed == 0) {
     const std::string name = NameOf(path);
     for (const OriginEntry& entry : entries) {
       if (entry.name != name) continue;
+      DriveTime confirmed;
+      if (file && !entry.is_directory) file->Seen(&confirmed);
+      // A version the origin confirmed since it listed the directory is newer.
+      const bool newer = file && !entry.is_directory && confirmed >= taken;
       attributes->is_directory = entry.is_directory;
-      attributes->size = entry.size;
-      attributes->mtime = entry.mtime;
+      attributes->size = newer ? file->size.load(std::memory_order_relaxed) : entry.size;
+      attributes->mtime = newer ? file->mtime.load(std::memory_order_relaxed) : entry.mtime;
       return 0;
     }
   }

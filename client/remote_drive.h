@@ -13,8 +13,9 @@
 // The work is divided: remote_file_io.* reads, writes and cuts one file
 // through its cache object, remote_file_upload.* saves what was written,
 // listing_cache.* keeps directory listings, drive_stats.* renders the
-// statistics file, remote_drive_names.cpp removes, renames and makes names;
-// this class keeps the table of open files, checks an opened file against
+// statistics file, remote_drive_names.cpp removes, renames and makes names,
+// remote_drive_freshness.cpp decides when the origin is asked whether a file
+// changed and moves readers to its new version; this class keeps the table of open files, checks an opened file against
 // the origin's version and ties the parts together.
 #pragma once
 
@@ -45,12 +46,16 @@ struct DriveOptions {
   int threads = 4;
   unsigned log_mask = LOGLEVEL_WARNING | LOGLEVEL_ERROR;
   std::string settings_json;        // applied with SetConfiguration when not empty
-  long long listing_ttl_ms = 1000;  // how long a directory listing is trusted
+  // How long a directory listing, and the size and version of a file it or
+  // an open learnt from the origin, are trusted: an open within it asks the
+  // origin nothing. 0 asks at every open.
+  long long listing_ttl_ms = 1000;
   RetryPolicy retry;
   // -1: a close uploads the file and reports the result. Otherwise a close
   // returns once the bytes are on the local disk, and the upload follows
   // after this many seconds without a close of the file.
   long long write_back_seconds = -1;
+  DriveClock clock = std::chrono::steady_clock::now;  // ages what the drive knows
 };
 
 struct FileAttributes {
@@ -70,7 +75,10 @@ std::string NameOf(const std::string& path);
 
 // One open of a file; what FUSE keeps as the file handle.
 struct OpenHandle {
-  std::shared_ptr<RemoteFile> file;  // null for the statistics file
+  // Null for the statistics file. A read that finds a newer version on the
+  // origin moves a read-only handle to it: concurrent reads load and store
+  // it with std::atomic_load/atomic_compare_exchange.
+  std::shared_ptr<RemoteFile> file;
   std::shared_ptr<_FS_HANDLE> fs_handle;
   bool writable = false;
   std::string snapshot;  // the statistics file's contents as of its open
@@ -132,12 +140,29 @@ class RemoteDrive {
   const TransferCounters& counters() const { return counters_; }
   ICache_V2* cache() const { return cache_; }
   Origin* origin() const { return origin_.get(); }
+  const DriveOptions& options() const { return options_; }
 
  private:
   std::shared_ptr<RemoteFile> FindFile(const std::string& path);
   std::shared_ptr<RemoteFile> NewFile(const std::string& path, const OriginFileInfo& seen, bool on_origin,
                                       std::string* error);
-  int OpenFile(const std::string& path, int flags, std::shared_ptr<RemoteFile>* file);
+  // `ask_origin`: the origin's version is asked for even when the drive's
+  // knowledge of it is still within the window.
+  int OpenFile(const std::string& path, int flags, std::shared_ptr<RemoteFile>* file, bool ask_origin = false);
+  // remote_drive_freshness.cpp:
+  DriveTime Now() const { return options_.clock(); }
+  // The origin's version of `path`: what the drive learnt of it within the
+  // window (from an open, an upload or the directory's listing), else the
+  // origin's answer to a Stat. `confirmed` is when that was true.
+  OriginStatus CurrentVersion(const std::string& path, bool ask_origin, OriginFileInfo* info,
+                              DriveTime* confirmed, std::string* error);
+  // Whether a read of `file` that returned `got` for [offset, offset + size)
+  // should ask whether the origin holds a newer version: it reached the end
+  // of what the drive knows, or a fetch found the version changed.
+  bool MayHaveChanged(RemoteFile* file, long long got, size_t size, long long offset);
+  // Asks the origin for the file's version; when it is not the one `stale`
+  // holds, the handle moves to a fresh copy of it. True when it moved.
+  bool MoveToCurrentVersion(OpenHandle* handle, const std::shared_ptr<RemoteFile>& stale);
   int Upload(RemoteFile* file);
   // REQUIRES: files_lock_ held.
   void Forget(const std::shared_ptr<RemoteFile>& file);

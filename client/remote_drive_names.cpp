@@ -29,7 +29,9 @@ bool IsBeneath(const std::string& path, const std::string& directory) {
 
 int Refused(Origin* origin, const char* what, const std::string& path, OriginStatus status,
             const std::string& error) {
-  const bool users_mistake = status == OriginStatus::kNotFound || status == OriginStatus::kNotEmpty;
+  // A mistake of the user's, or a refusal the volume tells at its own level.
+  const bool users_mistake = status == OriginStatus::kNotFound || status == OriginStatus::kNotEmpty ||
+                             status == OriginStatus::kUnsupported;
   ClientLog(users_mistake ? LOGLEVEL_INFO : LOGLEVEL_ERROR, "%s %s: origin %s: %s: %s", what, path.c_str(),
             origin->Describe().c_str(), OriginStatusText(status), error.c_str());
   return ErrnoOf(status);
@@ -184,8 +186,9 @@ int RemoteDrive::SetModificationTime(const std::string& path, long long mtime, b
     file->mtime.store(mtime, std::memory_order_relaxed);
     // Only the time changed: the cached bytes are those of the new version.
     OriginFileInfo info;
+    const DriveTime asked = Now();
     if (origin_->Stat(path, &info, &error) == OriginStatus::kOk) {
-      file->SetSeen(info);
+      file->SetSeen(info, asked);
       file->fetch->SetValidator(info.validator);
     }
   }

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 
+#include "drive_clock.h"
 #include "korvcache.h"
 #include "origin.h"
 #include "origin_fetch.h"
@@ -28,13 +29,22 @@ struct RemoteFile {
     path_ = path;
   }
 
-  OriginFileInfo Seen() {
+  // The origin's version the cache holds, and when the origin last
+  // confirmed it (the drive's clock; DriveTime() for never).
+  OriginFileInfo Seen(DriveTime* confirmed = nullptr) {
     std::lock_guard<std::mutex> guard(seen_lock);
+    if (confirmed != nullptr) *confirmed = confirmed_at;
     return seen;
   }
-  void SetSeen(const OriginFileInfo& info) {
+  void SetSeen(const OriginFileInfo& info, DriveTime confirmed) {
     std::lock_guard<std::mutex> guard(seen_lock);
     seen = info;
+    confirmed_at = confirmed;
+  }
+  // The origin answered, at `at`, that it still holds the version seen.
+  void Confirm(DriveTime at) {
+    std::lock_guard<std::mutex> guard(seen_lock);
+    if (at > confirmed_at) confirmed_at = at;
   }
 
   // Set once, before the file is shared. The fetcher is declared first so
@@ -76,4 +86,5 @@ struct RemoteFile {
   std::mutex seen_lock;
   std::string path_;
   OriginFileInfo seen;  // the origin's version the cache holds
+  DriveTime confirmed_at;
 };

@@ -25,7 +25,7 @@ bool MakeParentDirectories(const std::string& path) {
 
 }  // namespace
 
-int UploadRemoteFile(Origin* origin, RemoteFile* file, std::atomic<long long>* uploads) {
+int UploadRemoteFile(Origin* origin, RemoteFile* file, std::atomic<long long>* uploads, const DriveClock& clock) {
   std::lock_guard<std::mutex> guard(file->io_lock);
   if (!file->dirty || file->removed) return 0;
   const std::string path = file->Path();  // a rename waits for the io_lock
@@ -61,7 +61,8 @@ int UploadRemoteFile(Origin* origin, RemoteFile* file, std::atomic<long long>* u
   if (file->journal != nullptr) file->journal->Drop(file);
   uploads->fetch_add(1);
   OriginFileInfo info;
-  if (origin->Stat(path, &info, &error) == OriginStatus::kOk) file->SetSeen(info);
+  const DriveTime asked = clock();
+  if (origin->Stat(path, &info, &error) == OriginStatus::kOk) file->SetSeen(info, asked);
   ClientLog(LOGLEVEL_INFO, "uploaded %s (%lld bytes)", path.c_str(), size);
   return 0;
 }

@@ -14,9 +14,10 @@
 // for the next try. A finished upload counts into `uploads`, before the file
 // records the origin's new version: an open that stat'ed the origin meanwhile
 // sees the count move and asks again instead of taking the upload for a
-// change made elsewhere.
+// change made elsewhere. The new version counts as confirmed at `clock`'s
+// time before it was asked for.
 // REQUIRES: not holding file->io_lock.
-int UploadRemoteFile(Origin* origin, RemoteFile* file, std::atomic<long long>* uploads);
+int UploadRemoteFile(Origin* origin, RemoteFile* file, std::atomic<long long>* uploads, const DriveClock& clock);
 
 // Writes the file's contents to `cache_dir`/unsaved/<its path> and tells the
 // user where they are (or that they are lost).

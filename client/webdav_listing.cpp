@@ -53,7 +53,8 @@ void ReadProperties(const xmlNode* prop, DavResource* resource) {
     } else if (IsDav(p, "getcontentlength")) {
       resource->size = CountOf(TextOf(p));
     } else if (IsDav(p, "getlastmodified")) {
-      if (!ParseHttpDate(TextOf(p), &resource->mtime)) resource->mtime = 0;
+      resource->last_modified = TextOf(p);
+      if (!ParseHttpDate(resource->last_modified, &resource->mtime)) resource->mtime = 0;
     } else if (IsDav(p, "getetag")) {
       resource->etag = TextOf(p);
     } else if (IsDav(p, "quota-used-bytes")) {
@@ -108,6 +109,10 @@ int HexValue(char c) {
 }
 
 }  // namespace
+
+std::string ValidatorOf(const DavResource& resource) {
+  return resource.etag.empty() ? resource.last_modified : resource.etag;
+}
 
 bool ParseMultistatus(const std::string& body, std::vector<DavResource>* resources, std::string* error) {
   resources->clear();
@@ -213,6 +218,7 @@ bool ParsePropfindListing(const std::string& body, const std::string& directory_
     entry.is_directory = resource.is_collection;
     entry.size = resource.is_collection ? 0 : resource.size;
     entry.mtime = resource.mtime;
+    entry.validator = ValidatorOf(resource);
     entries->push_back(std::move(entry));
   }
   return true;

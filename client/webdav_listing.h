@@ -18,9 +18,14 @@ struct DavResource {
   long long size = -1;  // getcontentlength; -1 when absent or not a number
   long long mtime = 0;  // getlastmodified; 0 when absent or not an HTTP date
   std::string etag;
+  std::string last_modified;  // getlastmodified as sent
   long long quota_used = -1;  // RFC 4331 quota-used-bytes; -1 when absent
   long long quota_available = -1;
 };
+
+// What the resource's version is told by: its ETag, else its Last-Modified
+// date, as a HEAD's answer is read.
+std::string ValidatorOf(const DavResource& resource);
 
 // Parses a 207 body. Properties reported with a status other than 2xx are
 // left out. Returns false with `error` set when `body` is not a multistatus.

@@ -8,6 +8,7 @@
 
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <set>
@@ -92,6 +93,8 @@ bool ParseRecord(const std::string& text, JournalRecord* record) {
     if (key == "path") record->path = value;
     else if (key == "new") record->is_new = value == "1";
     else if (key == "validator") record->validator = value;
+    else if (key == "size") record->size = std::atoll(value.c_str());
+    else if (key == "mtime") record->mtime = std::atoll(value.c_str());
     else if (key == "local") record->local_name = value;
     else if (key == "end") ended = true;
     else return false;
@@ -127,7 +130,8 @@ bool WriteJournal::Record(RemoteFile* file) {
   if (file->journal_id.empty()) file->journal_id = RandomUUID() + kSuffix;
   const OriginFileInfo seen = file->Seen();
   std::string text = std::string(kMagic) + "\npath " + Escape(file->Path()) + "\nnew " +
-                     (file->on_origin ? "0" : "1") + "\nvalidator " + Escape(seen.validator) + "\nlocal " +
+                     (file->on_origin ? "0" : "1") + "\nvalidator " + Escape(seen.validator) + "\nsize " + std::to_string(seen.size) +
+                     "\nmtime " + std::to_string(seen.mtime) + "\nlocal " +
                      Escape(file->local_name) + "\nend\n";
   const std::string target = dir_ + file->journal_id;
   const std::string temporary = dir_ + ".tmp-" + file->journal_id;

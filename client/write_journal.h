@@ -24,6 +24,8 @@ struct JournalRecord {
   std::string path;        // the remote path
   bool is_new = false;     // the file was not on the origin: it must still be absent
   std::string validator;   // the origin version the change was based on
+  long long size = 0;      // and that version's size and mtime (a validator from a
+  long long mtime = 0;     // listing may be a date where a Stat gives an ETag)
   std::string local_name;  // the cache file holding the bytes, in the cache directory
 };
 

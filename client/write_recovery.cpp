@@ -23,7 +23,11 @@ std::string Obstacle(Origin* origin, const JournalRecord& record) {
     return status == OriginStatus::kOk ? "a file of that name appeared on the origin meanwhile"
                                        : std::string("the origin did not answer: ") + OriginStatusText(status);
   }
-  if (status == OriginStatus::kOk && !info.is_directory && info.validator == record.validator) return "";
+  OriginFileInfo based_on;
+  based_on.size = record.size;
+  based_on.mtime = record.mtime;
+  based_on.validator = record.validator;
+  if (status == OriginStatus::kOk && SameVersion(info, based_on)) return "";
   if (status == OriginStatus::kOk || status == OriginStatus::kNotFound) return "the origin's file changed meanwhile";
   return std::string("the origin did not answer: ") + OriginStatusText(status);
 }

@@ -22,9 +22,11 @@ bool Parse(const std::string& line, ClientOptions* options, std::string* error) 
 TEST(CommandLine, ParsesOptionsSizesAndOriginFiles) {
   ClientOptions options;
   std::string error;
-  ASSERT_TRUE(Parse("http://h --limit 8G /mnt --threads 256 -f --timeout-ms 1 --write-back 0", &options, &error)) << error;
+  ASSERT_TRUE(Parse("http://h --limit 8G /mnt --threads 256 -f --timeout-ms 1 --write-back 0 --attr-timeout 0 --progress",
+                    &options, &error)) << error;
   EXPECT_TRUE(options.drive.limit == 8ULL << 30 && options.drive.threads == 256 && options.origin.timeout_ms == 1 &&
-              options.drive.write_back_seconds == 0 && options.foreground);
+              options.drive.write_back_seconds == 0 && options.foreground && options.drive.listing_ttl_ms == 0 &&
+              options.progress);
   EXPECT_EQ(options.positional, (std::vector<std::string>{"http://h", "/mnt"}));
   const std::pair<const char*, const char*> refused[] = {
       {"--threads 0", "bad --threads 0"}, {"--threads 4x", "bad --threads 4x"}, {"--threads 257", "bad --threads 257"},
@@ -32,6 +34,7 @@ TEST(CommandLine, ParsesOptionsSizesAndOriginFiles) {
       {"--latency-ms -5", "bad --latency-ms -5"}, {"--bandwidth 9X", "bad --bandwidth 9X"},
       {"--settings @/nonexistent/settings.json", "cannot read settings file /nonexistent/settings.json"},
       {"--limit", "--limit needs a value"}, {"--write-back -1", "bad --write-back -1"}, {"--bogus", "unknown option --bogus"},
+      {"--limit 63M", "--limit 63M is below the cache's floor of 64M"}, {"--attr-timeout -1", "bad --attr-timeout -1"},
   };
   for (const auto& [args, expected] : refused) {
     EXPECT_FALSE(Parse(args, &options, &error)) << args;

@@ -50,6 +50,11 @@ TEST(WebDavListingTest, ListsWhatCanBeNamedSkipsTheRestAndRefusesWhatDoesNotPars
     for (const OriginEntry& e : entries) {
       seen += e.name + (e.is_directory ? "/ " : "=" + std::to_string(e.size) + " ");
       EXPECT_EQ(e.mtime, 981173106) << c.what;
+      // Without ETags (nginx's listing) the date tells the version a HEAD tells by its ETag.
+      const OriginFileInfo head{e.is_directory, e.size, e.mtime, "\"3e-1\""};
+      const OriginFileInfo later{e.is_directory, e.size, e.mtime + 1, "\"3f-1\""};
+      EXPECT_TRUE(e.validator == "Sat, 03 Feb 2001 04:05:06 GMT" && SameVersion(VersionOf(e), head) &&
+                  !SameVersion(VersionOf(e), later)) << c.what;
     }
     EXPECT_EQ(parsed ? seen + "+" + std::to_string(skipped.size()) : "no listing", c.seen) << c.what;
   }

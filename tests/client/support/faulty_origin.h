@@ -2,7 +2,8 @@
 // reads or uploads refused, or the next `breaks` transfers cut off (as
 // unreachable) before the piece that passes `break_after` bytes.
 // `before_upload` runs inside every upload; `sent` counts the bytes handed
-// on to readers.
+// on to readers, `requests` the lists, stats and reads asked for.
+// `silent_space`: the origin tells nothing of its space.
 #pragma once
 
 #include <atomic>
@@ -19,17 +20,22 @@ class FaultyOrigin : public Origin {
   std::atomic<int> breaks{0};
   long long break_after = 0;
   std::atomic<long long> sent{0};
+  std::atomic<int> requests{0};
+  std::atomic<bool> silent_space{false};
   std::function<void()> before_upload = [] {};
 
   std::string Describe() const override { return inner_->Describe(); }
   OriginStatus List(const std::string& path, std::vector<OriginEntry>* entries, std::string* error) override {
+    ++requests;
     return down ? OriginStatus::kUnreachable : inner_->List(path, entries, error);
   }
   OriginStatus Stat(const std::string& path, OriginFileInfo* info, std::string* error) override {
+    ++requests;
     return down ? OriginStatus::kUnreachable : inner_->Stat(path, info, error);
   }
   OriginStatus ReadRange(const std::string& path, long long offset, long long length, const std::string& validator,
                          const ByteSink& sink, std::string* error) override {
+    ++requests;
     if (down || refuse_reads) return OriginStatus::kUnreachable;
     const bool breaking = breaks > 0;
     long long passed = 0;
@@ -61,7 +67,7 @@ class FaultyOrigin : public Origin {
   OriginStatus SetModificationTime(const std::string& path, long long mtime, std::string* error) override {
     return inner_->SetModificationTime(path, mtime, error);
   }
-  bool Space(long long* used, long long* available) override { return inner_->Space(used, available); }
+  bool Space(long long* used, long long* available) override { return !silent_space && inner_->Space(used, available); }
 
  private:
   const std::unique_ptr<Origin> inner_;
