@@ -1,6 +1,13 @@
 // Directory listings of an origin, trusted for a while so that a burst of
 // stat calls asks the origin once, and kept while the origin is out of reach.
 //
+// nginx lists no name that starts with a dot, yet tools make such files and
+// directories all the time (.git, rsync's and editors' temporary files). The
+// ones this volume made, renamed or found by name are remembered and added
+// to their directory's listings, each asked about by name (Stat) when the
+// listing is taken; one found gone is forgotten. Those made elsewhere stay
+// unlisted until looked up by name.
+//
 // Thread safety: every operation may be called from many threads. The lock
 // is a leaf: it may be taken under the drive's files_lock_, and the origin
 // is never asked while it is held.
@@ -9,6 +16,7 @@
 #include <chrono>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -30,14 +38,29 @@ class ListingCache {
   // Forgets `directory` and every directory beneath it (it was renamed or removed).
   void ForgetTree(const std::string& directory);
 
+  // The entry of `path` in its parent's listing; a name that starts with a
+  // dot and is not listed is asked about by name. 0, -ENOENT, or List's error.
+  int Find(const std::string& path, OriginEntry* entry);
+  // `path` was made or stored on the origin: its parent is listed afresh.
+  void Added(const std::string& path);
+  // `path` (and, for a directory, everything beneath it) is gone.
+  void Removed(const std::string& path);
+  // `from` (and everything beneath it) is now at `to`.
+  void Moved(const std::string& from, const std::string& to);
+
  private:
   struct Listing {
     std::chrono::steady_clock::time_point taken;
     std::vector<OriginEntry> entries;
   };
 
+  // Adds the remembered dot names of `directory` that `entries` lacks.
+  void AddHidden(const std::string& directory, std::vector<OriginEntry>* entries);
+  void RememberIfHidden(const std::string& path);  // REQUIRES: lock_ held
+
   Origin* const origin_;
   const std::chrono::milliseconds ttl_;
   std::mutex lock_;
   std::map<std::string, Listing> listings_;  // protected by lock_
+  std::set<std::string> hidden_;             // paths of remembered dot names; protected by lock_
 };

@@ -281,7 +281,7 @@ int RemoteDrive::Upload(RemoteFile* file) {
   const int result = UploadRemoteFile(origin_.get(), file, &uploads_);
   // The directory's listing from before the upload lacks the file or has its
   // old size, and a clean file is listed only as the origin lists it.
-  if (result == 0) listings_.Forget(ParentOf(file->Path()));
+  if (result == 0) listings_.Added(file->Path());
   return result;
 }
 
@@ -303,24 +303,20 @@ int RemoteDrive::GetAttributes(const std::string& path, FileAttributes* attribut
     attributes->mtime = file->mtime.load(std::memory_order_relaxed);
     return 0;
   }
-  std::vector<OriginEntry> entries;
-  const int listed = listings_.List(ParentOf(path), &entries);
+  OriginEntry entry;
+  const int listed = listings_.Find(path, &entry);
   if (listed == 0) {
-    const std::string name = NameOf(path);
-    for (const OriginEntry& entry : entries) {
-      if (entry.name != name) continue;
-      attributes->is_directory = entry.is_directory;
-      attributes->size = entry.size;
-      attributes->mtime = entry.mtime;
-      return 0;
-    }
+    attributes->is_directory = entry.is_directory;
+    attributes->size = entry.size;
+    attributes->mtime = entry.mtime;
+    return 0;
   }
-  if (file && listed != 0 && listed != -ENOENT) {  // known from an earlier open; the origin does not answer now
+  if (file && listed != -ENOENT) {  // known from an earlier open; the origin does not answer now
     attributes->size = file->size.load(std::memory_order_relaxed);
     attributes->mtime = file->mtime.load(std::memory_order_relaxed);
     return 0;
   }
-  return listed != 0 ? listed : -ENOENT;
+  return listed;
 }
 
 int RemoteDrive::ListDirectory(const std::string& path, std::vector<OriginEntry>* entries) {

@@ -81,7 +81,7 @@ int RemoteDrive::Unlink(const std::string& path) {
     file->removed = true;
     Forget(file);
   }
-  listings_.Forget(ParentOf(path));
+  listings_.Removed(path);
   return 0;
 }
 
@@ -125,10 +125,7 @@ int RemoteDrive::Rename(const std::string& from, const std::string& to, bool no_
     Forget(replaced);  // before the move, whose Rehash would close its object under its open handles
   }
   for (auto& file : moving) Move(file, to + file->Path().substr(from.size()));
-  listings_.ForgetTree(from);
-  listings_.ForgetTree(to);
-  listings_.Forget(ParentOf(from));
-  listings_.Forget(ParentOf(to));
+  listings_.Moved(from, to);
   return 0;
 }
 
@@ -138,8 +135,11 @@ int RemoteDrive::MakeDirectory(const std::string& path) {
   if (file && !file->on_origin) return -EEXIST;  // created here, not uploaded yet
   std::string error;
   const OriginStatus status = origin_->MakeDirectory(path, &error);
+  if (status == OriginStatus::kOk) {
+    listings_.Added(path);
+    return 0;
+  }
   listings_.Forget(ParentOf(path));
-  if (status == OriginStatus::kOk) return 0;
   OriginFileInfo info;
   std::string stat_error;
   if (status == OriginStatus::kFailed && origin_->Stat(path, &info, &stat_error) == OriginStatus::kOk) return -EEXIST;
@@ -158,8 +158,7 @@ int RemoteDrive::RemoveDirectory(const std::string& path) {
   std::string error;
   const OriginStatus status = origin_->RemoveDirectory(path, &error);
   if (status != OriginStatus::kOk) return Refused(origin_.get(), "rmdir", path, status, error);
-  listings_.ForgetTree(path);
-  listings_.Forget(ParentOf(path));
+  listings_.Removed(path);
   return 0;
 }
 
