@@ -275,7 +275,10 @@ class HttpOrigin : public Origin {
   OriginStatus UploadWithTime(const std::string& path, long long size, const ByteSource& source, long long mtime,
                               std::string* error) override {
     const std::string date = FormatHttpDate(mtime);
-    if (date.empty()) return Fail(path, "a time no HTTP date can carry", error);
+    if (date.empty()) {
+      *error = "no HTTP date carries the time " + std::to_string(mtime);
+      return OriginStatus::kUnsupported;
+    }
     return Put(path, size, source, "Date: " + date, error);
   }
 

@@ -131,7 +131,13 @@ int ListingCache::Find(const std::string& path, OriginEntry* entry) {
   if (!IsHidden(path)) return -ENOENT;
   OriginFileInfo info;
   std::string error;
-  if (origin_->Stat(path, &info, &error) != OriginStatus::kOk) return -ENOENT;
+  const OriginStatus status = origin_->Stat(path, &info, &error);
+  if (status == OriginStatus::kNotFound) return -ENOENT;
+  if (status != OriginStatus::kOk) {
+    ClientLog(LOGLEVEL_ERROR, "look up %s: origin %s: %s: %s", path.c_str(), origin_->Describe().c_str(),
+              OriginStatusText(status), error.c_str());
+    return -EIO;
+  }
   *entry = EntryOf(path, info);
   std::lock_guard<std::mutex> guard(lock_);
   RememberIfHidden(path);

@@ -39,7 +39,8 @@ class ListingCache {
   void ForgetTree(const std::string& directory);
 
   // The entry of `path` in its parent's listing; a name that starts with a
-  // dot and is not listed is asked about by name. 0, -ENOENT, or List's error.
+  // dot and is not listed is asked about by name. 0, -ENOENT, or -EIO when
+  // the origin cannot tell.
   int Find(const std::string& path, OriginEntry* entry);
   // `path` was made or stored on the origin: its parent is listed afresh.
   void Added(const std::string& path);
