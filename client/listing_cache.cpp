@@ -142,7 +142,10 @@ int ListingCache::Find(const std::string& path, OriginEntry* entry) {
   std::lock_guard<std::mutex> guard(lock_);
   RememberIfHidden(path);
   auto it = listings_.find(ParentPath(path));
-  if (it != listings_.end()) it->second.entries.push_back(*entry);
+  if (it != listings_.end() && std::none_of(it->second.entries.begin(), it->second.entries.end(),
+                                            [&](const OriginEntry& e) { return e.name == name; })) {
+    it->second.entries.push_back(*entry);
+  }
   return 0;
 }
 
