@@ -2,12 +2,16 @@
 
 #include <json/json.h>
 
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <exception>
 #include <memory>
 
 namespace {
+
+const char* const kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
 // Reads exactly `count` digits at `*pos`.
 bool ReadDigits(const std::string& text, size_t* pos, int count, int* value) {
@@ -31,13 +35,20 @@ bool Expect(const std::string& text, size_t* pos, char c) {
 
 }  // namespace
 
+std::string FormatHttpDate(long long seconds) {
+  const time_t when = static_cast<time_t>(seconds);
+  struct tm tm;
+  if (seconds < 0 || gmtime_r(&when, &tm) == nullptr || tm.tm_year + 1900 > 9999) return std::string();
+  char text[32];
+  snprintf(text, sizeof(text), "%s, %02d %s %04d %02d:%02d:%02d GMT", kDays[tm.tm_wday], tm.tm_mday,
+           kMonths[tm.tm_mon], tm.tm_year + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec);
+  return text;
+}
+
 // Parsed by hand rather than with strptime because %a and %b follow the
 // process's locale, and a program that calls setlocale() would then reject
 // every date a server sends.
 bool ParseHttpDate(const std::string& text, long long* seconds) {
-  static const char* const kDays[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-  static const char* const kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                        "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
   if (text.size() != 29 || text.compare(3, 2, ", ") != 0 || text.compare(25, 4, " GMT") != 0) {
     return false;
   }

@@ -263,6 +263,24 @@ class HttpOrigin : public Origin {
 
   OriginStatus Upload(const std::string& path, long long size, const ByteSource& source,
                       std::string* error) override {
+    return Put(path, size, source, std::string(), error);
+  }
+
+  // nginx's dav module gives a stored file the time of the request's Date
+  // header: the one way to set a time that it has.
+  OriginStatus UploadWithTime(const std::string& path, long long size, const ByteSource& source, long long mtime,
+                              std::string* error) override {
+    const std::string date = FormatHttpDate(mtime);
+    if (date.empty()) {
+      *error = "no HTTP date carries the time " + std::to_string(mtime);
+      return OriginStatus::kUnsupported;
+    }
+    return Put(path, size, source, "Date: " + date, error);
+  }
+
+  // A PUT of `size` bytes from `source`, with `date_header` when not empty.
+  OriginStatus Put(const std::string& path, long long size, const ByteSource& source,
+                   const std::string& date_header, std::string* error) {
     if (size < 0) return Fail(path, "negative size", error);
     EasyHandle easy;
     Response response;
@@ -274,6 +292,7 @@ class HttpOrigin : public Origin {
     // Without "Expect: 100-continue" a server that never answers it costs no
     // extra second per upload.
     curl_slist* headers = curl_slist_append(nullptr, "Expect:");
+    if (!date_header.empty()) headers = curl_slist_append(headers, date_header.c_str());
     curl_easy_setopt(easy.get(), CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(easy.get(), CURLOPT_UPLOAD, 1L);
     curl_easy_setopt(easy.get(), CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(size));
@@ -302,7 +321,7 @@ class HttpOrigin : public Origin {
   OriginStatus Rename(const std::string& from, const std::string& to, std::string* error) override {
     return dav_.Rename(from, to, error);
   }
-  // nginx cannot PROPPATCH, and a PUT takes the time of its arrival.
+  // nginx cannot PROPPATCH; only an upload sets a time (UploadWithTime).
   OriginStatus SetModificationTime(const std::string&, long long, std::string* error) override {
     *error = "not supported by this origin";
     return OriginStatus::kUnsupported;

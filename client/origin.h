@@ -93,6 +93,15 @@ class Origin {
   // Either the whole new file is stored or the old one stays.
   virtual OriginStatus Upload(const std::string& path, long long size, const ByteSource& source,
                               std::string* error) = 0;
+  // As Upload, the stored file taking the modification time `mtime` (whole
+  // seconds): how an origin that cannot set a file's time keeps one.
+  // kUnsupported, with nothing stored, where an upload cannot carry a time.
+  virtual OriginStatus UploadWithTime(const std::string& path, long long size, const ByteSource& source,
+                                      long long mtime, std::string* error) {
+    (void)path, (void)size, (void)source, (void)mtime;
+    *error = "an upload cannot carry a time to this origin";
+    return OriginStatus::kUnsupported;
+  }
 
   // Removes the file `path`; kNotFound when there is none. Directories are
   // removed with RemoveDirectory.

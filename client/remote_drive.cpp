@@ -290,7 +290,7 @@ int RemoteDrive::Upload(RemoteFile* file) {
   const int result = UploadRemoteFile(origin_.get(), file, &uploads_, options_.clock);
   // The directory's listing from before the upload lacks the file or has its
   // old size, and a clean file is listed only as the origin lists it.
-  if (result == 0) listings_.Forget(ParentOf(file->Path()));
+  if (result == 0) listings_.Added(file->Path());
   return result;
 }
 
@@ -312,29 +312,25 @@ int RemoteDrive::GetAttributes(const std::string& path, FileAttributes* attribut
     attributes->mtime = file->mtime.load(std::memory_order_relaxed);
     return 0;
   }
-  std::vector<OriginEntry> entries;
+  OriginEntry entry;
   DriveTime taken;
-  const int listed = listings_.List(ParentOf(path), &entries, &taken);
+  const int listed = listings_.Find(path, &entry, &taken);
   if (listed == 0) {
-    const std::string name = NameOf(path);
-    for (const OriginEntry& entry : entries) {
-      if (entry.name != name) continue;
-      DriveTime confirmed;
-      if (file && !entry.is_directory) file->Seen(&confirmed);
-      // A version the origin confirmed since it listed the directory is newer.
-      const bool newer = file && !entry.is_directory && confirmed >= taken;
-      attributes->is_directory = entry.is_directory;
-      attributes->size = newer ? file->size.load(std::memory_order_relaxed) : entry.size;
-      attributes->mtime = newer ? file->mtime.load(std::memory_order_relaxed) : entry.mtime;
-      return 0;
-    }
+    DriveTime confirmed;
+    if (file && !entry.is_directory) file->Seen(&confirmed);
+    // A version the origin confirmed since it listed the directory is newer.
+    const bool newer = file && !entry.is_directory && confirmed >= taken;
+    attributes->is_directory = entry.is_directory;
+    attributes->size = newer ? file->size.load(std::memory_order_relaxed) : entry.size;
+    attributes->mtime = newer ? file->mtime.load(std::memory_order_relaxed) : entry.mtime;
+    return 0;
   }
-  if (file && listed != 0 && listed != -ENOENT) {  // known from an earlier open; the origin does not answer now
+  if (file && listed != -ENOENT) {  // known from an earlier open; the origin does not answer now
     attributes->size = file->size.load(std::memory_order_relaxed);
     attributes->mtime = file->mtime.load(std::memory_order_relaxed);
     return 0;
   }
-  return listed != 0 ? listed : -ENOENT;
+  return listed;
 }
 
 int RemoteDrive::ListDirectory(const std::string& path, std::vector<OriginEntry>* entries) {

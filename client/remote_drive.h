@@ -126,9 +126,11 @@ class RemoteDrive {
   int Rename(const std::string& from, const std::string& to, bool no_replace);
   int MakeDirectory(const std::string& path);
   int RemoveDirectory(const std::string& path);
-  // `to_now`: the caller asked for the current time, which an origin that
-  // cannot set times gives anyway (it stamps every upload); any other time
-  // it cannot hold is -EPERM. A file with unsaved writes is uploaded first.
+  // `to_now`: the caller asked for the current time, which the upload of a
+  // file with unsaved writes gives anyway. A file with unsaved writes is
+  // uploaded first. An origin that cannot set times (HTTP) takes a file's
+  // time with an upload that carries it, its bytes stored again; a time it
+  // cannot hold (a directory's) is -EPERM.
   int SetModificationTime(const std::string& path, long long mtime, bool to_now);
   // The origin's space when it tells; otherwise the cache's limit and what
   // the cache leaves of it.

@@ -37,6 +37,34 @@ int Refused(Origin* origin, const char* what, const std::string& path, OriginSta
   return ErrnoOf(status);
 }
 
+// An origin that cannot set a time may take one with an upload: the file's
+// bytes are stored again, carrying it (those not cached are fetched first).
+// No upload carries a directory's time. A time the origin did not keep is
+// -EPERM, never a silent success.
+int StoreAgainWithTime(RemoteDrive* drive, const std::string& path, long long mtime) {
+  FileAttributes attributes;
+  int result = drive->GetAttributes(path, &attributes);
+  if (result != 0) return result;
+  if (attributes.is_directory) return -EPERM;
+  std::unique_ptr<OpenHandle> handle;
+  result = drive->Open(path, O_RDWR, &handle);
+  if (result != 0) return result;
+  const std::shared_ptr<RemoteFile> file = handle->file;
+  {
+    std::lock_guard<std::mutex> io(file->io_lock);
+    file->mtime.store(mtime, std::memory_order_relaxed);
+    file->kept_mtime.store(mtime, std::memory_order_relaxed);
+    file->dirty = true;
+  }
+  result = drive->Flush(handle.get());
+  const int released = drive->Release(std::move(handle));
+  if (result != 0 || released != 0) return result != 0 ? result : released;
+  if (file->Seen().mtime == mtime) return 0;
+  ClientLog(LOGLEVEL_ERROR, "set the time of %s: origin %s stored the file but not its time", path.c_str(),
+            drive->origin()->Describe().c_str());
+  return -EPERM;
+}
+
 }  // namespace
 
 std::vector<std::shared_ptr<RemoteFile>> RemoteDrive::FilesAt(const std::string& path) {
@@ -84,7 +112,7 @@ int RemoteDrive::Unlink(const std::string& path) {
     file->removed = true;
     Forget(file);
   }
-  listings_.Forget(ParentOf(path));
+  listings_.Removed(path);
   return 0;
 }
 
@@ -128,10 +156,7 @@ int RemoteDrive::Rename(const std::string& from, const std::string& to, bool no_
     Forget(replaced);  // before the move, whose Rehash would close its object under its open handles
   }
   for (auto& file : moving) Move(file, to + file->Path().substr(from.size()));
-  listings_.ForgetTree(from);
-  listings_.ForgetTree(to);
-  listings_.Forget(ParentOf(from));
-  listings_.Forget(ParentOf(to));
+  listings_.Moved(from, to);
   return 0;
 }
 
@@ -141,8 +166,11 @@ int RemoteDrive::MakeDirectory(const std::string& path) {
   if (file && !file->on_origin) return -EEXIST;  // created here, not uploaded yet
   std::string error;
   const OriginStatus status = origin_->MakeDirectory(path, &error);
+  if (status == OriginStatus::kOk) {
+    listings_.Added(path);
+    return 0;
+  }
   listings_.Forget(ParentOf(path));
-  if (status == OriginStatus::kOk) return 0;
   OriginFileInfo info;
   std::string stat_error;
   if (status == OriginStatus::kFailed && origin_->Stat(path, &info, &stat_error) == OriginStatus::kOk) return -EEXIST;
@@ -161,8 +189,7 @@ int RemoteDrive::RemoveDirectory(const std::string& path) {
   std::string error;
   const OriginStatus status = origin_->RemoveDirectory(path, &error);
   if (status != OriginStatus::kOk) return Refused(origin_.get(), "rmdir", path, status, error);
-  listings_.ForgetTree(path);
-  listings_.Forget(ParentOf(path));
+  listings_.Removed(path);
   return 0;
 }
 
@@ -173,13 +200,16 @@ int RemoteDrive::SetModificationTime(const std::string& path, long long mtime, b
   if (file && file->dirty) {
     file->mtime.store(mtime, std::memory_order_relaxed);
     if (to_now) return 0;  // the upload to come stamps the time
-    // An upload stamps the origin's file anew, so it goes first and the time set stays.
+    // An upload stamps the origin's file anew, so it goes first and the time
+    // set stays; an origin whose uploads carry a time takes it with this one.
+    file->kept_mtime.store(mtime, std::memory_order_relaxed);
     const int uploaded = Upload(file.get());
     if (uploaded != 0) return uploaded;
+    if (file->Seen().mtime == mtime) return 0;
   }
   std::string error;
   const OriginStatus status = origin_->SetModificationTime(path, mtime, &error);
-  if (status == OriginStatus::kUnsupported && to_now) return 0;
+  if (status == OriginStatus::kUnsupported) return StoreAgainWithTime(this, path, mtime);
   if (status != OriginStatus::kOk) return Refused(origin_.get(), "set the time of", path, status, error);
   listings_.Forget(ParentOf(path));
   if (file) {

@@ -58,6 +58,9 @@ struct RemoteFile {
   // The size readers see: the origin's, or the local copy's once written.
   std::atomic<long long> size{0};
   std::atomic<long long> mtime{0};
+  // A time set by the user that the next upload carries where the origin's
+  // uploads can (0: none). A write clears it: the file's time is then the write's.
+  std::atomic<long long> kept_mtime{0};
   std::atomic<bool> on_origin{true};  // false: created here, never uploaded
   std::atomic<bool> writable{false};  // the cache object is in mode 'w'
   std::atomic<bool> dirty{false};     // written since the last upload; set and cleared under io_lock

@@ -92,6 +92,7 @@ long long WriteRemoteFile(RemoteFile* file, const std::shared_ptr<_FS_HANDLE>& h
   }
   RaiseTo(file->size, offset + static_cast<long long>(request.transferred));
   file->mtime.store(time(nullptr), std::memory_order_relaxed);
+  file->kept_mtime.store(0, std::memory_order_relaxed);
   file->dirty = true;
   return static_cast<long long>(request.transferred);
 }
@@ -106,6 +107,7 @@ int TruncateRemoteFile(RemoteFile* file, long long size) {
   }
   file->size.store(size, std::memory_order_relaxed);
   file->mtime.store(time(nullptr), std::memory_order_relaxed);
+  file->kept_mtime.store(0, std::memory_order_relaxed);
   file->dirty = true;
   return 0;
 }

@@ -48,7 +48,10 @@ int UploadRemoteFile(Origin* origin, RemoteFile* file, std::atomic<long long>* u
     return status == kOk ? static_cast<long long>(request.transferred) : -1;
   };
   std::string error;
-  const OriginStatus status = origin->Upload(path, size, source, &error);
+  const long long kept_mtime = file->kept_mtime.load(std::memory_order_relaxed);
+  OriginStatus status = OriginStatus::kUnsupported;
+  if (kept_mtime != 0) status = origin->UploadWithTime(path, size, source, kept_mtime, &error);
+  if (status == OriginStatus::kUnsupported) status = origin->Upload(path, size, source, &error);
   if (status != OriginStatus::kOk) {
     ClientAlert("upload of %s to %s failed (%s); the written data stays in the cache and is uploaded again at "
                 "the next close or at unmount",

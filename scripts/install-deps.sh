@@ -4,7 +4,8 @@
 # With --bench, also what only the client benchmark (`make bench`) runs;
 # with --fuzz, also what only the fuzzers (`make fuzz`) are built with.
 # clang (Debian 12: clang 14) is in the base list: `make test` checks the lock
-# annotations with it.
+# annotations with it. rsync and git: the end-to-end tests run them (and sed,
+# tar, cp, mv) inside a mount.
 set -euo pipefail
 
 packages=(
@@ -12,6 +13,7 @@ packages=(
   libjsoncpp-dev uuid-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libfuse3-dev fuse3 libcurl4-openssl-dev libxml2-dev nginx libnginx-mod-http-dav-ext curl
+  rsync git
 )
 # rclone: the client benchmark's competitor (`rclone mount` of an :http: remote).
 bench_packages=(rclone)
