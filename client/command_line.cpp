@@ -80,6 +80,12 @@ bool ParseClientOptions(int argc, char** argv, ClientOptions* options, std::stri
     } else if (arg == "-o") {
       if (!value(&text)) return false;
       options->fuse_options.push_back(text);
+      // Other users may use the volume only under the permission checks of
+      // the kernel: without them every local user could write to the origin.
+      std::istringstream list(text);
+      for (std::string option; std::getline(list, option, ',');) {
+        if (option == "allow_other" || option == "allow_root") options->fuse_options.push_back("default_permissions");
+      }
     } else if (arg == "--cache-dir") {
       if (!value(&options->drive.cache_dir)) return false;
     } else if (arg == "--limit") {

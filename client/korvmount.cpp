@@ -31,7 +31,8 @@ void PrintUsage(FILE* out) {
           "options:\n%s"
           "  -f, --foreground    stay in the foreground, messages on standard error\n"
           "                      (otherwise they go to CACHE_DIR/korvmount.log)\n"
-          "  -o OPTION           a FUSE mount option, e.g. allow_other\n"
+          "  -o OPTION           a FUSE mount option, e.g. allow_other (which always comes\n"
+          "                      with default_permissions: the kernel checks each user)\n"
           "df shows the origin's space where it reports one (a WebDAV quota, the file system\n"
           "of a directory origin), otherwise the cache's limit and what the cache leaves of it.\n"
           "unmount with: fusermount3 -u MOUNTPOINT\n",

@@ -28,6 +28,8 @@ TEST(CommandLine, ParsesOptionsSizesAndOriginFiles) {
               options.drive.write_back_seconds == 0 && options.foreground && options.drive.listing_ttl_ms == 0 &&
               options.progress);
   EXPECT_EQ(options.positional, (std::vector<std::string>{"http://h", "/mnt"}));
+  ASSERT_TRUE(Parse("-o ro,allow_other", &options, &error)) << error;
+  EXPECT_EQ(options.fuse_options, (std::vector<std::string>{"ro,allow_other", "default_permissions"}));
   const std::pair<const char*, const char*> refused[] = {
       {"--threads 0", "bad --threads 0"}, {"--threads 4x", "bad --threads 4x"}, {"--threads 257", "bad --threads 257"},
       {"--timeout-ms 0", "bad --timeout-ms 0"}, {"--log-level loud", "bad --log-level loud"},
