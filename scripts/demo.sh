@@ -140,6 +140,14 @@ if [ $use_fuse -eq 1 ]; then
   curl -s -o "$work/downloaded.bin" "$origin/uploaded.bin"
   cmp -s "$work/upload.bin" "$work/downloaded.bin" || { echo "demo: the uploaded file differs on the origin" >&2; exit 1; }
   write_check="8 MiB written, read back from the origin: identical"
+  echo "== a directory made, a file renamed into it, another deleted, through the mount"
+  mkdir "$work/mnt/made"
+  mv "$work/mnt/uploaded.bin" "$work/mnt/made/renamed.bin"
+  rm "$work/mnt/small/f000"
+  [ -d "$work/root/made" ] && cmp -s "$work/upload.bin" "$work/root/made/renamed.bin" &&
+    [ ! -e "$work/root/uploaded.bin" ] && [ ! -e "$work/root/small/f000" ] ||
+    { echo "demo: the origin does not show the mkdir, rename and delete" >&2; exit 1; }
+  names_check="mkdir, mv and rm through the mount: the origin shows all three"
   cp "$work/mnt/.korvcache-stats" "$work/stats.json"
 else
   echo "== FUSE cannot be used here ($why): reading with korvcat instead"
@@ -150,6 +158,7 @@ else
   small_warm="n/a"
   mount_sum=$("$korvcat" "$origin/big.bin" --cache-dir "$work/cache" | sha256sum | cut -d' ' -f1)
   write_check="skipped (needs the mount)"
+  names_check="skipped (needs the mount)"
   echo '{}' > "$work/stats.json"
 fi
 
@@ -166,6 +175,7 @@ printf '  %-34s %s\n' "big.bin (512 MiB) cold" "$cold MB/s" \
   "200 files of 256 KiB warm" "$small_warm MB/s" \
   "SHA-256 of big.bin" "matches the origin ($origin_sum)" \
   "write through the mount" "$write_check" \
+  "names through the mount" "$names_check" \
   "origin GET requests (nginx log)" "$requests" \
   "bytes fetched from the origin" "$fetched" \
   "cache directory size" "$cache_size bytes"
