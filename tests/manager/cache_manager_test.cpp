@@ -222,10 +222,10 @@ TEST(QuotaManagerTest, UsedBytesAreCountedAndAHardLimitDropsTheLeastRecentlyRead
   const std::vector<char> own = Pattern(1000, 'w');
   _WRITEDATA write = WriteRequest(own, 0, 1000, nullptr);
   ASSERT_EQ(w->Write(&write), kOk);
-  ASSERT_TRUE(Served(*a, origin, 0, 48 * kMiB, -1) && Served(*b, origin, 0, 48 * kMiB, -1));
+  ASSERT_TRUE(Served(*a, origin, 0, 32 * kMiB, -1) && Served(*b, origin, 0, 36 * kMiB, -1));
   EXPECT_EQ(cache.GetUsedBytes(), static_cast<unsigned long long>(BytesInDirectory(dir.path())));
   cache.RunQuotaPassNow();
-  EXPECT_EQ(BytesInDirectory(dir.path()), 96 * kMiB + 4096) << "dropped before its age without the hard limit";
+  EXPECT_EQ(BytesInDirectory(dir.path()), 68 * kMiB + 4096) << "dropped before its age without the hard limit";
 
   ASSERT_EQ(cache.SetConfiguration(R"({"cache":{"clear":{"hard":1}}})"), kOk);
   ASSERT_TRUE(Served(*a, origin, 0, kMiB, -1));  // cached: read again, stores nothing
@@ -240,7 +240,7 @@ TEST(QuotaManagerTest, UsedBytesAreCountedAndAHardLimitDropsTheLeastRecentlyRead
   EXPECT_GE(BytesInDirectory(dir.path()), 40 * kMiB) << "dropped far more than the limit needed";
   EXPECT_EQ(cache.GetUsedBytes(), static_cast<unsigned long long>(BytesInDirectory(dir.path())));
   origin.ClearRequests();
-  EXPECT_TRUE(Served(*a, origin, 0, kMiB, -1) && Served(*b, origin, 24 * kMiB, 24 * kMiB, -1) &&
+  EXPECT_TRUE(Served(*a, origin, 0, kMiB, -1) && Served(*b, origin, 0, 36 * kMiB, -1) &&
               Served(*c, origin, 0, kMiB, -1));
   EXPECT_TRUE(origin.Requests().empty()) << "the most recently read sectors were dropped";
   for (const char* name : {"a.bin", "b.bin", "c.bin"}) cache.Close(name);
