@@ -27,7 +27,7 @@ CacheObj::CacheObj(std::string directory, std::string file_name, FoundFile found
       hash_index_(found.index.name),
       version_(found.index.version) {
   MutexLock guard(lock_);
-  file_ = std::make_shared<ReadonlyCache>(directory_, std::move(found), config_);
+  file_ = std::make_shared<ReadonlyCache>(directory_, file_name_, std::move(found), config_);
 }
 
 CacheObj::~CacheObj() {

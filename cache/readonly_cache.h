@@ -60,7 +60,8 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   // They are served only once checked against their checksums (a sector
   // that fails is dropped, and fetched again when read). The index stays on
   // disk until this cache first writes to the file.
-  ReadonlyCache(std::string cache_dir, FoundFile found, ICacheConfig* config);
+  // `name` gives the log tag, as for a new cache.
+  ReadonlyCache(std::string cache_dir, const std::string& name, FoundFile found, ICacheConfig* config);
   // Waits for every fetch task of this cache, then deletes its file.
   ~ReadonlyCache() override;
 

@@ -10,9 +10,9 @@
 #include "cache/sector.h"
 #include "common/file_io.h"
 
-ReadonlyCache::ReadonlyCache(std::string cache_dir, FoundFile found, ICacheConfig* config)
+ReadonlyCache::ReadonlyCache(std::string cache_dir, const std::string& name, FoundFile found, ICacheConfig* config)
     : cache_dir_(std::move(cache_dir)),
-      file_name_(TagFromName(found.index.name)),
+      file_name_(TagFromName(name)),
       cache_path_(found.cache_path),
       handle_(cache_path_),
       origin_size_(found.index.origin_size),
