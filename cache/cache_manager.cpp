@@ -5,15 +5,14 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <vector>
 
 #include "cache/cache_obj.h"
 #include "cache/default_settings.h"
-#include "cache/file_names.h"
 #include "cache/logging.h"
 #include "cache/number_text.h"
 #include "common/platform.h"
