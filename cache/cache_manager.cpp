@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <fstream>
@@ -12,7 +13,6 @@
 
 #include "cache/cache_obj.h"
 #include "cache/default_settings.h"
-#include "cache/file_names.h"
 #include "cache/logging.h"
 #include "cache/number_text.h"
 #include "common/platform.h"
@@ -56,17 +56,6 @@ bool HasSetting(const std::string& file, const char* key) {
   return GetPrivateProfileString("CACHE", key, "", value.data(), static_cast<int>(value.size()), file) > 0;
 }
 
-// Sector cache files are named afresh by every object and never reopened:
-// any found when a manager starts were left by one that was not shut down
-// (a crash, a kill) and would only count against the limit for good.
-void RemoveLeftoverSectorFiles(const std::string& dir) {
-  int removed = 0;
-  for (const std::string& name : DirectoryEntries(dir)) {
-    if (IsSectorCacheFileName(name) && CacheFileIo().Remove(dir + name) == 0) ++removed;
-  }
-  if (removed > 0) KORV_LOG(LOGLEVEL_WARNING, "[CACHE     ] %d cache file(s) of an earlier run removed", removed);
-}
-
 // Creates every component of `path` from the root; the result has a leading
 // and a trailing "/" and no empty components.
 std::string MakeDirectories(const std::string& path) {
@@ -97,8 +86,12 @@ Cache::Cache(const char* path, unsigned long long limit) : limit_(static_cast<lo
   // Compared signed: a request of 2^63 or more counts as negative here.
   if (limit_.load() < kMinimumLimit) limit_.store(kMinimumLimit);
   path_ = MakeDirectories(path != nullptr ? path : "");
-  RemoveLeftoverSectorFiles(path_);
-  AdjustLimit();
+  // Sector files without an index were left by a run that did not end (a
+  // crash, a kill) and go; kept ones wait for their names to be opened.
+  std::vector<FoundFile> found = FindKeptFiles(path_);
+  long long kept_bytes = 0;
+  for (const FoundFile& file : found) kept_bytes += std::max(0LL, CacheFileIo().DiskBytesAt(file.cache_path));
+  FitLimitToVolume(kept_bytes);
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] %s",
            ("Cache initialized : " + path_ + ", Storage limit : " + LocaleNumber(limit_.load()) + " bytes").c_str());
 
@@ -119,7 +112,10 @@ Cache::Cache(const char* path, unsigned long long limit) : limit_(static_cast<lo
   // Off by default, so eviction keeps to its ages and periods; a client
   // that must never see the directory far over its limit turns it on.
   registry_.AddConfiguration("hardlimit", "/cache/clear/hard", 0u);
+  // Off by default: files are deleted when their objects close.
+  registry_.AddConfiguration("keep", "/cache/keep", 0u);
   ApplyConfig();
+  AdoptKeptFiles(std::move(found));
   quota_thread_ = std::make_unique<QuotaThread>(static_cast<QuotaDirectory*>(this));
 }
 
@@ -200,6 +196,7 @@ void Cache::UpdateCeiling() {
 
 void Cache::ApplyConfig() {
   hard_limit_.store(std::atol(registry_.GetValue("hardlimit").c_str()) != 0, std::memory_order_relaxed);
+  link_->SetKeepFiles(std::atol(registry_.GetValue("keep").c_str()) != 0);
   UpdateCeiling();
   MutexLock guard(settings_lock_);
   for (const Setting& setting : kSettings) {
@@ -252,12 +249,12 @@ unsigned int Cache::SetLimit(unsigned long long bytes) {
   return kErrLimitTooSmall;
 }
 
-void Cache::AdjustLimit() {
+void Cache::FitLimitToVolume(long long kept_bytes) {
   long long free_bytes = 0;
   if (!VolumeFreeBytes(path_, &free_bytes)) return;
-  long long cached = 0;
-  for (const auto& entry : CopyObjects()) {
-    if (entry.second->IsReadOnly()) cached += entry.second->GetFileSize();
+  long long cached = kept_bytes;
+  for (const auto& file : FilesToTend()) {
+    if (file->IsReadOnly()) cached += file->GetFileSize();
   }
   const long long available = cached + free_bytes;
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] %s",
@@ -268,18 +265,37 @@ void Cache::AdjustLimit() {
 
 std::vector<std::shared_ptr<CacheObj>> Cache::FilesToTend() {
   std::vector<std::shared_ptr<CacheObj>> files;
-  for (auto& entry : CopyObjects()) files.push_back(std::move(entry.second));
+  MutexLock guard(objects_lock_);
+  files.reserve(objects_.size() + kept_.size());
+  for (const auto& entry : objects_) files.push_back(entry.second);
+  for (const auto& entry : kept_) files.push_back(entry.second);
   return files;
 }
 
-std::unordered_map<std::string, std::shared_ptr<CacheObj>> Cache::CopyObjects() {
+void Cache::AdoptKeptFiles(std::vector<FoundFile> found) {
   MutexLock guard(objects_lock_);
-  return objects_;
+  for (FoundFile& file : found) {
+    std::vector<std::string> pieces = split(file.index.name, '/');
+    if (pieces.empty() || pieces.back().empty()) {  // no client can open it
+      CacheFileIo().Remove(file.index_path);
+      CacheFileIo().Remove(file.cache_path);
+      continue;
+    }
+    const std::string name = file.index.name;
+    kept_.emplace(name, std::make_shared<CacheObj>(path_, pieces.back(), std::move(file), link_.get(), link_));
+  }
 }
 
 std::shared_ptr<ICacheObj> Cache::Open(const char* name, char mode, long long size, IFetch* fetch) {
+  return OpenVersion(name, mode, size, fetch, nullptr);
+}
+
+std::shared_ptr<ICacheObj> Cache::OpenVersion(const char* name, char mode, long long size, IFetch* fetch,
+                                              const char* version) {
   if (name == nullptr) throw static_cast<AERROR>(kErrInvalidArgument);
+  const std::string known_version = version != nullptr ? version : "";
   std::shared_ptr<CacheObj> object;
+  std::shared_ptr<CacheObj> dropped;  // deleted after the table's lock
   {
     MutexLock guard(objects_lock_);
     auto it = objects_.find(name);
@@ -287,11 +303,21 @@ std::shared_ptr<ICacheObj> Cache::Open(const char* name, char mode, long long si
       // Names that share their last component share one cache file name.
       std::vector<std::string> pieces = split(name, '/');
       if (pieces.empty() || pieces.back().empty()) throw static_cast<AERROR>(kErrInvalidArgument);
-      auto created = std::make_shared<CacheObj>(path_, pieces.back(), mode, size, fetch, link_.get(), name, link_);
+      auto kept = kept_.find(name);
+      const bool reuse = kept != kept_.end() && mode == 'r' && link_->KeepFiles();
+      auto created = reuse ? kept->second
+                           : std::make_shared<CacheObj>(path_, pieces.back(), mode, size, fetch, link_.get(), name,
+                                                        link_, known_version);
+      if (kept != kept_.end()) {
+        if (reuse) created->ReuseFor(size, known_version);
+        else dropped = std::move(kept->second);
+        kept_.erase(kept);
+      }
       it = objects_.emplace(name, std::move(created)).first;
     }
     object = it->second;
   }
+  if (dropped) dropped->Close(true);
   // Outside the table's lock: the switch drops the read-only file, which
   // waits for its fetch tasks, and must not hold up the opening of others.
   if (mode == 'w' && object->IsReadOnly()) {
@@ -307,13 +333,23 @@ unsigned int Cache::Close(const char* name) {
   // Released after the table's lock: the last reference's destruction
   // waits for the file's fetch tasks, which must not hold up other files.
   std::shared_ptr<CacheObj> closing;
-  MutexLock guard(objects_lock_);
-  auto it = objects_.find(name);
-  if (it != objects_.end()) {
+  {
+    MutexLock guard(objects_lock_);
+    auto it = objects_.find(name);
+    if (it == objects_.end()) return kOk;
     closing = std::move(it->second);
     objects_.erase(it);
     KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Close cache : %s", name);
+    // Nobody else holds it: kept where the next Open finds it, and tended
+    // (counted, cleared by age) meanwhile. One a client still holds is kept
+    // when the client lets go of it, found by the next run.
+    if (!link_->KeepFiles() || closing.use_count() != 1 || !closing->IsReadOnly() || kept_.count(name) != 0) {
+      return kOk;
+    }
+    kept_.emplace(name, closing);
   }
+  // Outside the table's lock: it waits for the file's fetch tasks.
+  closing->SaveIndex();
   return kOk;
 }
 
@@ -321,6 +357,7 @@ unsigned int Cache::Rehash(const char* old_name, const char* new_name, const cha
   if (old_name == nullptr || new_name == nullptr) return kErrNotOpen;
   std::shared_ptr<CacheObj> object;
   std::shared_ptr<CacheObj> replaced;
+  std::shared_ptr<CacheObj> replaced_kept;
   {
     MutexLock guard(objects_lock_);
     auto old_entry = objects_.find(old_name);
@@ -332,6 +369,12 @@ unsigned int Cache::Rehash(const char* old_name, const char* new_name, const cha
       replaced = std::move(taken->second);
       objects_.erase(taken);
     }
+    // A kept file of the new name holds the replaced file's bytes.
+    auto kept = kept_.find(new_name);
+    if (kept != kept_.end()) {
+      replaced_kept = std::move(kept->second);
+      kept_.erase(kept);
+    }
     objects_[new_name] = object;
     KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Rehash cache : %s to %s", old_name, new_name);
   }
@@ -339,6 +382,7 @@ unsigned int Cache::Rehash(const char* old_name, const char* new_name, const cha
   // tasks, and the renamed object's lock may be held by a long call; neither
   // may hold up the other files.
   if (replaced) replaced->Close(true);
+  if (replaced_kept) replaced_kept->Close(true);
   object->SetHashIndex(new_name);
   object->ChangeFileName(new_file_name != nullptr ? new_file_name : "");
   return kOk;

@@ -17,6 +17,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "cache/kept_files.h"
 #include "cache/quota_thread.h"
 #include "cache/storage_meter.h"
 #include "common/config.h"
@@ -28,7 +29,7 @@ class CacheObj;
 // The settings and the limit as the cache objects of one manager see them.
 // Objects a client still holds outlive the manager; once it is detached they
 // get the values of that moment instead of reaching into a destroyed manager.
-class ManagerConfigLink final : public ICacheConfig, public StorageMeter {
+class ManagerConfigLink final : public ICacheConfig, public StorageMeter, public KeepSetting {
  public:
   ManagerConfigLink(ICacheConfig* manager, StorageMeter* meter) : manager_(manager), meter_(meter) {}
   unsigned long long GetQuota() override;
@@ -41,6 +42,10 @@ class ManagerConfigLink final : public ICacheConfig, public StorageMeter {
   void SetCeiling(long long bytes);
   // Takes the manager's values and lets go of it; fetches no longer wait.
   void Detach();
+  // The "/cache/keep" setting, as the manager last applied it (also once
+  // detached: objects destroyed after the manager keep their files alike).
+  bool KeepFiles() override { return keep_files_.load(std::memory_order_relaxed); }
+  void SetKeepFiles(bool keep) { keep_files_.store(keep, std::memory_order_relaxed); }
 
   static constexpr long long kNoCeiling = LLONG_MAX;
   static constexpr std::chrono::milliseconds kRoomWait{200};
@@ -56,6 +61,7 @@ class ManagerConfigLink final : public ICacheConfig, public StorageMeter {
   // without reaching into the manager, which may be gone.
   std::atomic<long long> stored_{0};
   std::atomic<long long> ceiling_{kNoCeiling};
+  std::atomic<bool> keep_files_{false};
   // Fetches waiting for room sleep on room_; a store that frees bytes and a
   // new ceiling wake them. Changes of stored_ and ceiling_ are announced under
   // room_lock_, so a waiter that just found no room does not miss them.
@@ -76,9 +82,15 @@ class Cache : public ICache_V2, public ICacheConfig, private QuotaDirectory, pri
   // be created or is not a directory, and std::system_error when the thread
   // cannot be started.
   Cache(const char* path, unsigned long long limit);
+  // Sector cache files an earlier run kept (see kept_files.h) are found
+  // here: those without an undamaged index are removed, the others become
+  // objects outside the table (tended by the quota manager, counted in the
+  // used bytes) until Open hands them out or the manager ends.
+  //
   // Stops and joins the quota manager, then closes every object nobody else
   // holds. Objects a client still holds keep working with the settings of
-  // this moment.
+  // this moment. With "/cache/keep" on, read-only objects keep their files
+  // for the next run instead of deleting them.
   ~Cache() override;
 
   Cache(const Cache&) = delete;
@@ -95,7 +107,16 @@ class Cache : public ICache_V2, public ICacheConfig, private QuotaDirectory, pri
   // Throws AERROR kErrInvalidArgument (null name, or a name with nothing
   // after its last slash), kErrInvalidMode, kErrCreateFile.
   std::shared_ptr<ICacheObj> Open(const char* name, char mode, long long size, IFetch* fetch) override;
-  // Drops the table's reference; clients holding the object keep it. Returns kOk.
+  // Open, knowing the origin's `version` (null: ""). A name not in the table
+  // whose file an earlier run kept gets that file back when the mode is
+  // 'r', "/cache/keep" is on, and `size` and `version` are those it was
+  // kept with; with another size or version its sectors are dropped first,
+  // and for mode 'w' or with the setting off it is deleted.
+  std::shared_ptr<ICacheObj> OpenVersion(const char* name, char mode, long long size, IFetch* fetch,
+                                         const char* version) override;
+  // Drops the table's reference; clients holding the object keep it. With
+  // "/cache/keep" on, a read-only object nobody else holds is kept: its
+  // index is written and the next Open of the name gets it back. Returns kOk.
   unsigned int Close(const char* name) override;
   // Moves the object of `old_name` to `new_name` (force-closing an object
   // already there) and renames its cache file. Returns: kOk, kErrNotOpen.
@@ -110,7 +131,7 @@ class Cache : public ICache_V2, public ICacheConfig, private QuotaDirectory, pri
   void ApplyConfig();
   // Lowers the limit to half of what the volume could hold when the limit
   // exceeds it: free space plus what read-only cache files occupy.
-  void AdjustLimit();
+  void AdjustLimit() { FitLimitToVolume(0); }
   // The cache directory, with leading and trailing "/".
   const std::string& path() const override { return path_; }
   // One pass of the quota thread, now, on the calling thread (for tests).
@@ -127,7 +148,10 @@ class Cache : public ICache_V2, public ICacheConfig, private QuotaDirectory, pri
   // With the hard limit on, fetches wait for room a sixteenth of the limit
   // over it; set whenever the limit or the setting changes.
   void UpdateCeiling();
-  std::unordered_map<std::string, std::shared_ptr<CacheObj>> CopyObjects() EXCLUDES(objects_lock_);
+  // AdjustLimit, also counting `kept_bytes` of files not yet in an object.
+  void FitLimitToVolume(long long kept_bytes);
+  // Makes objects of the files an earlier run kept.
+  void AdoptKeptFiles(std::vector<FoundFile> found) EXCLUDES(objects_lock_);
 
   std::string path_;
   // Read and written without a lock by client threads and the quota manager.
@@ -139,6 +163,9 @@ class Cache : public ICache_V2, public ICacheConfig, private QuotaDirectory, pri
 
   Mutex objects_lock_;
   std::unordered_map<std::string, std::shared_ptr<CacheObj>> objects_ GUARDED_BY(objects_lock_);
+  // Read-only objects whose files are kept, by name, not in the table: found
+  // at start or closed by name. A name is never in both.
+  std::unordered_map<std::string, std::shared_ptr<CacheObj>> kept_ GUARDED_BY(objects_lock_);
 
   Mutex settings_lock_;
   Config registry_;

@@ -5,23 +5,47 @@
 #include "cache/writable_cache.h"
 
 CacheObj::CacheObj(std::string directory, std::string file_name, char mode, long long size, IFetch* fetch,
-                   ICacheConfig* config, std::string hash_index, std::shared_ptr<ICacheConfig> config_owner)
+                   ICacheConfig* config, std::string hash_index, std::shared_ptr<ICacheConfig> config_owner,
+                   std::string version)
     : directory_(std::move(directory)),
       config_owner_(std::move(config_owner)),
       config_(config),
       file_name_(std::move(file_name)),
-      hash_index_(std::move(hash_index)) {
+      hash_index_(std::move(hash_index)),
+      version_(std::move(version)) {
   KORV_LOG(LOGLEVEL_INFO, "[CACHE     ] Create cache for %s:%c", file_name_.c_str(), mode);
   MutexLock guard(lock_);
   CreateFile(mode, size, fetch);
 }
 
+CacheObj::CacheObj(std::string directory, std::string file_name, FoundFile found, ICacheConfig* config,
+                   std::shared_ptr<ICacheConfig> config_owner)
+    : directory_(std::move(directory)),
+      config_owner_(std::move(config_owner)),
+      config_(config),
+      file_name_(std::move(file_name)),
+      hash_index_(found.index.name),
+      version_(found.index.version) {
+  MutexLock guard(lock_);
+  file_ = std::make_shared<ReadonlyCache>(directory_, file_name_, std::move(found), config_);
+}
+
 CacheObj::~CacheObj() {
   MutexLock guard(lock_);
-  if (file_) {
+  if (!file_) return;
+  KeepSetting* setting = KeepSettingOf(config_);
+  auto* sectors = dynamic_cast<ReadonlyCache*>(file_.get());
+  if (sectors == nullptr || setting == nullptr || !setting->KeepFiles() || !sectors->Keep(hash_index_, version_)) {
     file_->Close(true);
-    file_.reset();
   }
+  file_.reset();
+}
+
+void CacheObj::ReuseFor(long long size, const std::string& version) {
+  MutexLock guard(lock_);
+  auto* sectors = dynamic_cast<ReadonlyCache*>(file_.get());
+  if (sectors != nullptr) sectors->ReuseFor(size, version == version_);
+  version_ = version;
 }
 
 void CacheObj::CreateFile(char mode, long long size, IFetch* fetch) {
@@ -166,4 +190,10 @@ void CacheObj::ChangeFileName(std::string new_name) {
   if (!file_) return;
   file_name_ = new_name;
   file_->ChangeFileName(std::move(new_name));
+}
+
+void CacheObj::SaveIndex() {
+  MutexLock guard(lock_);
+  auto* sectors = dynamic_cast<ReadonlyCache*>(file_.get());
+  if (sectors != nullptr) sectors->WriteIndex(hash_index_, version_);
 }

@@ -4,7 +4,7 @@
 // WritableCache (mode 'w'), and forwards every operation to it.
 //
 // Thread safety: any thread may call any operation. lock_ guards file_,
-// file_name_ and hash_index_. Read and Write hold it only to take a counted
+// file_name_, hash_index_ and version_. Read and Write hold it only to take a counted
 // reference to the file and run without it, so reads and writes proceed in
 // parallel with each other and with a mode switch, and a switch never frees
 // a file under a running read. Every other operation holds lock_ for its
@@ -17,6 +17,7 @@
 
 #include <vector>
 
+#include "cache/kept_files.h"
 #include "cache/sector_index.h"
 #include "common/thread_annotations.h"
 #include "korvcache.h"
@@ -28,9 +29,17 @@ class CacheObj : public ICacheObj {
   // given, sees to.
   // Throws AERROR kErrInvalidMode for a mode other than 'r' or 'w', and
   // whatever the cache file's constructor throws (kErrCreateFile).
+  // `version` is the client's version of the origin, kept with the file.
   CacheObj(std::string directory, std::string file_name, char mode, long long size, IFetch* fetch,
-           ICacheConfig* config, std::string hash_index, std::shared_ptr<ICacheConfig> config_owner = nullptr);
-  // Closes the cache file with deletion.
+           ICacheConfig* config, std::string hash_index, std::shared_ptr<ICacheConfig> config_owner = nullptr,
+           std::string version = "");
+  // The object of a file an earlier run kept, read-only, under the name and
+  // version of its index.
+  CacheObj(std::string directory, std::string file_name, FoundFile found, ICacheConfig* config,
+           std::shared_ptr<ICacheConfig> config_owner);
+  // Closes the cache file with deletion; when the manager's settings keep
+  // files, a read-only file is kept for the next run instead (with this
+  // object's hash index and version).
   ~CacheObj() override;
 
   CacheObj(const CacheObj&) = delete;
@@ -64,6 +73,12 @@ class CacheObj : public ICacheObj {
   std::vector<SectorAge> SectorAges();
   void DropReadBefore(SteadyTime cutoff);
   void ChangeFileName(std::string new_name);
+  // Before a kept file is handed out again: its sectors stay when the
+  // origin's size and `version` are those it was kept with, else they go.
+  void ReuseFor(long long size, const std::string& version);
+  // Writes the index of a read-only file beside it, the object staying in
+  // use (see ReadonlyCache::WriteIndex).
+  void SaveIndex();
 
  private:
   // Throws like the constructor.
@@ -77,5 +92,6 @@ class CacheObj : public ICacheObj {
   Mutex lock_;
   std::string file_name_ GUARDED_BY(lock_);
   std::string hash_index_ GUARDED_BY(lock_);
+  std::string version_ GUARDED_BY(lock_);
   std::shared_ptr<ICacheFile> file_ GUARDED_BY(lock_);
 };

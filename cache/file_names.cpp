@@ -38,8 +38,16 @@ constexpr char kSectorCacheSuffix[] = ".cache";
 
 std::string NewSectorCacheFileName() { return NewUUID() + kSectorCacheSuffix; }
 
-bool IsSectorCacheFileName(const std::string& name) {
+bool IsSectorCacheFileName(const std::string& name) { return IsUuidNamed(name, kSectorCacheSuffix); }
+
+std::string KeptIndexPathOf(const std::string& cache_path) {
   const std::string suffix = kSectorCacheSuffix;
+  const bool sector_file = cache_path.size() >= suffix.size() &&
+                           cache_path.compare(cache_path.size() - suffix.size(), suffix.size(), suffix) == 0;
+  return (sector_file ? cache_path.substr(0, cache_path.size() - suffix.size()) : cache_path) + ".index";
+}
+
+bool IsUuidNamed(const std::string& name, const std::string& suffix) {
   if (name.size() != kUuidLength + suffix.size() || name.compare(kUuidLength, suffix.size(), suffix) != 0) {
     return false;
   }

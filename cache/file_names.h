@@ -20,3 +20,10 @@ std::string NewSectorCacheFileName();
 
 // True for names of that form (without a directory).
 bool IsSectorCacheFileName(const std::string& name);
+
+// True for a UUID followed by `suffix` (without a directory).
+bool IsUuidNamed(const std::string& name, const std::string& suffix);
+
+// Where the index of the kept sector cache file `cache_path` lies: beside
+// it, ".index" instead of ".cache".
+std::string KeptIndexPathOf(const std::string& cache_path);

@@ -166,30 +166,32 @@ void ReadonlyCache::TaskEnded() {
 
 void ReadonlyCache::LargeFetchEnded(const IAsyncObj*) { large_fetches_.fetch_sub(1); }
 
+void ReadonlyCache::WaitForTasks() {
+  // Fetch tasks hold a raw pointer to this cache: it must outlive them all.
+  std::unique_lock<Mutex> tasks(tasks_lock_);
+  for (;;) {
+    int64_t running = read_ahead_count_.load(std::memory_order_acquire);
+    if (running == 0) break;
+    KORV_LOG(LOGLEVEL_DEBUG,
+             "[CACHE     ] [%s] %lld of read-ahead thread still working. Wait for thread termination.",
+             GetFileName().c_str(), static_cast<long long>(running));
+    KORV_TEST_POINT("sector cache: waiting for its fetch tasks");
+    tasks_done_.wait_for(tasks, std::chrono::milliseconds(10));
+  }
+}
+
 unsigned int ReadonlyCache::Close(bool remove) {
   delete_on_close_.store(remove, std::memory_order_relaxed);
-  // Fetch tasks hold a raw pointer to this cache: it must outlive them all.
-  {
-    std::unique_lock<Mutex> tasks(tasks_lock_);
-    for (;;) {
-      int64_t running = read_ahead_count_.load(std::memory_order_acquire);
-      if (running == 0) break;
-      KORV_LOG(LOGLEVEL_DEBUG,
-               "[CACHE     ] [%s] %lld of read-ahead thread still working. Wait for thread termination.",
-               GetFileName().c_str(), static_cast<long long>(running));
-      KORV_TEST_POINT("sector cache: waiting for its fetch tasks");
-      tasks_done_.wait_for(tasks, std::chrono::milliseconds(10));
-    }
-  }
-
+  WaitForTasks();
   MutexLock guard(index_lock_);
-  if (!delete_on_close_.load(std::memory_order_relaxed)) return kOk;
+  if (!delete_on_close_.load(std::memory_order_relaxed) || kept_) return kOk;
   // A stream closed for idleness is reported, but its file goes all the
   // same: nothing would ever open a file of this name again, and left
   // behind it would count against the directory's limit for good.
   const bool was_open = handle_.IsValidHandle();
   handle_.Close();
   ClearIndexNoLock();
+  ForgetKeptIndexNoLock();
   if (file_created_.load(std::memory_order_relaxed)) CacheFileIo().Remove(cache_path_);
   stored_.Set(0);
   return was_open ? kOk : kErrNotOpen;

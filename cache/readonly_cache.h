@@ -5,8 +5,9 @@
 // of a short sector's slot is a hole, or the file ends there); slots are
 // handed out in fetch order, so which origin sector lies where is known only
 // from the in-memory index (SectorIndex). An instance starts empty with a
-// fresh UUID-named file, or with a writable cache's file it takes over, and
-// deletes it when closed.
+// fresh UUID-named file, or with a writable cache's file it takes over, or
+// with a file an earlier run kept (see kept_files.h), and deletes it when
+// closed, unless it is kept for the next run (Keep).
 //
 // The parts: the index of sectors and free slots (SectorIndex), the
 // read-ahead decision (ReadAheadPolicy), the compaction plan of an eviction
@@ -29,6 +30,7 @@
 #include <string>
 
 #include "cache/fetch_target.h"
+#include "cache/kept_files.h"
 #include "cache/read_ahead_policy.h"
 #include "cache/sector_index.h"
 #include "cache/storage_meter.h"
@@ -54,6 +56,12 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   // close and deleted by Close(true).
   // REQUIRES: nothing else runs on `source` meanwhile.
   ReadonlyCache(WritableCache* source, ICacheConfig* config);
+  // Takes over a file an earlier run kept, with the sectors of its index.
+  // They are served only once checked against their checksums (a sector
+  // that fails is dropped, and fetched again when read). The index stays on
+  // disk until this cache first writes to the file.
+  // `name` gives the log tag, as for a new cache.
+  ReadonlyCache(std::string cache_dir, const std::string& name, FoundFile found, ICacheConfig* config);
   // Waits for every fetch task of this cache, then deletes its file.
   ~ReadonlyCache() override;
 
@@ -85,6 +93,20 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   unsigned int Close(bool remove) override;
   // Returns: kErrReadOnly, always.
   unsigned int Truncate(long long size) override;
+  // Waits for running fetch tasks, then keeps the file for the next run:
+  // its bytes are synced and its index (`name`, `version`, the origin's size
+  // and every settled sector) written beside it. Closing and destroying the
+  // cache afterwards leave both; a later fetch write removes the index
+  // again. False when there is nothing to keep or the index could not be
+  // written: the caller then closes with removal.
+  bool Keep(const std::string& name, const std::string& version);
+  // Writes the index as Keep does, but the cache stays open and in use (the
+  // next write removes the index again). False when nothing was written.
+  bool WriteIndex(const std::string& name, const std::string& version);
+  // Whether the sectors are still those of an origin of `origin_size` bytes
+  // at the version the caller knows (`same_version`); if not they are all
+  // dropped and the origin's size becomes `origin_size`.
+  void ReuseFor(long long origin_size, bool same_version);
   bool IsReadonly() override { return true; }
   ICacheFile* RebuildToWritableCache(IFetch*, ICacheConfig*) override { return nullptr; }
   ICacheFile* RebuildToReadonlyCache(IFetch*, ICacheConfig*) override { return nullptr; }
@@ -154,6 +176,15 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
   static ReadAheadPolicy ReadAheadFor(ICacheConfig* config);
   long long LargestEmptyOffsetNoLock(long long offset) REQUIRES(index_lock_);
   void ClearIndexNoLock() REQUIRES(index_lock_);
+  // Waits until no fetch task refers to this cache any more.
+  void WaitForTasks();
+  // Before the first write to a kept file: its index goes, so that a run
+  // that ends without keeping the file leaves it untrusted.
+  void ForgetKeptIndexNoLock() REQUIRES(index_lock_);
+  // Checks the kept sectors of [start, end) not yet checked against their
+  // checksums; those that fail are dropped.
+  void VerifyKeptNoLock(long long start, long long end, FILE* stream) REQUIRES(index_lock_);
+  bool WriteIndexNoLock(const std::string& name, const std::string& version) REQUIRES(index_lock_);
   // After the file vanished: forgets every settled sector and every slot.
   void DropLostSlotsNoLock() REQUIRES(index_lock_);
   // Drops `selected`, compacts and trims the file, deletes it when empty.
@@ -212,6 +243,10 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback, public FetchTarg
 
   // State below is protected by index_lock_.
   SectorIndex index_ GUARDED_BY(index_lock_);
+  // The index on disk that describes the file, while there is one.
+  std::string kept_index_path_ GUARDED_BY(index_lock_);
+  // Set by Keep: the file now belongs to the next run.
+  bool kept_ GUARDED_BY(index_lock_) = false;
   long long origin_size_ GUARDED_BY(index_lock_);
 
   ICacheConfig* const config_;

@@ -32,6 +32,7 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
   }
   std::shared_ptr<FILE> stream = OpenStream(true);
   if (!stream) return static_cast<int>(kErrRead);
+  ForgetKeptIndexNoLock();
 
   long long total = 0;
   bool first = true;
@@ -132,6 +133,16 @@ int ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long len
     }
     if (!sector.reserved) {
       sector.filled = 0;
+      // Summed up now when the bytes came whole; otherwise when the file is
+      // kept. A kept sector written in part keeps its old checksum, which
+      // its check then fails: it is fetched again rather than trusted.
+      if (in_sector == 0 && chunk == sector.size) {
+        sector.checksum = SectorChecksum(data, static_cast<size_t>(chunk));
+        sector.checksum_known = true;
+        sector.unverified = false;
+      } else if (!sector.unverified) {
+        sector.checksum_known = false;
+      }
       IndexChangedNoLock();
     }
     offset += chunk;

@@ -56,6 +56,9 @@ unsigned int ReadonlyCache::Read(_READDATA* rd) {
 
   if (rd->fetch != nullptr) {
     MutexLock guard(index_lock_);
+    // Kept sectors that fail their check are dropped here, so that this
+    // read fetches them again.
+    VerifyKeptNoLock(start, std::min(end_of_read, rd->file_size), stream.get());
     if (rd->file_size != origin_size_) origin_size_ = rd->file_size;
     if (timeout == 0) timeout = static_cast<long long>(conf.readtimeout);
 
@@ -149,6 +152,7 @@ unsigned int ReadonlyCache::Read(_READDATA* rd) {
     }
   } else {
     index.lock();
+    VerifyKeptNoLock(start, end_of_read, stream.get());
   }
 
   return CopyOut(rd, stream, start, rd->fetch != nullptr);

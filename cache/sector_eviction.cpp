@@ -54,6 +54,7 @@ void ReadonlyCache::DropSectorsNoLock(const std::vector<long long>& selected) {
   if (selected.empty()) return;
   std::shared_ptr<FILE> stream = OpenStream(true);
   if (!stream) return;
+  ForgetKeptIndexNoLock();  // slots move, the file is cut
 
   const std::string tag = GetFileName();
   KORV_LOG(LOGLEVEL_DEBUG, "[CACHE     ] [%s] ClearOldCache : %d sector(s) will clear(total %d sector(s))",

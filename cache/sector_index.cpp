@@ -20,6 +20,9 @@ _SECTOR& SectorIndex::Enter(long long sector, long long slot, long long size, bo
   entry.reserved = reserved;
   entry.filled = 0;
   entry.access_time = now;
+  entry.checksum = 0;
+  entry.checksum_known = false;
+  entry.unverified = false;
   return entry;
 }
 
@@ -117,6 +120,39 @@ SectorIndex::Placement SectorIndex::PlaceFetched(long long sector, long long siz
 
 void SectorIndex::AddSettled(long long sector, long long slot, long long size, SteadyTime now) {
   Enter(sector, slot, size, false, now);
+}
+
+void SectorIndex::AddKept(long long sector, long long slot, long long size, long long hits, SteadyTime access_time,
+                          uint64_t checksum) {
+  _SECTOR& entry = Enter(sector, slot, size, false, access_time);
+  entry.hits = hits;
+  entry.checksum = checksum;
+  entry.checksum_known = true;
+  entry.unverified = true;
+}
+
+void SectorIndex::FreeUnusedSlots(long long file_length) {
+  std::vector<long long> used;
+  for (const auto& entry : sectors_) used.push_back(entry.second.cache_offset);
+  std::sort(used.begin(), used.end());
+  empty_sectors_.clear();
+  for (long long slot = 0; slot < file_length; slot += kSectorSize) {
+    if (!std::binary_search(used.begin(), used.end(), slot)) empty_sectors_.push_back(slot);
+  }
+}
+
+std::vector<long long> SectorIndex::UnverifiedIn(long long start, long long end) const {
+  std::vector<long long> found;
+  for (auto it = sectors_.lower_bound(start); it != sectors_.end() && it->first < end; ++it) {
+    if (it->second.unverified) found.push_back(it->first);
+  }
+  return found;
+}
+
+void SectorIndex::ForEachSettled(const std::function<void(long long offset, _SECTOR& sector)>& visit) {
+  for (auto& entry : sectors_) {
+    if (!entry.second.reserved) visit(entry.first, entry.second);
+  }
 }
 
 std::vector<long long> SectorIndex::SelectOld(SteadyTime now, uint64_t max_used_age, uint64_t max_unused_age) const {

@@ -20,6 +20,9 @@ struct _SECTOR {
   bool reserved = false;       // data on the way; readers wait while set
   long long filled = 0;        // while reserved: bytes stored from the slot start, without a gap
   SteadyTime access_time{};    // last read, or the reservation
+  uint64_t checksum = 0;       // of the valid bytes, when checksum_known
+  bool checksum_known = false;
+  bool unverified = false;     // kept by an earlier run: checked against its checksum before it is served
 };
 
 // When a settled sector was last read, and how many bytes it holds.
@@ -73,6 +76,16 @@ class SectorIndex {
                          const std::function<long long()>& end_of_file);
   // Enters `sector` as settled at `slot` (a local file taken over whole).
   void AddSettled(long long sector, long long slot, long long size, SteadyTime now);
+  // Enters a sector an earlier run kept, settled but not yet verified.
+  void AddKept(long long sector, long long slot, long long size, long long hits, SteadyTime access_time,
+               uint64_t checksum);
+  // Every slot of a file of `file_length` bytes that no sector holds
+  // becomes free.
+  void FreeUnusedSlots(long long file_length);
+  // The unverified sectors among those indexed in [start, end).
+  std::vector<long long> UnverifiedIn(long long start, long long end) const;
+  // Calls `visit` with every settled sector.
+  void ForEachSettled(const std::function<void(long long offset, _SECTOR& sector)>& visit);
 
   // Settled sectors old enough to go: read at least once and older than
   // `max_used_age` seconds, or older than `max_unused_age` whatever their

@@ -7,6 +7,8 @@
 
 #include <atomic>
 
+#include "common/platform.h"
+
 namespace {
 
 FileIo real_io;
@@ -60,6 +62,13 @@ int FileIo::Flush(FILE* stream) { return fflush(stream); }
 int FileIo::Truncate(FILE* stream, long long length) {
   return ftruncate(fileno(stream), static_cast<off_t>(length));
 }
+
+int FileIo::Sync(FILE* stream) {
+  if (fflush(stream) != 0) return -1;
+  return SyncToDisk(fileno(stream)) ? 0 : -1;
+}
+
+int FileIo::Rename(const std::string& from, const std::string& to) { return rename(from.c_str(), to.c_str()); }
 
 int FileIo::Remove(const std::string& path) { return remove(path.c_str()); }
 

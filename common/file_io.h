@@ -43,6 +43,11 @@ class FileIo {
   // descriptor; bytes still in the stream's buffer are not flushed first);
   // 0 on success.
   virtual int Truncate(FILE* stream, long long length);
+  // fflush, then the file's bytes to stable storage (see SyncToDisk); 0 on
+  // success.
+  virtual int Sync(FILE* stream);
+  // rename, replacing `to`; 0 on success.
+  virtual int Rename(const std::string& from, const std::string& to);
   // remove; 0 on success.
   virtual int Remove(const std::string& path);
   // True when `path` names a regular file or a directory.

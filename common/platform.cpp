@@ -197,3 +197,20 @@ bool VolumeSpace(const std::string& path, long long* used, long long* available)
   *available = static_cast<long long>(static_cast<unsigned long long>(info.f_bavail) * unit);
   return true;
 }
+
+bool SyncToDisk(int fd) {
+#ifdef __APPLE__
+  if (fcntl(fd, F_FULLFSYNC) == 0) return true;
+#endif
+  return fsync(fd) == 0;
+}
+
+bool SyncDirectory(const std::string& directory) {
+  const int fd = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return false;
+  const bool synced = SyncToDisk(fd);
+  const int saved = errno;
+  close(fd);
+  errno = saved;
+  return synced;
+}

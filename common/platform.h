@@ -66,3 +66,11 @@ bool StatBeneath(int root_fd, const std::string& path, struct stat* st);
 // The used and available bytes of the volume holding `path`, as statvfs(3)
 // tells them to an unprivileged user. Returns false when it cannot be asked.
 bool VolumeSpace(const std::string& path, long long* used, long long* available);
+
+// Puts the bytes written to the open file `fd` on stable storage: fsync
+// (macOS: F_FULLFSYNC, as its fsync leaves them in the drive's cache).
+// Returns false with errno set.
+bool SyncToDisk(int fd);
+// Makes the entries of `directory` (a rename or removal in it) durable.
+// Returns false with errno set.
+bool SyncDirectory(const std::string& directory);

@@ -215,9 +215,40 @@ class ICache_V1 {
   ~ICache_V1() = default;
 };
 
+// Keeping the cache across runs. Off by default: every cache file is deleted
+// when its object closes, and a manager that starts removes the sector files
+// an earlier run left. The JSON setting {"cache": {"keep": 1}} (applied with
+// SetConfiguration right after InitCache; there is no INI key) turns it on:
+// - A read-only object keeps its file at the end of the run (ReleaseCache,
+//   or Close(name) of an object nobody else holds, or the last reference of
+//   one a client held going) and writes an index beside it: the name it was
+//   opened under (its hash index), the origin's size, the version the client
+//   gave (see OpenVersion), every sector with a checksum of its bytes, and a
+//   checksum of the index itself. The index is written last and atomically
+//   and removed before the file is next written, so a run that does not end
+//   cleanly leaves a file without an index, which the next start deletes, as
+//   it deletes a file whose index is damaged (with a warning).
+// - The next InitCache of the directory finds the kept files: they count in
+//   GetUsedBytes at once and are cleared by age like any other, by the last
+//   read times they were kept with. OpenVersion (or Open, version "") of the
+//   same name with mode 'r', the same size and the same version serves their
+//   sectors again, each checked against its checksum when first read (one
+//   that fails is fetched again, never served); another size or version
+//   drops them first, and mode 'w' deletes the file.
+// - Closing an object with ICacheObj::Close(true), switching its mode or
+//   replacing it by Rehash still deletes its file.
 class ICache_V2 : public ICache_V1 {
  public:
   virtual ~ICache_V2() = default;
+  // Slots appended after the destructor's.
+
+  // Open, handing the origin's version as the client knows it (an ETag, or
+  // size and modification time; null counts as ""). It is stored with a kept
+  // file, and a kept file of another version is not served (see above). An
+  // object already open is returned as it is, whatever its version: close it
+  // first to open another version. Throws as Open.
+  virtual std::shared_ptr<ICacheObj> OpenVersion(const char* name, char mode, long long size, IFetch* fetch,
+                                                 const char* version) = 0;
 };
 
 // The manager's settings, as seen by the cache files.

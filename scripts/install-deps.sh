@@ -10,7 +10,7 @@ set -euo pipefail
 
 packages=(
   g++ clang cmake ninja-build make pkg-config
-  libjsoncpp-dev uuid-dev
+  libjsoncpp-dev uuid-dev libxxhash-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libfuse3-dev fuse3 libcurl4-openssl-dev libxml2-dev nginx libnginx-mod-http-dav-ext curl
   rsync git
