@@ -110,7 +110,7 @@ int RemoteDrive::Unlink(const std::string& path) {
   std::lock_guard<std::mutex> guard(files_lock_);
   if (file) {
     file->removed = true;
-    Forget(file);
+    Discard(file);
   }
   listings_.Removed(path);
   return 0;
@@ -153,7 +153,7 @@ int RemoteDrive::Rename(const std::string& from, const std::string& to, bool no_
   std::lock_guard<std::mutex> guard(files_lock_);
   if (replaced) {
     replaced->removed = true;
-    Forget(replaced);  // before the move, whose Rehash would close its object under its open handles
+    Discard(replaced);  // before the move, whose Rehash would close its object under its open handles
   }
   for (auto& file : moving) Move(file, to + file->Path().substr(from.size()));
   listings_.Moved(from, to);
