@@ -137,9 +137,10 @@ void RemoteDrive::Retire(const std::shared_ptr<RemoteFile>& file) {
   retired_.emplace_back(file->object, file->fetch);
 }
 
-void RemoteDrive::Discard(const std::shared_ptr<RemoteFile>& file) {
-  // Before the manager lets go of the name: it would keep the copy.
-  if (file->opens == 0) file->object->Close(true);
+void RemoteDrive::Discard(const std::shared_ptr<RemoteFile>& file, DiscardedCopy* copy) {
+  // The manager keeps no copy at its Close(name) while the file holds the
+  // object, and none after the object's Close(true).
+  if (file->opens == 0) copy->object = file->object;
   Forget(file);
 }
 
@@ -159,6 +160,7 @@ int RemoteDrive::OpenFile(const std::string& path, int flags, std::shared_ptr<Re
   const bool write = (flags & O_ACCMODE) != O_RDONLY;
   std::shared_ptr<RemoteFile> file;
   std::shared_ptr<RemoteFile> dropped;  // released after files_lock_
+  DiscardedCopy gone;                   // of a file the origin no longer holds
   for (int attempt = 0;; ++attempt) {
     const long long uploads_before = uploads_.load();
     OriginFileInfo info;
@@ -184,7 +186,7 @@ int RemoteDrive::OpenFile(const std::string& path, int flags, std::shared_ptr<Re
         dropped = file;
         // A changed file's copy is dropped by the open of its new version.
         if (changed) Forget(file);
-        else Discard(file);
+        else Discard(file, &gone);
         file = nullptr;
       }
     }

@@ -8,9 +8,7 @@
 // writable, then RemoteFile io_locks, then files_lock_, then the listings' lock. Only a change of names (names_lock_ held) takes more
 // than one io_lock. Under files_lock_ the only library calls are the
 // manager's Open, OpenVersion, Close and Rehash of a name, which touch its
-// table, and the Close(true) of a discarded file's object that nobody has
-// open (it waits only for that file's fetches); reads, writes and uploads
-// run with at most an io_lock held.
+// table; reads, writes and uploads run with at most an io_lock held.
 //
 // The work is divided: remote_file_io.* reads, writes and cuts one file
 // through its cache object, remote_file_upload.* saves what was written,
@@ -87,6 +85,15 @@ struct OpenHandle {
   std::shared_ptr<_FS_HANDLE> fs_handle;
   bool writable = false;
   std::string snapshot;  // the statistics file's contents as of its open
+};
+
+// Deletes a discarded file's cached copy as it goes out of scope: declared
+// before files_lock_ is taken, it acts once the lock is let go.
+struct DiscardedCopy {
+  std::shared_ptr<ICacheObj> object;
+  ~DiscardedCopy() {
+    if (object) object->Close(true);
+  }
 };
 
 class RemoteDrive {
@@ -185,10 +192,11 @@ class RemoteDrive {
   void Retire(const std::shared_ptr<RemoteFile>& file);
   // Drops a file the origin no longer holds (unlinked, replaced by a rename,
   // gone) from the table, and its cached copy with it, so that none is kept
-  // for the next run. The copy of a file still open stays for its readers;
-  // a removed one's goes at its last release.
+  // for the next run: through `copy`, once files_lock_ is let go, as the
+  // deletion waits for the file's fetches. The copy of a file still open
+  // stays for its readers; a removed one's goes at its last release.
   // REQUIRES: files_lock_ held.
-  void Discard(const std::shared_ptr<RemoteFile>& file);
+  void Discard(const std::shared_ptr<RemoteFile>& file, DiscardedCopy* copy);
 
   // Keeping written data safe (remote_drive_saving.cpp): the journal, what an
   // earlier run left, and write-back.
