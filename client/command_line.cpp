@@ -18,6 +18,9 @@ const char kCommonOptionsHelp[] =
     "  --timeout-ms MS     an origin request that stalls this long fails (default 15000)\n"
     "  --latency-ms MS     directory origin: delay added to every request\n"
     "  --bandwidth RATE    directory origin: bytes per second, e.g. 100M\n"
+    "  --no-keep-cache     start with an empty cache and keep nothing at the end (by default\n"
+    "                      what was read stays for the next run, served while the origin's\n"
+    "                      version is unchanged; korvcat keeps too, for the next korvcat)\n"
     "  --write-back SECONDS  a close returns once the data is on local disk; the upload\n"
     "                      follows after SECONDS without a close (default: the close uploads)\n";
 
@@ -130,6 +133,8 @@ bool ParseClientOptions(int argc, char** argv, ClientOptions* options, std::stri
       if (!value(&text)) return false;
       if (!ParseCount(text, &number) || number > 1000000) return *error = "bad --write-back " + text, false;
       options->drive.write_back_seconds = number;
+    } else if (arg == "--no-keep-cache") {
+      options->drive.keep_cache = false;
     } else if (arg == "--progress") {
       options->progress = true;
     } else if (arg == "--verify") {

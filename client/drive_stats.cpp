@@ -20,6 +20,8 @@ std::string RenderDriveStats(const DriveStatsInput& input) {
   root["bytes_fetched"] = Count(input.counters->bytes_fetched);
   root["bytes_served"] = Count(input.counters->bytes_served);
   root["bytes_served_from_cache"] = Count(input.counters->bytes_served_from_cache);
+  root["kept_bytes_found_at_start"] = static_cast<Json::UInt64>(input.kept_bytes_at_start);
+  root["bytes_served_from_kept_cache"] = Count(input.counters->bytes_served_from_kept_cache);
   root["cache_directory"] = input.cache_dir;
   root["cache_directory_bytes"] = static_cast<Json::UInt64>(input.cache_bytes);
   root["limit_bytes"] = static_cast<Json::UInt64>(input.limit);

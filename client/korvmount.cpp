@@ -48,10 +48,12 @@ std::string Absolute(const std::string& path) {
 }
 
 // Opening the cache directory once before the daemon forks reports a bad
-// directory on the terminal; the quota thread it starts ends with it.
+// directory on the terminal; the quota thread it starts ends with it. The
+// files an earlier run kept must outlive this release too.
 bool CheckCacheDirectory(const DriveOptions& options) {
   ICache_V2* cache = nullptr;
   const unsigned int status = InitCache(options.cache_dir.c_str(), options.limit, &cache);
+  if (status == kOk && options.keep_cache) cache->SetConfiguration(R"({"cache":{"keep":1}})");
   if (status == kOk) ReleaseCache(options.cache_dir.c_str());
   if (status == kOk) return true;
   fprintf(stderr, "korvmount: cannot use cache directory %s (status %u%s)\n", options.cache_dir.c_str(), status,

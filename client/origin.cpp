@@ -25,6 +25,11 @@ OriginFileInfo VersionOf(const OriginEntry& entry) {
   return info;
 }
 
+std::string KeptVersionOf(const OriginFileInfo& info) {
+  if (!info.validator.empty()) return info.validator;
+  return std::to_string(info.size) + ":" + std::to_string(info.mtime);
+}
+
 bool SameVersion(const OriginFileInfo& a, const OriginFileInfo& b) {
   if (a.is_directory != b.is_directory || a.size != b.size) return false;
   if (LooksLikeEtag(a.validator) == LooksLikeEtag(b.validator)) return a.validator == b.validator;

@@ -53,6 +53,12 @@ bool LooksLikeEtag(const std::string& validator);
 // The version a listing entry describes.
 OriginFileInfo VersionOf(const OriginEntry& entry);
 
+// The version a file's cached copy is kept with from one run to the next:
+// the validator, which is the origin's ETag, or size and modification time
+// (a directory origin's, or an HTTP origin's Last-Modified, the size being
+// compared by the cache itself); size and mtime where there is none.
+std::string KeptVersionOf(const OriginFileInfo& info);
+
 // True when `a` and `b` are the same version of a file. Validators of one
 // kind are compared as they are; an ETag is compared with a Last-Modified
 // date (a HEAD answers the one, a listing without ETags the other) through

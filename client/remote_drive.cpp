@@ -42,9 +42,11 @@ bool RemoteDrive::Start(std::string* error) {
   // The directory must stay near its limit while files stream through it:
   // a clearing pass starts as soon as the limit is crossed, and read-ahead
   // blocks (whose sectors cannot be dropped while on their way) are kept to
-  // an eighth of the limit. Settings given by the user come after these.
+  // an eighth of the limit. Read-only files are kept for the next run unless
+  // told otherwise. Settings given by the user come after these.
   const unsigned long long read_ahead = std::min(256ULL << 20, cache_->GetLimit() / 8);
-  const std::string bounds = R"({"cache":{"clear":{"hard":1},"ra":{"max":)" + std::to_string(read_ahead) + "}}}";
+  const std::string bounds = std::string(R"({"cache":{)") + (options_.keep_cache ? R"("keep":1,)" : "") +
+                             R"("clear":{"hard":1},"ra":{"max":)" + std::to_string(read_ahead) + "}}}";
   if (cache_->SetConfiguration(bounds.c_str()) != kOk) {
     *error = "the cache refused the drive's settings";
     return false;
@@ -56,6 +58,8 @@ bool RemoteDrive::Start(std::string* error) {
       return false;
     }
   }
+  // Kept files count as soon as the manager has found them; nothing is open yet.
+  if (options_.keep_cache) kept_bytes_at_start_ = cache_->GetUsedBytes();
   return StartSaving(error);
 }
 
@@ -109,9 +113,13 @@ std::shared_ptr<RemoteFile> RemoteDrive::NewFile(const std::string& path, const 
   file->fetch = std::make_shared<OriginFetch>(origin_.get(), path, seen.validator, &counters_, file->counters,
                                               options_.retry, &stopping_);
   // Opened read-only: a write open switches it (MakeWritable), and the
-  // journal notes then which cache file holds the writable copy.
+  // journal notes then which cache file holds the writable copy. A file on
+  // the origin is opened with its version, so that a copy an earlier run
+  // kept is served only while the origin still holds the same bytes.
   try {
-    file->object = cache_->Open(path.c_str(), 'r', seen.size, file->fetch.get());
+    file->object = on_origin ? cache_->OpenVersion(path.c_str(), 'r', seen.size, file->fetch.get(),
+                                                   KeptVersionOf(seen).c_str())
+                             : cache_->Open(path.c_str(), 'r', seen.size, file->fetch.get());
   } catch (AERROR code) {
     *error = "the cache refused " + path + " (status " + std::to_string(code) + ")";
     return nullptr;
@@ -127,6 +135,13 @@ void RemoteDrive::Retire(const std::shared_ptr<RemoteFile>& file) {
   retired_.erase(std::remove_if(retired_.begin(), retired_.end(), [](const auto& item) { return item.first.expired(); }),
                  retired_.end());
   retired_.emplace_back(file->object, file->fetch);
+}
+
+void RemoteDrive::Discard(const std::shared_ptr<RemoteFile>& file, DiscardedCopy* copy) {
+  // The manager keeps no copy at its Close(name) while the file holds the
+  // object, and none after the object's Close(true).
+  if (file->opens == 0) copy->object = file->object;
+  Forget(file);
 }
 
 void RemoteDrive::Forget(const std::shared_ptr<RemoteFile>& file) {
@@ -145,6 +160,7 @@ int RemoteDrive::OpenFile(const std::string& path, int flags, std::shared_ptr<Re
   const bool write = (flags & O_ACCMODE) != O_RDONLY;
   std::shared_ptr<RemoteFile> file;
   std::shared_ptr<RemoteFile> dropped;  // released after files_lock_
+  DiscardedCopy gone;                   // of a file the origin no longer holds
   for (int attempt = 0;; ++attempt) {
     const long long uploads_before = uploads_.load();
     OriginFileInfo info;
@@ -168,7 +184,9 @@ int RemoteDrive::OpenFile(const std::string& path, int flags, std::shared_ptr<Re
       if (!local && (changed || status == OriginStatus::kNotFound)) {
         ClientLog(LOGLEVEL_INFO, "%s changed on the origin: its cached copy is dropped", path.c_str());
         dropped = file;
-        Forget(file);
+        // A changed file's copy is dropped by the open of its new version.
+        if (changed) Forget(file);
+        else Discard(file, &gone);
         file = nullptr;
       }
     }
@@ -272,11 +290,15 @@ int RemoteDrive::Release(std::unique_ptr<OpenHandle> handle) {
   const std::shared_ptr<RemoteFile> file = handle->file;
   // The library polls the state of handles it waits for.
   __atomic_store_n(&handle->fs_handle->state, 3, __ATOMIC_RELAXED);
+  bool discard = false;
   {
     std::lock_guard<std::mutex> guard(files_lock_);
     --file->opens;
     if (handle->writable) --file->writers;
+    discard = file->opens == 0 && file->removed;
   }
+  // The last handle of a discarded file takes its cached copy along.
+  if (discard) file->object->Close(true);
   // FUSE flushes before it releases; a caller that did not gets its upload here.
   const int result = handle->writable && file->dirty ? Save(file) : 0;
   std::lock_guard<std::mutex> guard(files_lock_);
@@ -373,6 +395,7 @@ std::string RemoteDrive::StatsJson() {
   input.origin = origin_->Describe();
   input.cache_dir = options_.cache_dir;
   input.counters = &counters_;
+  input.kept_bytes_at_start = kept_bytes_at_start_;
   if (cache_ != nullptr) {
     input.cache_bytes = CacheDirectoryBytes();
     input.limit = cache_->GetLimit();

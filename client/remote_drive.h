@@ -7,8 +7,8 @@
 // Lock order: names_lock_, then the journal's lock for files becoming
 // writable, then RemoteFile io_locks, then files_lock_, then the listings' lock. Only a change of names (names_lock_ held) takes more
 // than one io_lock. Under files_lock_ the only library calls are the
-// manager's Open, Close and Rehash of a name, which touch its table; reads,
-// writes and uploads run with at most an io_lock held.
+// manager's Open, OpenVersion, Close and Rehash of a name, which touch its
+// table; reads, writes and uploads run with at most an io_lock held.
 //
 // The work is divided: remote_file_io.* reads, writes and cuts one file
 // through its cache object, remote_file_upload.* saves what was written,
@@ -46,6 +46,9 @@ struct DriveOptions {
   int threads = 4;
   unsigned log_mask = LOGLEVEL_WARNING | LOGLEVEL_ERROR;
   std::string settings_json;        // applied with SetConfiguration when not empty
+  // Read-only cache files stay in the cache directory at the end of a run,
+  // and the next run on it serves them where the origin's version is the same.
+  bool keep_cache = true;
   // How long a directory listing, and the size and version of a file it or
   // an open learnt from the origin, are trusted: an open within it asks the
   // origin nothing. 0 asks at every open.
@@ -82,6 +85,15 @@ struct OpenHandle {
   std::shared_ptr<_FS_HANDLE> fs_handle;
   bool writable = false;
   std::string snapshot;  // the statistics file's contents as of its open
+};
+
+// Deletes a discarded file's cached copy as it goes out of scope: declared
+// before files_lock_ is taken, it acts once the lock is let go.
+struct DiscardedCopy {
+  std::shared_ptr<ICacheObj> object;
+  ~DiscardedCopy() {
+    if (object) object->Close(true);
+  }
 };
 
 class RemoteDrive {
@@ -137,6 +149,9 @@ class RemoteDrive {
   int StatFs(struct statvfs* st);
 
   std::string StatsJson();
+  // What the cache directory held from earlier runs when this one started
+  // (0 when the cache is not kept).
+  unsigned long long KeptBytesAtStart() const { return kept_bytes_at_start_; }
   // Bytes the cache directory holds on disk now.
   unsigned long long CacheDirectoryBytes() const;
   const TransferCounters& counters() const { return counters_; }
@@ -175,6 +190,13 @@ class RemoteDrive {
   // REQUIRES: files_lock_ and the file's io_lock held.
   void Move(const std::shared_ptr<RemoteFile>& file, const std::string& to);
   void Retire(const std::shared_ptr<RemoteFile>& file);
+  // Drops a file the origin no longer holds (unlinked, replaced by a rename,
+  // gone) from the table, and its cached copy with it, so that none is kept
+  // for the next run: through `copy`, once files_lock_ is let go, as the
+  // deletion waits for the file's fetches. The copy of a file still open
+  // stays for its readers; a removed one's goes at its last release.
+  // REQUIRES: files_lock_ held.
+  void Discard(const std::shared_ptr<RemoteFile>& file, DiscardedCopy* copy);
 
   // Keeping written data safe (remote_drive_saving.cpp): the journal, what an
   // earlier run left, and write-back.
@@ -193,6 +215,7 @@ class RemoteDrive {
   std::unique_ptr<WorkerQueue> queue_;
   ICache_V2* cache_ = nullptr;
   bool started_ = false;
+  unsigned long long kept_bytes_at_start_ = 0;
   TransferCounters counters_;
   std::atomic<bool> stopping_{false};     // set at unmount: transfers end
   std::atomic<long long> uploads_{0};     // uploads done; an open that raced one checks again

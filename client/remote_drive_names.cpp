@@ -96,6 +96,7 @@ void RemoteDrive::Move(const std::shared_ptr<RemoteFile>& file, const std::strin
 int RemoteDrive::Unlink(const std::string& path) {
   if (path == kStatsPath) return -EACCES;
   std::shared_ptr<RemoteFile> file;  // let go after every lock: a cache's end waits for its fetches
+  DiscardedCopy gone;
   std::lock_guard<std::mutex> names(names_lock_);
   file = FindFile(path);
   std::unique_lock<std::mutex> io;
@@ -110,7 +111,7 @@ int RemoteDrive::Unlink(const std::string& path) {
   std::lock_guard<std::mutex> guard(files_lock_);
   if (file) {
     file->removed = true;
-    Forget(file);
+    Discard(file, &gone);
   }
   listings_.Removed(path);
   return 0;
@@ -122,6 +123,7 @@ int RemoteDrive::Rename(const std::string& from, const std::string& to, bool no_
   if (IsBeneath(to, from)) return -EINVAL;  // a directory into itself
   std::vector<std::shared_ptr<RemoteFile>> moving;  // let go after every lock
   std::shared_ptr<RemoteFile> replaced;
+  DiscardedCopy gone;
   std::lock_guard<std::mutex> names(names_lock_);
   FileAttributes attributes;
   if (from == to) return GetAttributes(from, &attributes);
@@ -153,7 +155,7 @@ int RemoteDrive::Rename(const std::string& from, const std::string& to, bool no_
   std::lock_guard<std::mutex> guard(files_lock_);
   if (replaced) {
     replaced->removed = true;
-    Forget(replaced);  // before the move, whose Rehash would close its object under its open handles
+    Discard(replaced, &gone);  // before the move, whose Rehash would close its object under its open handles
   }
   for (auto& file : moving) Move(file, to + file->Path().substr(from.size()));
   listings_.Moved(from, to);

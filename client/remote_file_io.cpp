@@ -52,6 +52,7 @@ long long ReadRemoteFile(RemoteFile* file, const std::shared_ptr<_FS_HANDLE>& ha
 
   const long long requests_before = TransferCounters::Get(drive->origin_requests);
   const bool idle_before = TransferCounters::Get(drive->in_flight) == 0;
+  const bool read_only = !file->writable;
   _READDATA request = ReadRequest(buffer, offset, count, handle, file_size, file->fetch.get());
   const unsigned int status = file->object->Read(&request);
   if (status != kOk) {
@@ -65,6 +66,11 @@ long long ReadRemoteFile(RemoteFile* file, const std::shared_ptr<_FS_HANDLE>& ha
       TransferCounters::Get(drive->origin_requests) == requests_before) {
     TransferCounters::Add(drive->bytes_served_from_cache, served);
     TransferCounters::Add(file->counters->bytes_served_from_cache, served);
+  }
+  // A fetch counts its request before any of its bytes reach the cache: with
+  // none yet, every byte served was in the cache file when it was opened.
+  if (read_only && TransferCounters::Get(file->counters->origin_requests) == 0) {
+    TransferCounters::Add(drive->bytes_served_from_kept_cache, served);
   }
   return served;
 }

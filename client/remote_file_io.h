@@ -20,8 +20,9 @@ _READDATA ReadRequest(char* buffer, long long offset, unsigned long long size, s
 int MakeRemoteFileWritable(RemoteFile* file);
 
 // Reads stop at the file's size. Counts the bytes served into `drive` and the
-// file's own counters, and as served from the cache when no origin request
-// ran meanwhile. A read of a writable file that needed origin bytes it could
+// file's own counters, as served from the cache when no origin request ran
+// meanwhile, and as served from what an earlier run kept when none was ever
+// made for the file. A read of a writable file that needed origin bytes it could
 // not get is -EIO rather than zeros.
 long long ReadRemoteFile(RemoteFile* file, const std::shared_ptr<_FS_HANDLE>& handle, char* buffer, size_t size,
                          long long offset, TransferCounters* drive);

@@ -26,10 +26,11 @@ TEST(CommandLine, ParsesOptionsSizesAndOriginFiles) {
                     &options, &error)) << error;
   EXPECT_TRUE(options.drive.limit == 8ULL << 30 && options.drive.threads == 256 && options.origin.timeout_ms == 1 &&
               options.drive.write_back_seconds == 0 && options.foreground && options.drive.listing_ttl_ms == 0 &&
-              options.progress);
+              options.progress && options.drive.keep_cache);
   EXPECT_EQ(options.positional, (std::vector<std::string>{"http://h", "/mnt"}));
-  ASSERT_TRUE(Parse("-o ro,allow_other", &options, &error)) << error;
+  ASSERT_TRUE(Parse("-o ro,allow_other --no-keep-cache", &options, &error)) << error;
   EXPECT_EQ(options.fuse_options, (std::vector<std::string>{"ro,allow_other", "default_permissions"}));
+  EXPECT_FALSE(options.drive.keep_cache);
   const std::pair<const char*, const char*> refused[] = {
       {"--threads 0", "bad --threads 0"}, {"--threads 4x", "bad --threads 4x"}, {"--threads 257", "bad --threads 257"},
       {"--timeout-ms 0", "bad --timeout-ms 0"}, {"--log-level loud", "bad --log-level loud"},

@@ -45,6 +45,7 @@ class DriveTest : public ::testing::Test {
     options.listing_ttl_ms = kWindowMs;
     options.clock = [this] { return now_.load(); };
     options.settings_json = settings;
+    options.keep_cache = keep_cache_;
     options.retry.first_delay_ms = 1;
     drive_ = std::make_unique<RemoteDrive>(std::move(faulty), options);
     ASSERT_TRUE(drive_->Start(&error)) << error;
@@ -106,7 +107,22 @@ class DriveTest : public ::testing::Test {
     return status != 0 ? status : attributes_.size;
   }
 
+  // The cache files the cache directory keeps for the next run.
+  int KeptFiles() {
+    int kept = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(cache_.File("cache"))) {
+      kept += entry.path().extension() == ".index";
+    }
+    return kept;
+  }
+  long long Stat(const char* name) {
+    Json::Value stats;
+    std::istringstream(drive_->StatsJson()) >> stats;
+    return stats[name].asInt64();
+  }
+
   static constexpr long long kWindowMs = 1000;
+  bool keep_cache_ = true;
   std::atomic<DriveTime> now_{std::chrono::steady_clock::now()};
   TempDir origin_;
   TempDir cache_;
@@ -494,6 +510,46 @@ TEST_F(DriveTest, RenamedFilesKeepTheirCacheAndHandlesAndRemovedOnesAreNeverUplo
   EXPECT_EQ(OnOrigin("dir2/new.txt") + OnOrigin("stamped.txt"), "freshfresh");
   struct stat st;
   EXPECT_TRUE(stat(origin_.File("stamped.txt").c_str(), &st) == 0 && st.st_mtime == 1000000000);
+}
+
+TEST_F(DriveTest, ReadCopiesOutliveTheDriveWhileTheOriginHoldsTheirVersionAndRemovedOnesDoNot) {
+  const std::string big = RandomBytes(3 * kSector + 100, 30), before(kSector, 'a'), after(kSector, 'b');
+  const std::map<std::string, std::string> files = {{"big.bin", big}, {"small.txt", "small"}, {"changed", before},
+      {"unlinked", "u"}, {"unlinked-open", "o"}, {"replaced", "r"}, {"over", "over"}};
+  for (const auto& [name, bytes] : files) origin_.Write(name, bytes);
+  for (const auto& [name, bytes] : files) ASSERT_TRUE(Same(ReadWhole("/" + name), bytes)) << name;
+  auto open = Open("/unlinked-open");
+  EXPECT_EQ(drive_->Unlink("/unlinked"), 0);
+  EXPECT_EQ(drive_->Unlink("/unlinked-open"), 0);
+  EXPECT_EQ(ReadRange(open.get()), "o") << "an unlinked file still open is still readable";
+  drive_->Release(std::move(open));
+  EXPECT_EQ(drive_->Rename("/over", "/replaced", false), 0);
+  drive_->Shutdown();
+  EXPECT_EQ(KeptFiles(), 4) << "big.bin, small.txt, changed and replaced (over) only";
+  // Same size, another version: only the version tells the copy is stale.
+  origin_.Write("changed", after);
+  struct timespec times[2] = {{0, UTIME_OMIT}, {time(nullptr) + 5, 0}};
+  utimensat(AT_FDCWD, origin_.File("changed").c_str(), times, 0);
+
+  const std::map<std::string, std::string> now = {
+      {"big.bin", big}, {"small.txt", "small"}, {"changed", after}, {"replaced", "over"}};
+  const long long all = static_cast<long long>(big.size() + 5 + after.size() + 4);
+  const struct { bool keep; long long fetched, from_kept; int kept_after; } runs[] = {
+      {true, static_cast<long long>(after.size()), all - static_cast<long long>(after.size()), 4},
+      {false, all, 0, 0},  // starts cold, and leaves nothing for the next
+      {true, all, 0, 4},
+  };
+  for (const auto& run : runs) {
+    keep_cache_ = run.keep;
+    Mount("");
+    EXPECT_EQ(Stat("kept_bytes_found_at_start") >= all, run.from_kept > 0) << Stat("kept_bytes_found_at_start");
+    const long long sent = faulty_->sent;
+    for (const auto& [name, bytes] : now) EXPECT_TRUE(Same(ReadWhole("/" + name), bytes)) << name;
+    EXPECT_EQ(faulty_->sent - sent, run.fetched) << "keep " << run.keep;
+    EXPECT_EQ(Stat("bytes_served_from_kept_cache"), run.from_kept) << "keep " << run.keep;
+    drive_->Shutdown();
+    EXPECT_EQ(KeptFiles(), run.kept_after) << "keep " << run.keep;
+  }
 }
 
 TEST_F(DriveTest, TheDirectoryOriginNeverLeavesItsRoot) {

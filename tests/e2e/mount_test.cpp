@@ -2,8 +2,11 @@
 // is the origin's, every byte written reaches it, and the cache directory
 // stays within its limit. nginx and korvmount run as children of the test
 // that die with it (also when it is killed).
+#include <json/json.h>
+
 #include <algorithm>
 #include <atomic>
+#include <sstream>
 #include <thread>
 
 #include "client/support/test_bytes.h"
@@ -98,6 +101,21 @@ TEST_F(MountTest, WhatAKilledMountWroteIsUploadedByTheNext) {
   EXPECT_TRUE(Same(FileContents(Path("new.bin")), fresh));
   EXPECT_TRUE(Same(FileContents(Origin("new.bin")), fresh));
   EXPECT_TRUE(Same(FileContents(Origin("doc.bin")), doc));
+}
+
+// The next mount on the same cache directory serves what the last one read,
+// with nginx's file unchanged, and asks nginx for none of its bytes.
+TEST_F(MountTest, ARemountServesWhatTheLastMountReadWithoutFetchingIt) {
+  const std::string big = RandomBytes(20 * kMiB, 7);
+  WriteOnOrigin("big.bin", big);
+  ASSERT_TRUE(Same(FileContents(Path("big.bin")), big));
+  ASSERT_EQ(Unmount(0), 0);
+  Mount({});
+  EXPECT_TRUE(Same(FileContents(Path("big.bin")), big));
+  Json::Value stats;
+  std::istringstream(FileContents(Path(".korvcache-stats"))) >> stats;
+  EXPECT_EQ(stats["bytes_fetched"].asInt64(), 0);
+  EXPECT_EQ(stats["bytes_served_from_kept_cache"].asInt64(), 20 * kMiB);
 }
 
 }  // namespace
