@@ -133,7 +133,7 @@ rm "$bench_work/all-small"
 # The write and tool rows' sources, made on the local disk (src/) and the
 # origin's copies of the trees: a 256 MiB file; a tree of 2,000 small files,
 # as a git repository (packed), as a tar file and on the origin (root/tree);
-# a mixed tree of 1,400 files, about 240 MB (root/mixed). Sizes from a fixed
+# a mixed tree of 1,400 files, about 250 MB (root/mixed). Sizes from a fixed
 # seed, so that every run has the same trees.
 if [ "${BENCH_TOOLS:-1}" != 0 ]; then
   say "making the write and tool rows' trees: $((tree_dirs * tree_per_dir)) small files," \
