@@ -685,7 +685,7 @@ speed() {
   echo "a ratio is korvmount's speed over the peer's: above 1 korvmount is ahead (for times, the peer's time over korvmount's)"
   fmtrow='%-34s %-7s %9s %9s %9s  %-18s %-18s  %-24s %9s %s\n'
   line() { # LABEL UNIT BASE METRIC [REF_SYS REF_LABEL [KORV_SYS]]
-    local ref_value="" ref_ratio="" k=${7:-korv} d=1
+    local ref_value="" ref_ratio="" k=${7:-korv} d=2
     [ "$4" = secs ] || [ "$4" = origin_secs ] || d=0
     if [ -n "${5:-}" ]; then
       ref_value=$(fmt "$(median "$3" "$5" "$4")")
