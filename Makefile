@@ -93,7 +93,7 @@ bench: build
 	bash scripts/install-deps.sh --bench
 	cmake --build $(BUILD) --target korv_bench client_bench_tools -j $(JOBS)
 	$(BUILD)/bench/korv_bench
-	timeout --kill-after=60 780 bash bench/client_bench.sh $(BUILD)
+	timeout --kill-after=60 4500 bash bench/client_bench.sh $(BUILD)
 
 demo: build
 	bash scripts/demo.sh $(BUILD)

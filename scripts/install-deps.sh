@@ -15,8 +15,11 @@ packages=(
   libfuse3-dev fuse3 libcurl4-openssl-dev libxml2-dev nginx libnginx-mod-http-dav-ext curl
   rsync git
 )
-# rclone: the client benchmark's competitor (`rclone mount` of an :http: remote).
-bench_packages=(rclone)
+# rclone and davfs2: the client benchmark's peers (`rclone mount` of a
+# :webdav: remote, `mount -t davfs`). davfs2's debconf question (whether
+# unprivileged users may mount) is answered "no" ahead: the benchmark mounts
+# as root.
+bench_packages=(rclone davfs2)
 if [ "${1:-}" = "--bench" ]; then
   packages+=("${bench_packages[@]}")
 fi
@@ -43,5 +46,8 @@ if [ "$(id -u)" -ne 0 ]; then
   sudo_cmd=(sudo)
 fi
 export DEBIAN_FRONTEND=noninteractive
+if [[ " ${missing[*]} " == *" davfs2 "* ]]; then
+  echo "davfs2 davfs2/suid_file boolean false" | "${sudo_cmd[@]}" debconf-set-selections
+fi
 "${sudo_cmd[@]}" apt-get update -qq
 "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
