@@ -179,6 +179,28 @@ void ListingCache::Added(const std::string& path) {
   listings_.erase(ParentPath(path));
 }
 
+void ListingCache::Stored(const std::string& path, const OriginFileInfo& info, DriveTime told) {
+  std::lock_guard<std::mutex> guard(lock_);
+  RememberIfHidden(path);
+  auto it = listings_.find(ParentPath(path));
+  if (it == listings_.end() || it->second.taken > told) return;
+  const OriginEntry stored = EntryOf(path, info);
+  std::vector<OriginEntry>& entries = it->second.entries;
+  auto same = std::find_if(entries.begin(), entries.end(), [&](const OriginEntry& e) { return e.name == stored.name; });
+  if (same != entries.end()) *same = stored;
+  else entries.push_back(stored);
+}
+
+bool ListingCache::FreshlyAbsent(const std::string& directory, const std::string& name) {
+  if (name.empty() || name[0] == '.') return false;
+  const DriveTime now = clock_();
+  std::lock_guard<std::mutex> guard(lock_);
+  auto it = listings_.find(directory);
+  return it != listings_.end() && now - it->second.taken < ttl_ &&
+         std::none_of(it->second.entries.begin(), it->second.entries.end(),
+                      [&](const OriginEntry& e) { return e.name == name; });
+}
+
 void ListingCache::Removed(const std::string& path) {
   ForgetTree(path);
   std::lock_guard<std::mutex> guard(lock_);

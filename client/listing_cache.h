@@ -52,6 +52,14 @@ class ListingCache {
   int Find(const std::string& path, OriginEntry* entry, DriveTime* taken = nullptr);
   // `path` was made or stored on the origin: its parent is listed afresh.
   void Added(const std::string& path);
+  // The origin told `info` of `path` at `told`: a listing of its parent that
+  // is kept and was taken no later gets the entry as it now is, without
+  // asking again (a later listing is left as it is).
+  void Stored(const std::string& path, const OriginFileInfo& info, DriveTime told);
+  // True when a listing of `directory` younger than the window lacks `name`,
+  // which does not start with a dot (those the origin may not list). Never
+  // asks the origin.
+  bool FreshlyAbsent(const std::string& directory, const std::string& name);
   // `path` (and, for a directory, everything beneath it) is gone.
   void Removed(const std::string& path);
   // `from` (and everything beneath it) is now at `to`.

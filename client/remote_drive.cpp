@@ -153,7 +153,15 @@ void RemoteDrive::Forget(const std::shared_ptr<RemoteFile>& file) {
   // last handle that holds the file, outside every lock.
   cache_->Close(file->Path().c_str());
   Retire(file);
-  listings_.Forget(ParentOf(file->Path()));
+  // While in the table the file's own size was answered; from now on its
+  // directory's listing is, which must know the file as the origin last told.
+  DriveTime told;
+  const OriginFileInfo seen = file->Seen(&told);
+  if (file->on_origin && !file->dirty && !file->removed && told != DriveTime()) {
+    listings_.Stored(file->Path(), seen, told);
+  } else {
+    listings_.Forget(ParentOf(file->Path()));
+  }
 }
 
 int RemoteDrive::OpenFile(const std::string& path, int flags, std::shared_ptr<RemoteFile>* opened, bool ask_origin) {
@@ -309,11 +317,17 @@ int RemoteDrive::Release(std::unique_ptr<OpenHandle> handle) {
 }
 
 int RemoteDrive::Upload(RemoteFile* file) {
+  const DriveTime before = Now();
   const int result = UploadRemoteFile(origin_.get(), file, &uploads_, options_.clock);
+  if (result != 0) return result;
   // The directory's listing from before the upload lacks the file or has its
-  // old size, and a clean file is listed only as the origin lists it.
-  if (result == 0) listings_.Added(file->Path());
-  return result;
+  // old size. The origin's answer after the upload is the entry as it is
+  // now; without one, the directory is listed afresh.
+  DriveTime told;
+  const OriginFileInfo info = file->Seen(&told);
+  if (told >= before) listings_.Stored(file->Path(), info, told);
+  else listings_.Added(file->Path());
+  return 0;
 }
 
 int RemoteDrive::GetAttributes(const std::string& path, FileAttributes* attributes) {

@@ -32,6 +32,13 @@ OriginStatus RemoteDrive::CurrentVersion(const std::string& path, bool ask_origi
       *confirmed = taken;
       return OriginStatus::kOk;
     }
+    // A name its directory's listing lacks within the window is not there,
+    // as a lookup would have answered: creating a file asks nothing more.
+    if (known == DriveTime() && listings_.FreshlyAbsent(ParentOf(path), NameOf(path))) {
+      *confirmed = now;
+      *error = "not in the listing of its directory";
+      return OriginStatus::kNotFound;
+    }
   }
   *confirmed = now;
   return origin_->Stat(path, info, error);

@@ -285,9 +285,12 @@ TEST_F(DriveTest, WritesTruncatesAndNewFilesReachTheOrigin) {
   expected.resize(2 * kSector, '\0');
   EXPECT_TRUE(Same(OnOrigin("w.bin"), expected));
 
-  // A new file is listed while it is written and after its upload.
+  // A new file is listed while it is written and after its upload; in a
+  // listed directory it costs one question, its version after the upload.
   const std::string fresh = RandomBytes(kSector + 77, 5);
   const std::set<std::string> listed = {".korvcache-stats", "new.bin", "w.bin"};
+  RootNames();
+  const int before = faulty_->requests;
   auto created = Open("/new.bin", O_WRONLY | O_CREAT);
   ASSERT_EQ(drive_->Write(created.get(), fresh.data(), fresh.size(), 0), static_cast<long long>(fresh.size()));
   EXPECT_EQ(SizeOf("/new.bin"), static_cast<long long>(fresh.size()));
@@ -295,6 +298,9 @@ TEST_F(DriveTest, WritesTruncatesAndNewFilesReachTheOrigin) {
   EXPECT_EQ(drive_->Flush(created.get()), 0);
   EXPECT_EQ(RootNames(), listed) << "the listing from before the upload";
   EXPECT_EQ(drive_->Release(std::move(created)), 0);
+  EXPECT_EQ(SizeOf("/new.bin"), static_cast<long long>(fresh.size()));
+  EXPECT_EQ(RootNames(), listed);
+  EXPECT_EQ(faulty_->requests - before, 1);
   EXPECT_TRUE(Same(OnOrigin("new.bin"), fresh));
 }
 
