@@ -245,10 +245,11 @@ CONF
   return 1
 }
 
-# start_proxy TARGET_PORT DELAY_MS OUTFILE: a delay_proxy in front of
-# TARGET_PORT; sets proxy_port.
+# start_proxy TARGET_PORT DELAY_MS OUTFILE [RATE_MBPS]: a delay_proxy in
+# front of TARGET_PORT (its answers paced to RATE_MBPS if given); sets
+# proxy_port.
 start_proxy() {
-  "$delay_proxy" "$1" "$2" > "$3" 2>&1 &
+  "$delay_proxy" "$1" "$2" ${4:+"$4"} > "$3" 2>&1 &
   local pid=$! i
   bench_pids+=("$pid")
   proxy_port=""
