@@ -77,13 +77,19 @@ TEST_F(MountTest, CacheDirectoryStaysWithinTheLimit) {
 }
 
 // Written through a korvmount that is killed before the upload it was
-// leaving for later: the next korvmount on the same cache directory uploads it.
+// leaving for later: the next korvmount on the same cache directory uploads
+// it, and serves only the origin's bytes of a file the killed one was reading.
 TEST_F(MountTest, WhatAKilledMountWroteIsUploadedByTheNext) {
   std::string doc = RandomBytes(3 * kMiB, 5);
   WriteOnOrigin("doc.bin", doc);
-  const std::string fresh = RandomBytes(kMiB + 3, 6);
+  const std::string fresh = RandomBytes(kMiB + 3, 6), big = RandomBytes(8 * kMiB, 8);
+  WriteOnOrigin("big.bin", big);
+  // Half of big.bin is kept by a clean unmount; the killed run reads the rest
+  // into the same cache file, whose kept index must then not be trusted.
+  ASSERT_TRUE(Same(FileContents(Path("big.bin")).substr(0, 4 * kMiB), big.substr(0, 4 * kMiB)));
   ASSERT_EQ(Unmount(0), 0);
   Mount({"--write-back", "3600"});
+  ASSERT_TRUE(Same(FileContents(Path("big.bin")), big));
   int fd = open(Path("new.bin").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   EXPECT_EQ(write(fd, fresh.data(), fresh.size()), static_cast<ssize_t>(fresh.size()));
   ASSERT_EQ(close(fd), 0);
@@ -101,6 +107,7 @@ TEST_F(MountTest, WhatAKilledMountWroteIsUploadedByTheNext) {
   EXPECT_TRUE(Same(FileContents(Path("new.bin")), fresh));
   EXPECT_TRUE(Same(FileContents(Origin("new.bin")), fresh));
   EXPECT_TRUE(Same(FileContents(Origin("doc.bin")), doc));
+  EXPECT_TRUE(Same(FileContents(Path("big.bin")), big));
 }
 
 // The next mount on the same cache directory serves what the last one read,
