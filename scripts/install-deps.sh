@@ -18,8 +18,8 @@ packages=(
 # rclone and davfs2: the client benchmark's peers (`rclone mount` of a
 # :webdav: remote, `mount -t davfs`). davfs2's debconf question (whether
 # unprivileged users may mount) is answered "no" ahead: the benchmark mounts
-# as root.
-bench_packages=(rclone davfs2)
+# as root. jq reads korvmount's statistics file in the remount rows.
+bench_packages=(rclone davfs2 jq)
 if [ "${1:-}" = "--bench" ]; then
   packages+=("${bench_packages[@]}")
 fi
