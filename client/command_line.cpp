@@ -13,6 +13,8 @@ const char kCommonOptionsHelp[] =
 "  --attr-timeout MS   how long a file's size and version, as listed or last asked, are\n"
     "                      trusted: an open within it asks the origin nothing (default 1000, 0: every open asks)\n"
     "  --threads N         worker threads fetching from the origin (default 4)\n"
+    "  --files-ahead N     once files of a directory are opened one after the other, the\n"
+    "                      first MiB of the next N is fetched ahead (default 8, 0: none)\n"
     "  --log-level LEVEL   debug, info, warning, error or none (default warning)\n"
     "  --settings JSON     cache settings document, or @FILE to read it from a file\n"
     "  --timeout-ms MS     an origin request that stalls this long fails (default 15000)\n"
@@ -104,6 +106,10 @@ bool ParseClientOptions(int argc, char** argv, ClientOptions* options, std::stri
       if (!value(&text)) return false;
       if (!ParseCount(text, &number) || number < 1 || number > 256) return *error = "bad --threads " + text, false;
       options->drive.threads = static_cast<int>(number);
+    } else if (arg == "--files-ahead") {
+      if (!value(&text)) return false;
+      if (!ParseCount(text, &number) || number > 256) return *error = "bad --files-ahead " + text, false;
+      options->drive.files_ahead = static_cast<int>(number);
     } else if (arg == "--log-level") {
       if (!value(&text)) return false;
       if (!StderrLog::MaskFromName(text, &options->drive.log_mask)) return *error = "bad --log-level " + text, false;

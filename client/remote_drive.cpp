@@ -60,6 +60,10 @@ bool RemoteDrive::Start(std::string* error) {
   }
   // Kept files count as soon as the manager has found them; nothing is open yet.
   if (options_.keep_cache) kept_bytes_at_start_ = cache_->GetUsedBytes();
+  read_ahead_ = std::make_unique<DirectoryReadAhead>(
+      options_.threads, options_.files_ahead,
+      [this](const std::string& directory, std::vector<std::string>* names) { return ListFilesOf(directory, names); },
+      [this](const std::string& path) { ReadAhead(path); });
   return StartSaving(error);
 }
 
@@ -71,6 +75,7 @@ void RemoteDrive::Shutdown() {
     shut_down_ = true;
     for (auto& entry : files_) files.push_back(entry.second);
   }
+  if (read_ahead_) read_ahead_->Stop();
   StopSaving();
   for (auto& file : files) {
     if (file->dirty && Upload(file.get()) != 0) KeepUnsavedCopy(options_.cache_dir, file.get());
@@ -236,8 +241,17 @@ int RemoteDrive::OpenFile(const std::string& path, int flags, std::shared_ptr<Re
   return 0;
 }
 
-int RemoteDrive::Open(const std::string& path, int flags, std::unique_ptr<OpenHandle>* handle) {
+std::shared_ptr<_FS_HANDLE> NewFsHandle(const std::string& path) {
   static std::atomic<int64_t> next_id{1};
+  auto fs_handle = std::make_shared<_FS_HANDLE>();
+  fs_handle->type = 1;
+  fs_handle->state = 0;
+  fs_handle->id = next_id.fetch_add(1, std::memory_order_relaxed);
+  fs_handle->info = path;
+  return fs_handle;
+}
+
+int RemoteDrive::Open(const std::string& path, int flags, std::unique_ptr<OpenHandle>* handle) {
   auto opened = std::make_unique<OpenHandle>();
   opened->writable = (flags & O_ACCMODE) != O_RDONLY;
   if (path == kStatsPath) {
@@ -246,11 +260,8 @@ int RemoteDrive::Open(const std::string& path, int flags, std::unique_ptr<OpenHa
   } else {
     const int result = OpenFile(path, flags, &opened->file);
     if (result != 0) return result;
-    opened->fs_handle = std::make_shared<_FS_HANDLE>();
-    opened->fs_handle->type = 1;
-    opened->fs_handle->state = 0;
-    opened->fs_handle->id = next_id.fetch_add(1, std::memory_order_relaxed);
-    opened->fs_handle->info = path;
+    opened->fs_handle = NewFsHandle(path);
+    if (!opened->writable && opened->file->on_origin) read_ahead_->Opened(path);
   }
   *handle = std::move(opened);
   return 0;

@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "korvcache.h"
+#include "directory_read_ahead.h"
 #include "listing_cache.h"
 #include "origin.h"
 #include "origin_fetch.h"
@@ -58,6 +59,10 @@ struct DriveOptions {
   // returns once the bytes are on the local disk, and the upload follows
   // after this many seconds without a close of the file.
   long long write_back_seconds = -1;
+  // Once a reader opens files of a directory one after the other, the first
+  // bytes of this many files past the one it opened are fetched ahead, on
+  // `threads` threads of their own (0: none).
+  int files_ahead = 8;
   DriveClock clock = std::chrono::steady_clock::now;  // ages what the drive knows
 };
 
@@ -86,6 +91,9 @@ struct OpenHandle {
   bool writable = false;
   std::string snapshot;  // the statistics file's contents as of its open
 };
+
+// The library's handle of one open: each open's is its own.
+std::shared_ptr<_FS_HANDLE> NewFsHandle(const std::string& path);
 
 // Deletes a discarded file's cached copy as it goes out of scope: declared
 // before files_lock_ is taken, it acts once the lock is let go.
@@ -149,6 +157,8 @@ class RemoteDrive {
   int StatFs(struct statvfs* st);
 
   std::string StatsJson();
+  // Returns once the files being read ahead are in the cache.
+  void WaitForReadAhead();
   // What the cache directory held from earlier runs when this one started
   // (0 when the cache is not kept).
   unsigned long long KeptBytesAtStart() const { return kept_bytes_at_start_; }
@@ -181,6 +191,10 @@ class RemoteDrive {
   // holds, the handle moves to a fresh copy of it. True when it moved.
   bool MoveToCurrentVersion(OpenHandle* handle, const std::shared_ptr<RemoteFile>& stale);
   int Upload(RemoteFile* file);
+  // Reads the first bytes of a file ahead of its reader, who is walking its
+  // directory (remote_drive_read_ahead.cpp).
+  void ReadAhead(const std::string& path);
+  bool ListFilesOf(const std::string& directory, std::vector<std::string>* names);
   // REQUIRES: files_lock_ held.
   void Forget(const std::shared_ptr<RemoteFile>& file);
   // The files of the table at `path` and, for a directory, beneath it.
@@ -213,6 +227,7 @@ class RemoteDrive {
   const DriveOptions options_;
   StderrLog log_;
   std::unique_ptr<WorkerQueue> queue_;
+  std::unique_ptr<DirectoryReadAhead> read_ahead_;
   ICache_V2* cache_ = nullptr;
   bool started_ = false;
   unsigned long long kept_bytes_at_start_ = 0;

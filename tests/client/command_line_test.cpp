@@ -22,11 +22,11 @@ bool Parse(const std::string& line, ClientOptions* options, std::string* error) 
 TEST(CommandLine, ParsesOptionsSizesAndOriginFiles) {
   ClientOptions options;
   std::string error;
-  ASSERT_TRUE(Parse("http://h --limit 8G /mnt --threads 256 -f --timeout-ms 1 --write-back 0 --attr-timeout 0 --progress",
+  ASSERT_TRUE(Parse("http://h --limit 8G /mnt --threads 256 -f --timeout-ms 1 --write-back 0 --attr-timeout 0 --progress --files-ahead 0",
                     &options, &error)) << error;
   EXPECT_TRUE(options.drive.limit == 8ULL << 30 && options.drive.threads == 256 && options.origin.timeout_ms == 1 &&
               options.drive.write_back_seconds == 0 && options.foreground && options.drive.listing_ttl_ms == 0 &&
-              options.progress && options.drive.keep_cache);
+              options.progress && options.drive.keep_cache && options.drive.files_ahead == 0);
   EXPECT_EQ(options.positional, (std::vector<std::string>{"http://h", "/mnt"}));
   ASSERT_TRUE(Parse("-o ro,allow_other --no-keep-cache", &options, &error)) << error;
   EXPECT_EQ(options.fuse_options, (std::vector<std::string>{"ro,allow_other", "default_permissions"}));
@@ -38,6 +38,7 @@ TEST(CommandLine, ParsesOptionsSizesAndOriginFiles) {
       {"--settings @/nonexistent/settings.json", "cannot read settings file /nonexistent/settings.json"},
       {"--limit", "--limit needs a value"}, {"--write-back -1", "bad --write-back -1"}, {"--bogus", "unknown option --bogus"},
       {"--limit 63M", "--limit 63M is below the cache's floor of 64M"}, {"--attr-timeout -1", "bad --attr-timeout -1"},
+      {"--files-ahead 257", "bad --files-ahead 257"},
   };
   for (const auto& [args, expected] : refused) {
     EXPECT_FALSE(Parse(args, &options, &error)) << args;

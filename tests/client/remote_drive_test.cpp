@@ -46,6 +46,7 @@ class DriveTest : public ::testing::Test {
     options.clock = [this] { return now_.load(); };
     options.settings_json = settings;
     options.keep_cache = keep_cache_;
+    options.files_ahead = files_ahead_;
     options.retry.first_delay_ms = 1;
     drive_ = std::make_unique<RemoteDrive>(std::move(faulty), options);
     ASSERT_TRUE(drive_->Start(&error)) << error;
@@ -123,6 +124,7 @@ class DriveTest : public ::testing::Test {
 
   static constexpr long long kWindowMs = 1000;
   bool keep_cache_ = true;
+  int files_ahead_ = 0;  // the requests each test counts are its own reads'
   std::atomic<DriveTime> now_{std::chrono::steady_clock::now()};
   TempDir origin_;
   TempDir cache_;
@@ -199,6 +201,28 @@ TEST_F(DriveTest, OpensWithinTheWindowAskTheOriginNothingAndLaterOnesRevalidate)
     EXPECT_EQ(ReadWhole("/b.txt"), step.read);
     EXPECT_EQ(faulty_->requests - before, step.requests) << step.read << " after " << step.age_ms << " ms";
   }
+}
+
+TEST_F(DriveTest, FilesOpenedOneAfterAnotherBringTheNextFilesFirstMiBIntoTheCache) {
+  files_ahead_ = 8;
+  Mount(kNoReadAhead);
+  for (const char* dir : {"walked", "opened-once"}) ASSERT_EQ(mkdir(origin_.File(dir).c_str(), 0755), 0);
+  std::map<std::string, std::string> bytes;
+  for (const char* path : {"walked/a", "walked/b", "walked/c", "walked/d", "opened-once/a", "opened-once/b"}) {
+    bytes[path] = RandomBytes(std::string(path) == "walked/d" ? 2 * kSector + 10 : 3000, bytes.size() + 1);
+    origin_.Write(path, bytes[path]);
+  }
+  ASSERT_EQ(SizeOf("/opened-once/b"), 3000);
+  for (const char* path : {"walked/a", "walked/b", "opened-once/a"}) EXPECT_TRUE(Same(ReadWhole("/" + std::string(path)), bytes[path]));
+  drive_->WaitForReadAhead();
+  faulty_->down = true;  // only the cache answers from now on
+  EXPECT_TRUE(Same(ReadWhole("/walked/c"), bytes["walked/c"]));
+  auto handle = Open("/walked/d");
+  EXPECT_TRUE(Same(ReadRange(handle.get(), 0, 2 * kSector), bytes["walked/d"].substr(0, 2 * kSector)));
+  EXPECT_EQ(ReadRange(handle.get(), 2 * kSector, 10), "error -5");  // beyond what is read ahead
+  drive_->Release(std::move(handle));
+  EXPECT_EQ(ReadWhole("/opened-once/b"), "error -5");  // one open is no walk
+  EXPECT_EQ(Stat("bytes_served"), 4 * 3000 + 2 * kSector);  // reads ahead serve nobody
 }
 
 TEST_F(DriveTest, AReaderAtTheEndOfAGrowingFileReadsOnToItsNewEnd) {
