@@ -29,6 +29,11 @@ bool RemoteDrive::ListFilesOf(const std::string& directory, std::vector<std::str
 
 void RemoteDrive::ReadAhead(const std::string& path) {
   if (stopping_.load()) return;
+  // A file read since the drive learnt of its version has its first bytes
+  // cached already (or dropped for room): opening it again would only ask
+  // the origin for its version past the window, and copy bytes for nothing.
+  const std::shared_ptr<RemoteFile> known = FindFile(path);
+  if (known && TransferCounters::Get(known->counters->bytes_served) > 0) return;
   auto handle = std::make_unique<OpenHandle>();
   // Not Open(): a read ahead is no reader's step through the directory.
   if (OpenFile(path, O_RDONLY, &handle->file) != 0) return;
