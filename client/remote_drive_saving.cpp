@@ -9,7 +9,7 @@
 #include "write_recovery.h"
 
 bool RemoteDrive::StartSaving(std::string* error) {
-  journal_ = std::make_unique<WriteJournal>(options_.cache_dir);
+  journal_ = std::make_unique<WriteJournal>(options_.cache_dir, origin_.get());
   bool owner = false;
   if (!journal_->Open(&owner, error)) return false;
   // Another drive using the cache directory still owns the records there.

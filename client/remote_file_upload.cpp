@@ -65,7 +65,19 @@ int UploadRemoteFile(Origin* origin, RemoteFile* file, std::atomic<long long>* u
   uploads->fetch_add(1);
   OriginFileInfo info;
   const DriveTime asked = clock();
-  if (origin->Stat(path, &info, &error) == OriginStatus::kOk) file->SetSeen(info, asked);
+  if (kept_mtime != 0) {
+    // Whether the origin kept the time the upload carried is seen in its answer.
+    if (origin->Stat(path, &info, &error) == OriginStatus::kOk) file->SetSeen(info, asked);
+  } else {
+    // An upload's answer names no version (nginx's carries no ETag), and
+    // asking for it would cost every saved file a second round trip. The
+    // bytes and their size are known; the validator is left empty, so the
+    // origin is asked for it where one is needed: by an open once the file
+    // has left the drive's table, or before a change is journaled.
+    info.size = size;
+    info.mtime = file->mtime.load(std::memory_order_relaxed);
+    file->SetSeen(info, asked);
+  }
   ClientLog(LOGLEVEL_INFO, "uploaded %s (%lld bytes)", path.c_str(), size);
   return 0;
 }

@@ -105,8 +105,8 @@ bool ParseRecord(const std::string& text, JournalRecord* record) {
 
 }  // namespace
 
-WriteJournal::WriteJournal(std::string cache_dir)
-    : cache_dir_(std::move(cache_dir)), dir_(cache_dir_ + "/journal/") {}
+WriteJournal::WriteJournal(std::string cache_dir, Origin* origin)
+    : cache_dir_(std::move(cache_dir)), dir_(cache_dir_ + "/journal/"), origin_(origin) {}
 
 WriteJournal::~WriteJournal() {
   if (lock_fd_ >= 0) close(lock_fd_);
@@ -212,6 +212,17 @@ bool WriteJournal::SyncLocalBytes(RemoteFile* file) {
   return !name.empty() && SyncPath(cache_dir_ + "/" + name, O_RDONLY);
 }
 
+void WriteJournal::LearnVersion(RemoteFile* file) {
+  OriginFileInfo info;
+  std::string error;
+  if (origin_ == nullptr || origin_->Stat(file->Path(), &info, &error) != OriginStatus::kOk || info.is_directory) {
+    return;  // the record names the version as the drive knows it: recovery keeps the bytes aside
+  }
+  DriveTime confirmed;
+  file->Seen(&confirmed);
+  file->SetSeen(info, confirmed);
+}
+
 int PrepareFirstChange(RemoteFile* file, bool replaces_all) {
   if (file->journal == nullptr || !file->journal_id.empty() || file->removed) return 0;
   if (file->on_origin && !replaces_all && file->object->FillEmptySectors(file->fetch.get()) != kOk) {
@@ -221,5 +232,6 @@ int PrepareFirstChange(RemoteFile* file, bool replaces_all) {
   }
   // Not found when it became writable (and said so then): changed unjournaled.
   if (file->local_name.empty()) return 0;
+  if (file->on_origin && file->Seen().validator.empty()) file->journal->LearnVersion(file);
   return file->journal->Record(file) ? 0 : -EIO;
 }

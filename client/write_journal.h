@@ -31,7 +31,9 @@ struct JournalRecord {
 
 class WriteJournal {
  public:
-  explicit WriteJournal(std::string cache_dir);
+  // `origin` is asked for the version a change is based on when the drive
+  // does not know it (after an upload of its own).
+  WriteJournal(std::string cache_dir, Origin* origin);
   ~WriteJournal();
   WriteJournal(const WriteJournal&) = delete;
   WriteJournal& operator=(const WriteJournal&) = delete;
@@ -58,10 +60,14 @@ class WriteJournal {
   int MakeWritable(RemoteFile* file);
   // Flushes the file's local bytes to the disk.
   bool SyncLocalBytes(RemoteFile* file);
+  // Asks the origin for the version of a file on it whose validator the
+  // drive does not know, so that a record names what a change is based on.
+  void LearnVersion(RemoteFile* file);
 
  private:
   const std::string cache_dir_;
   const std::string dir_;
+  Origin* const origin_;
   int lock_fd_ = -1;
   std::mutex writable_lock_;  // held while a cache object becomes writable
 };
