@@ -57,16 +57,20 @@ bool IsSectorCacheName(const std::string& name) {
 }
 
 // Regular files directly in `dir`, apart from the library's sector cache files,
-// which are named afresh for every object (a UUID and ".cache").
+// which are named afresh for every object (a UUID and ".cache"). Called twice
+// for every file made writable, with thousands of files waiting for their
+// upload in the directory: the type comes from the listing where it can.
 std::set<std::string> PlainFiles(const std::string& dir) {
   std::set<std::string> names;
   DIR* listing = opendir(dir.c_str());
   if (listing == nullptr) return names;
   while (dirent* entry = readdir(listing)) {
+    if (entry->d_type != DT_REG && entry->d_type != DT_UNKNOWN) continue;
     const std::string name = entry->d_name;
-    struct stat st;
     if (IsSectorCacheName(name)) continue;
-    if (fstatat(dirfd(listing), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode)) {
+    struct stat st;
+    if (entry->d_type == DT_REG ||
+        (fstatat(dirfd(listing), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode))) {
       names.insert(name);
     }
   }
