@@ -84,7 +84,7 @@ void DirectoryReadAhead::Notice(const std::string& path) {
   if (stream == nullptr || stopping_) return;
   for (Walk& walk : stream->walks) {
     auto it = walk.position.find(name);
-    if (it != walk.position.end()) Step(directory, &walk, it->second);
+    if (it != walk.position.end() && Step(directory, &walk, it->second)) stream->walked = true;
   }
   if (!fills_.empty()) wake_.notify_all();
 }
@@ -131,15 +131,22 @@ DirectoryReadAhead::Stream* DirectoryReadAhead::StreamOf(const std::string& dire
   return stream;
 }
 
-void DirectoryReadAhead::Step(const std::string& directory, Walk* walk, long at) {
+bool DirectoryReadAhead::Walking(const std::string& directory) {
+  std::lock_guard<std::mutex> guard(lock_);
+  return std::any_of(streams_.begin(), streams_.end(),
+                     [&](const Stream& stream) { return stream.walked && stream.directory == directory; });
+}
+
+bool DirectoryReadAhead::Step(const std::string& directory, Walk* walk, long at) {
   const bool forward = walk->last >= 0 && at > walk->last && at <= walk->last + kLongestStep;
   if (at <= walk->last) walk->queued_until = at;  // read again from further back
   walk->last = at;
-  if (!forward) return;
+  if (!forward) return false;
   const long until = std::min<long>(at + files_ahead_, static_cast<long>(walk->names.size()) - 1);
   for (long i = std::max(at, walk->queued_until) + 1; i <= until; ++i) {
     const std::string path = (directory == "/" ? "" : directory) + "/" + walk->names[static_cast<size_t>(i)];
     if (pending_.insert(path).second) fills_.push_back(path);
   }
   walk->queued_until = std::max(walk->queued_until, until);
+  return true;
 }

@@ -38,6 +38,9 @@ class DirectoryReadAhead {
 
   // A reader opened the file at `path` ("/dir/name"). Returns at once.
   void Opened(const std::string& path);
+  // True while a reader is walking `directory`: one of its opens there was a
+  // step forward, and the directory has not been forgotten for others since.
+  bool Walking(const std::string& directory);
   // Returns once nothing is queued or running.
   void WaitIdle();
   // Drops what is queued and waits for the fills running. Idempotent.
@@ -57,6 +60,7 @@ class DirectoryReadAhead {
     std::string directory;
     Walk walks[2];
     unsigned long long used = 0;
+    bool walked = false;  // some open there was a step forward
   };
 
   void Run();
@@ -65,7 +69,8 @@ class DirectoryReadAhead {
   // it; null when the directory cannot be listed. REQUIRES: lock_ held (let go while listing).
   Stream* StreamOf(const std::string& directory, const std::string& name, std::unique_lock<std::mutex>* lock);
   // Moves `walk` to the file at `at`, queueing fills when it moved forward by a step.
-  void Step(const std::string& directory, Walk* walk, long at);  // REQUIRES: lock_ held
+  // True when it was a step forward.
+  bool Step(const std::string& directory, Walk* walk, long at);  // REQUIRES: lock_ held
 
   const int files_ahead_;
   const Lister list_;

@@ -26,8 +26,27 @@ OriginStatus RemoteDrive::CurrentVersion(const std::string& path, bool ask_origi
     // A listing without validators cannot tell a new version from the old.
     OriginEntry entry;
     DriveTime taken;
-    if (listings_.FreshEntry(ParentOf(path), NameOf(path), &entry, &taken) && taken > known &&
-        (entry.is_directory || !entry.validator.empty())) {
+    auto listed = [&] {
+      return listings_.FreshEntry(ParentOf(path), NameOf(path), &entry, &taken) && taken > known &&
+             (entry.is_directory || !entry.validator.empty());
+    };
+    bool found = listed();
+    // A reader walking the directory opens one file after another: one
+    // listing past the window answers for all of them, where each would cost
+    // a Stat of its own.
+    if (!found && read_ahead_ && read_ahead_->Walking(ParentOf(path))) {
+      std::vector<OriginEntry> entries;
+      DriveTime listed_at;
+      const int status = listings_.List(ParentOf(path), &entries, &listed_at);
+      // The listing kept from before: the origin did not answer, nor would a Stat.
+      if (status == 0 && now - listed_at >= window) {
+        *confirmed = now;
+        *error = "its directory could not be listed";
+        return OriginStatus::kUnreachable;
+      }
+      found = status == 0 && listed();
+    }
+    if (found) {
       *info = VersionOf(entry);
       *confirmed = taken;
       return OriginStatus::kOk;
