@@ -21,12 +21,14 @@ class FaultyOrigin : public Origin {
   long long break_after = 0;
   std::atomic<long long> sent{0};
   std::atomic<int> requests{0};
+  std::atomic<int> lists{0};  // of them, directory listings
   std::atomic<bool> silent_space{false};
   std::function<void()> before_upload = [] {};
 
   std::string Describe() const override { return inner_->Describe(); }
   OriginStatus List(const std::string& path, std::vector<OriginEntry>* entries, std::string* error) override {
     ++requests;
+    ++lists;
     return down ? OriginStatus::kUnreachable : inner_->List(path, entries, error);
   }
   OriginStatus Stat(const std::string& path, OriginFileInfo* info, std::string* error) override {
