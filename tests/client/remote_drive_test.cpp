@@ -225,8 +225,7 @@ TEST_F(DriveTest, FilesOpenedOneAfterAnotherBringTheNextFilesFirstMiBIntoTheCach
   drive_->Release(std::move(handle));
   EXPECT_EQ(ReadWhole("/opened-once/b"), "error -5");  // one open is no walk
   EXPECT_EQ(Stat("bytes_served"), 5 * 3000 + 2 * kSector);  // reads ahead serve nobody
-  // Walked again past the window: one listing tells every file's version,
-  // and what was read already is not read ahead again.
+  // Walked again past the window: one listing tells every file's version.
   faulty_->down = false;
   Age();
   const int before = faulty_->requests, lists_before = faulty_->lists;
