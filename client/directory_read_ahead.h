@@ -11,6 +11,7 @@
 // ahead is bounded by `files_ahead` files past the last one opened.
 //
 // Thread safety: every public operation may be called from many threads.
+// The lock is a leaf: the lister and the filler are called without it.
 #pragma once
 
 #include <condition_variable>

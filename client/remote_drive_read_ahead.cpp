@@ -3,7 +3,6 @@
 // cache. It opens the file as a reader would, so what it reads is the
 // version a reader's open would get, and the file stays in the table with
 // that version confirmed: the reader's open then asks the origin nothing.
-#include <algorithm>
 #include <vector>
 
 #include "remote_drive.h"
@@ -30,8 +29,8 @@ bool RemoteDrive::ListFilesOf(const std::string& directory, std::vector<std::str
 void RemoteDrive::ReadAhead(const std::string& path) {
   if (stopping_.load()) return;
   // A file read since the drive learnt of its version has its first bytes
-  // cached already (or dropped for room): opening it again would only ask
-  // the origin for its version past the window, and copy bytes for nothing.
+  // cached already (or dropped for room): reading them again would copy
+  // them for nothing, which a warm walk would do for every file.
   const std::shared_ptr<RemoteFile> known = FindFile(path);
   if (known && TransferCounters::Get(known->counters->bytes_served) > 0) return;
   auto handle = std::make_unique<OpenHandle>();
