@@ -39,16 +39,9 @@ OriginStatus WebDavClient::List(const std::string& path, std::vector<OriginEntry
                                 std::string* error) const {
   entries->clear();
   const std::string url = UrlForPath(base_, path, true);
-  long code = 0;
   std::string answer;
-  const OriginStatus status = Propfind(url, 1, kListingProperties, &code, &answer, error);
+  const OriginStatus status = Multistatus(url, 1, true, &answer, error);
   if (status != OriginStatus::kOk) return status;
-  if (code == 404) return NotFound("PROPFIND", url, error);
-  if (UnknownMethod(code)) {
-    *error = "PROPFIND " + url + ": the server does not list with WebDAV (HTTP " + std::to_string(code) + ")";
-    return OriginStatus::kUnsupported;
-  }
-  if (code != 207) return Answered("PROPFIND", url, code, error);
   std::vector<std::string> warnings;
   std::string parse_error;
   if (!ParsePropfindListing(answer, url, entries, &warnings, &parse_error)) {
@@ -63,16 +56,9 @@ OriginStatus WebDavClient::List(const std::string& path, std::vector<OriginEntry
 
 OriginStatus WebDavClient::Properties(const std::string& path, DavResource* resource, std::string* error) const {
   const std::string url = UrlForPath(base_, path, false);
-  long code = 0;
   std::string answer;
-  const OriginStatus status = Propfind(url, 0, kListingProperties, &code, &answer, error);
+  const OriginStatus status = Multistatus(url, 0, false, &answer, error);
   if (status != OriginStatus::kOk) return status;
-  if (code == 404) return NotFound("PROPFIND", url, error);
-  if (UnknownMethod(code)) {
-    *error = "PROPFIND " + url + ": not supported by the server (HTTP " + std::to_string(code) + ")";
-    return OriginStatus::kUnsupported;
-  }
-  if (code != 207) return Answered("PROPFIND", url, code, error);
   std::vector<DavResource> resources;
   std::string parse_error;
   if (!ParseMultistatus(answer, &resources, &parse_error) || resources.size() != 1) {
@@ -80,6 +66,21 @@ OriginStatus WebDavClient::Properties(const std::string& path, DavResource* reso
     return OriginStatus::kFailed;
   }
   *resource = resources[0];
+  return OriginStatus::kOk;
+}
+
+OriginStatus WebDavClient::Multistatus(const std::string& url, int depth, bool listing, std::string* answer,
+                                       std::string* error) const {
+  long code = 0;
+  const OriginStatus status = Propfind(url, depth, kListingProperties, &code, answer, error);
+  if (status != OriginStatus::kOk) return status;
+  if (code == 404) return NotFound("PROPFIND", url, error);
+  if (UnknownMethod(code)) {
+    *error = "PROPFIND " + url + (listing ? ": the server does not list with WebDAV" : ": not supported by the server") +
+             " (HTTP " + std::to_string(code) + ")";
+    return OriginStatus::kUnsupported;
+  }
+  if (code != 207) return Answered("PROPFIND", url, code, error);
   return OriginStatus::kOk;
 }
 

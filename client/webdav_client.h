@@ -40,6 +40,11 @@ class WebDavClient {
   bool Space(long long* used, long long* available) const;
 
  private:
+  // A PROPFIND that must be answered with a multistatus (207): kOk with its
+  // body, else the status and error a listing (`listing`) or a lookup of
+  // one resource reports.
+  OriginStatus Multistatus(const std::string& url, int depth, bool listing, std::string* answer,
+                           std::string* error) const;
   OriginStatus Propfind(const std::string& url, int depth, const char* body, long* code, std::string* answer,
                         std::string* error) const;
   OriginStatus Move(const std::string& from, const std::string& to, bool directory, long* code,
