@@ -838,19 +838,18 @@ speed() {
       line "200 files after remount, $lname" files/s remount_small_$latency fps
     done
     if [ $use_tools = 1 ]; then
+      # with_write_back LABEL BASE FIELD: the row, then korvmount --write-back 5's.
+      with_write_back() {
+        line "$1" s "$2" "$3"
+        line "  korvmount --write-back 5" s "$2" "$3" "" "" korvwb
+      }
       for latency in 0 "$latency_ms"; do
-        line "write 256 MiB, to close, $latency ms" s write_$latency secs
-        line "  korvmount --write-back 5" s write_$latency secs "" "" korvwb
-        line "write 256 MiB, to origin, $latency ms" s write_$latency origin_secs
-        line "  korvmount --write-back 5" s write_$latency origin_secs "" "" korvwb
-        line "git clone 2,000 files, $latency ms" s git_$latency secs
-        line "  korvmount --write-back 5" s git_$latency secs "" "" korvwb
-        line "  until on the origin" s git_$latency origin_secs
-        line "  korvmount --write-back 5" s git_$latency origin_secs "" "" korvwb
-        line "tar x 2,000 files, $latency ms" s tar_$latency secs
-        line "  korvmount --write-back 5" s tar_$latency secs "" "" korvwb
-        line "  until on the origin" s tar_$latency origin_secs
-        line "  korvmount --write-back 5" s tar_$latency origin_secs "" "" korvwb
+        with_write_back "write 256 MiB, to close, $latency ms" write_$latency secs
+        with_write_back "write 256 MiB, to origin, $latency ms" write_$latency origin_secs
+        with_write_back "git clone 2,000 files, $latency ms" git_$latency secs
+        with_write_back "  until on the origin" git_$latency origin_secs
+        with_write_back "tar x 2,000 files, $latency ms" tar_$latency secs
+        with_write_back "  until on the origin" tar_$latency origin_secs
         line "rsync -a out, cold, $latency ms" s rsync_$latency secs
         line "ls -lR, cold, $latency ms" s ls_$latency secs
         line "cp -r mixed tree out, $latency ms" s cp_$latency secs

@@ -5,6 +5,9 @@
 # script ends (an error, Ctrl-C, or the time limit of `make bench`). The
 # program paths ($korvmount, ...) and rclone_flags are the caller's.
 
+# shellcheck source=../scripts/nginx_webdav.sh
+source "$(dirname "${BASH_SOURCE[0]}")/../scripts/nginx_webdav.sh"
+
 bench_work=""           # scratch directory, removed at the end
 bench_pids=()           # every process started, stopped in reverse order
 declare -A mount_pid=() # mount point -> PID of the process serving it
@@ -190,17 +193,7 @@ start_nginx() {
     for name in korv rclone davfs; do
       port=${name}_port
       servers+="
-  server {
-    listen 127.0.0.1:${!port};
-    access_log $dir/logs/$name.log bench;
-    root $dir/root;
-    autoindex on;
-    autoindex_format json;
-    dav_methods PUT DELETE MKCOL COPY MOVE;
-    dav_ext_methods PROPFIND OPTIONS;
-    create_full_put_path on;
-    client_max_body_size 0;
-  }"
+$(webdav_server "${!port}" "$dir/root" "access_log $dir/logs/$name.log bench;")"
     done
     # Run with -c, nginx reads no modules-enabled: the configuration loads
     # the dav-ext module itself.

@@ -5,6 +5,9 @@
 # Usage: scripts/demo.sh BUILD_DIR
 set -euo pipefail
 
+# shellcheck source=nginx_webdav.sh
+source "$(dirname "${BASH_SOURCE[0]}")/nginx_webdav.sh"
+
 build=${1:-build}
 build=$(cd "$build" && pwd)
 korvmount=$build/client/bin/korvmount
@@ -73,16 +76,7 @@ http {
   fastcgi_temp_path $work/tmp/fastcgi;
   uwsgi_temp_path $work/tmp/uwsgi;
   scgi_temp_path $work/tmp/scgi;
-  server {
-    listen 127.0.0.1:$port;
-    root $work/root;
-    autoindex on;
-    autoindex_format json;
-    dav_methods PUT DELETE MKCOL COPY MOVE;
-    dav_ext_methods PROPFIND OPTIONS;
-    create_full_put_path on;
-    client_max_body_size 0;
-  }
+$(webdav_server "$port" "$work/root")
 }
 CONF
   /usr/sbin/nginx -p "$work/" -c "$work/nginx.conf" 2>> "$work/logs/start.log" &
